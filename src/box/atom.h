@@ -1,0 +1,80 @@
+// The box tree: headers, the box base class and the opaque box.
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <string>
+#include <vector>
+
+#include "box/iostream.h"
+
+// A box header as read from a stream.
+//   size 2..N    : the box's length in 32 bits (8-byte header)
+//   size 1       : largeSize holds the length (16-byte header)
+//   size 0       : the box runs to the end of its enclosing space; Read
+//                  resolves that length into largeSize
+// headerOffset is where the header starts.
+class AtomHeader {
+ public:
+  virtual ~AtomHeader() = default;
+
+  // 0, or -1 with a log line when the header cannot be read or its size
+  // cannot hold the header itself or passes the end of the stream.
+  int Read(IOStream* stream);
+
+  bool isLarge() const { return size == 1; }
+  bool runsToEnd() const { return size == 0 && largeSize != 0; }
+  unsigned headerLength() const { return isLarge() ? 16u : 8u; }
+  // The box's length in bytes, header included, as the header gives it.
+  uint64_t boxLength() const { return size > 1 ? size : largeSize; }
+
+  uint64_t largeSize = 0;
+  uint32_t size = 0;
+  std::string type = "0000";
+  uint64_t headerOffset = 0;
+};
+
+// The base of every box. A box owns its children and deletes them.
+class Atom {
+ public:
+  explicit Atom(const AtomHeader& header);
+  Atom(const Atom&) = delete;
+  Atom& operator=(const Atom&) = delete;
+
+  virtual ~Atom();
+  // Writes header, body and children; the size field written is the number
+  // of bytes actually written. 0 or -1.
+  virtual int Write(IOStream* stream);
+  // Reads a whole box (header and content) at the stream's position.
+  virtual int Read(IOStream* stream);
+  // One indented text line per box, children below their parent.
+  virtual int Dump(IOStream* stream, unsigned indent);
+  virtual int readData(IOStream* stream);
+  virtual int writeData(IOStream* stream);
+  virtual Atom* ReadChild(IOStream* stream);
+  virtual int writeChildren(IOStream* stream);
+
+  // Reads the body and children of a box whose header was just read, never
+  // past the box's end, and leaves the stream at that end. 0 or -1.
+  int ReadContent(IOStream* stream);
+  // Grows the box's recorded size after its body grew in memory.
+  int IncreaseSize(unsigned bytes);
+
+  AtomHeader header;
+  uint32_t auxWord = 0;
+  std::list<Atom*> children;
+
+  // Containers nested deeper than this are refused rather than recursed into.
+  static constexpr unsigned kMaxDepth = 64;
+};
+
+// A box kept as opaque bytes and written back unchanged.
+class UserDefAtom : public Atom {
+ public:
+  explicit UserDefAtom(const AtomHeader& header);
+
+  int readData(IOStream* stream) override;
+  int writeData(IOStream* stream) override;
+
+  std::vector<unsigned char> body;
+};

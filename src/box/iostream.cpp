@@ -1,0 +1,267 @@
+#include "box/iostream.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+
+#include "box/log.h"
+
+namespace {
+
+// One primitive call moves at most this much, so its int result never wraps.
+constexpr unsigned kMaxCall = INT_MAX;
+
+uint64_t loadBe(const unsigned char* bytes, unsigned width) {
+  uint64_t value = 0;
+  for (unsigned i = 0; i < width; ++i) value = (value << 8) | bytes[i];
+  return value;
+}
+
+void storeBe(unsigned char* bytes, uint64_t value, unsigned width) {
+  for (unsigned i = width; i-- > 0;) {
+    bytes[i] = static_cast<unsigned char>(value);
+    value >>= 8;
+  }
+}
+
+}  // namespace
+
+IOStream::~IOStream() = default;
+
+int IOStream::readExactly(unsigned char* buffer, unsigned count) {
+  unsigned done = 0;
+  while (done < count) {
+    int got = read(buffer + done, std::min(count - done, kMaxCall));
+    if (got < 0) return done == 0 ? -1 : static_cast<int>(done);
+    if (got == 0) break;
+    done += static_cast<unsigned>(got);
+  }
+  // Deliberate wrap past INT_MAX; callers compare as unsigned.
+  return static_cast<int>(done);
+}
+
+int IOStream::readByte(uint8_t* value) {
+  unsigned char byte;
+  int got = readExactly(&byte, 1);
+  if (got == 1) *value = byte;
+  return got;
+}
+
+int IOStream::readBe16(uint16_t* value) {
+  unsigned char bytes[2];
+  int got = readExactly(bytes, 2);
+  if (got == 2) *value = static_cast<uint16_t>(loadBe(bytes, 2));
+  return got;
+}
+
+int IOStream::readBe24(uint32_t* value) {
+  unsigned char bytes[3];
+  int got = readExactly(bytes, 3);
+  if (got == 3) *value = static_cast<uint32_t>(loadBe(bytes, 3));
+  return got;
+}
+
+int IOStream::readBe32(uint32_t* value) {
+  unsigned char bytes[4];
+  int got = readExactly(bytes, 4);
+  if (got == 4) *value = static_cast<uint32_t>(loadBe(bytes, 4));
+  return got;
+}
+
+int IOStream::readBe64(unsigned long long* value) {
+  unsigned char bytes[8];
+  int got = readExactly(bytes, 8);
+  if (got == 8) *value = loadBe(bytes, 8);
+  return got;
+}
+
+int IOStream::readBytes(unsigned char* buffer, unsigned count) {
+  return readExactly(buffer, count);
+}
+
+void IOStream::swapArrayOfBe32(uint32_t* array, unsigned count) {
+  auto* bytes = reinterpret_cast<const unsigned char*>(array);
+  for (unsigned i = 0; i < count; ++i) {
+    array[i] = static_cast<uint32_t>(loadBe(bytes + 4ull * i, 4));
+  }
+}
+
+void IOStream::swapArrayOfBe64(unsigned long long* array, unsigned count) {
+  auto* bytes = reinterpret_cast<const unsigned char*>(array);
+  for (unsigned i = 0; i < count; ++i) array[i] = loadBe(bytes + 8ull * i, 8);
+}
+
+int IOStream::writeBytes(const unsigned char* buffer, unsigned count) {
+  unsigned done = 0;
+  while (done < count) {
+    int put = write(buffer + done, std::min(count - done, kMaxCall));
+    if (put < 0) return done == 0 ? -1 : static_cast<int>(done);
+    if (put == 0) break;
+    done += static_cast<unsigned>(put);
+  }
+  return static_cast<int>(done);  // wraps past INT_MAX, as readBytes
+}
+
+int IOStream::writeByte(uint8_t value) { return writeBytes(&value, 1); }
+
+int IOStream::writeBe16(uint16_t value) {
+  unsigned char bytes[2];
+  storeBe(bytes, value, 2);
+  return writeBytes(bytes, 2);
+}
+
+int IOStream::writeBe24(uint32_t value) {
+  unsigned char bytes[3];
+  storeBe(bytes, value, 3);
+  return writeBytes(bytes, 3);
+}
+
+int IOStream::writeBe32(uint32_t value) {
+  unsigned char bytes[4];
+  storeBe(bytes, value, 4);
+  return writeBytes(bytes, 4);
+}
+
+int IOStream::write64(unsigned long long value) {
+  unsigned char bytes[8];
+  storeBe(bytes, value, 8);
+  return writeBytes(bytes, 8);
+}
+
+// ---- MemoryStream ----
+
+MemoryStream::MemoryStream(std::vector<unsigned char> bytes) : bytes_(std::move(bytes)) {}
+
+int MemoryStream::read(unsigned char* buffer, unsigned count) {
+  size_t available = bytes_.size() - position_;
+  size_t n = std::min<size_t>({count, available, kMaxCall});
+  if (n > 0) std::memcpy(buffer, bytes_.data() + position_, n);
+  position_ += n;
+  return static_cast<int>(n);
+}
+
+int MemoryStream::write(const unsigned char* buffer, unsigned count) {
+  size_t n = std::min<size_t>(count, kMaxCall);
+  if (n > bytes_.max_size() - position_) return -1;
+  if (position_ + n > bytes_.size()) bytes_.resize(position_ + n);
+  if (n > 0) std::memcpy(bytes_.data() + position_, buffer, n);
+  position_ += n;
+  return static_cast<int>(n);
+}
+
+int MemoryStream::seek(long long offset) {
+  if (offset < 0 || static_cast<unsigned long long>(offset) > bytes_.size()) return -1;
+  position_ = static_cast<size_t>(offset);
+  return 0;
+}
+
+long long MemoryStream::getOffset() { return static_cast<long long>(position_); }
+
+long long MemoryStream::getLength() { return static_cast<long long>(bytes_.size()); }
+
+const std::vector<unsigned char>& MemoryStream::data() const { return bytes_; }
+
+// ---- FileStream ----
+
+FileStream::FileStream() : buffer_(1 << 20) {
+  file_.pubsetbuf(buffer_.data(), static_cast<std::streamsize>(buffer_.size()));
+}
+
+FileStream::~FileStream() { close(); }
+
+int FileStream::open(const std::string& path, Mode mode) {
+  close();
+  std::ios_base::openmode how = std::ios_base::binary;
+  how |= mode == Mode::Read ? std::ios_base::in : std::ios_base::out | std::ios_base::trunc;
+  if (!file_.open(path, how)) {
+    QX_LOG_Printf("IO", 3, "open %s for %s failed\n", path.c_str(),
+                  mode == Mode::Read ? "reading" : "writing");
+    return -1;
+  }
+  mode_ = mode;
+  position_ = 0;
+  length_ = 0;
+  if (mode == Mode::Read) {
+    std::streampos end = file_.pubseekoff(0, std::ios_base::end, std::ios_base::in);
+    if (end == std::streampos(-1) ||
+        file_.pubseekpos(0, std::ios_base::in) == std::streampos(-1)) {
+      QX_LOG_Printf("IO", 3, "seek in %s failed\n", path.c_str());
+      file_.close();
+      return -1;
+    }
+    length_ = static_cast<long long>(end);
+  }
+  return 0;
+}
+
+int FileStream::close() {
+  if (!file_.is_open()) return 0;
+  return file_.close() ? 0 : -1;
+}
+
+bool FileStream::isOpen() const { return file_.is_open(); }
+
+int FileStream::read(unsigned char* buffer, unsigned count) {
+  if (!file_.is_open() || mode_ != Mode::Read) return -1;
+  std::streamsize got = file_.sgetn(reinterpret_cast<char*>(buffer),
+                                    std::min(count, kMaxCall));
+  position_ += got;
+  return static_cast<int>(got);
+}
+
+int FileStream::write(const unsigned char* buffer, unsigned count) {
+  if (!file_.is_open() || mode_ != Mode::Write) return -1;
+  std::streamsize put = file_.sputn(reinterpret_cast<const char*>(buffer),
+                                    std::min(count, kMaxCall));
+  if (put <= 0 && count > 0) return -1;
+  position_ += put;
+  length_ = std::max(length_, position_);
+  return static_cast<int>(put);
+}
+
+int FileStream::seek(long long offset) {
+  if (!file_.is_open() || offset < 0) return -1;
+  if (mode_ == Mode::Read && offset > length_) return -1;
+  std::ios_base::openmode which = mode_ == Mode::Read ? std::ios_base::in : std::ios_base::out;
+  if (file_.pubseekpos(std::streampos(offset), which) == std::streampos(-1)) return -1;
+  position_ = offset;
+  length_ = std::max(length_, position_);
+  return 0;
+}
+
+long long FileStream::getOffset() { return position_; }
+
+long long FileStream::getLength() { return file_.is_open() ? length_ : -1; }
+
+// ---- BoundedStream ----
+
+BoundedStream::BoundedStream(IOStream* base, long long end) : base_(base), end_(end), depth_(0) {
+  // Nested windows collapse onto the innermost real stream, so a read costs
+  // one indirection however deep the boxes lie.
+  if (auto* outer = dynamic_cast<BoundedStream*>(base)) {
+    base_ = outer->base_;
+    end_ = std::min(end, outer->end_);
+    depth_ = outer->depth_ + 1;
+  }
+}
+
+int BoundedStream::read(unsigned char* buffer, unsigned count) {
+  long long left = end_ - base_->getOffset();
+  if (left <= 0) return 0;
+  return base_->read(buffer, static_cast<unsigned>(std::min<long long>(count, left)));
+}
+
+int BoundedStream::write(const unsigned char*, unsigned) { return -1; }
+
+int BoundedStream::seek(long long offset) {
+  if (offset > end_) return -1;
+  return base_->seek(offset);
+}
+
+long long BoundedStream::getOffset() { return base_->getOffset(); }
+
+long long BoundedStream::getLength() { return end_; }
+
+void logStreamFailure(IOStream* stream, const char* operation) {
+  QX_LOG_Printf("IO", 3, "offset:%lld, %s fail\n", stream->getOffset(), operation);
+}

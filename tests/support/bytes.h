@@ -1,0 +1,36 @@
+// Builds big-endian byte strings for golden-byte tests.
+#pragma once
+
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+using Bytes = std::vector<unsigned char>;
+
+struct ByteWriter {
+  Bytes bytes;
+  ByteWriter& u8(unsigned v) {
+    bytes.push_back(static_cast<unsigned char>(v));
+    return *this;
+  }
+  ByteWriter& be(uint64_t v, unsigned width) {
+    for (unsigned i = width; i-- > 0;) u8(static_cast<unsigned char>(v >> (8 * i)));
+    return *this;
+  }
+  ByteWriter& u24(uint32_t v) { return be(v, 3); }
+  ByteWriter& u32(uint32_t v) { return be(v, 4); }
+  ByteWriter& u64(uint64_t v) { return be(v, 8); }
+  ByteWriter& text(const std::string& s) {
+    bytes.insert(bytes.end(), s.begin(), s.end());
+    return *this;
+  }
+  ByteWriter& append(const Bytes& more) {
+    bytes.insert(bytes.end(), more.begin(), more.end());
+    return *this;
+  }
+  // A box around `body` with an 8-byte header.
+  static Bytes box(const std::string& type, const Bytes& body) {
+    return ByteWriter().u32(static_cast<uint32_t>(8 + body.size())).text(type).append(body).bytes;
+  }
+};
