@@ -1,6 +1,7 @@
 #include "stbl.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <memory>
 #include <stdexcept>
@@ -60,26 +61,39 @@ int ReadTableFromStream(IOStream* stream, unsigned char** out, uint32_t byteCoun
 
 // The fields of one record in file order. Reading and writing both walk
 // this list, so the two cannot disagree on the layout.
-template <class Entry>
-struct Record;
+constexpr std::array<uint32_t SttsEntry::*, 2> membersOf(const SttsEntry*) {
+  return {&SttsEntry::sampleCount, &SttsEntry::sampleDelta};
+}
 
-template <>
-struct Record<uint32_t> {
+constexpr std::array<uint32_t StscEntry::*, 3> membersOf(const StscEntry*) {
+  return {&StscEntry::firstChunk, &StscEntry::samplesPerChunk,
+          &StscEntry::sampleDescriptionIndex};
+}
+
+// A record of 32-bit fields, listed by membersOf.
+template <class Entry>
+struct Record {
   using Word = uint32_t;
+  static constexpr auto kMembers = membersOf(static_cast<const Entry*>(nullptr));
+  static constexpr unsigned kFields = kMembers.size();
+  template <class E>
+  static auto& field(E& entry, unsigned i) { return entry.*kMembers[i]; }
+};
+
+// A record that is a single number; Word is the type the stream converts.
+template <class StreamWord>
+struct NumberRecord {
+  using Word = StreamWord;
   static constexpr unsigned kFields = 1;
   template <class E>
   static E& field(E& entry, unsigned) { return entry; }
 };
 
 template <>
-struct Record<SttsEntry> {
-  using Word = uint32_t;
-  static constexpr uint32_t SttsEntry::*kMembers[] = {&SttsEntry::sampleCount,
-                                                      &SttsEntry::sampleDelta};
-  static constexpr unsigned kFields = 2;
-  template <class E>
-  static auto& field(E& entry, unsigned i) { return entry.*kMembers[i]; }
-};
+struct Record<uint32_t> : NumberRecord<uint32_t> {};
+
+template <>
+struct Record<uint64_t> : NumberRecord<unsigned long long> {};
 
 template <class Entry>
 constexpr unsigned widthOf() {
@@ -96,6 +110,11 @@ struct TableKind {
 };
 
 constexpr TableKind kStts{"stts", widthOf<SttsEntry>(), true};
+constexpr TableKind kStsc{"stsc", widthOf<StscEntry>(), false};
+constexpr TableKind kStsz{"stsz", widthOf<uint32_t>(), false};
+constexpr TableKind kStss{"stss", widthOf<uint32_t>(), false};
+constexpr TableKind kStco{"stco", widthOf<uint32_t>(), false};
+constexpr TableKind kCo64{"co64", widthOf<uint64_t>(), false};
 
 int readVersionFlags(IOStream* stream, uint8_t* version, uint32_t* flags) {
   if (stream->readByte(version) != 1) {
@@ -170,18 +189,25 @@ int loadEntries(IOStream* stream, std::vector<Entry>& entries, uint32_t count,
   return 0;
 }
 
-// The body shared by every table but "stsz": version, flags, count, records.
+// The body every table shares: version, flags, the fields in `leading`
+// (only "stsz" has one), the count, the records. `keptCount`, where given,
+// receives the count once it has passed the guard.
 template <class Entry>
 int readTable(Atom& box, IOStream* stream, uint8_t* version, uint32_t* flags,
-              std::vector<Entry>& entries, const TableKind& kind) {
+              std::vector<Entry>& entries, const TableKind& kind,
+              std::initializer_list<uint32_t*> leading = {}, uint32_t* keptCount = nullptr) {
   if (stream == nullptr) {
     QX_LOG_NULL_PARAM("readData");
     return -1;
   }
   if (readVersionFlags(stream, version, flags) != 0) return -1;
+  for (uint32_t* field : leading) {
+    if (readWord(stream, field) != 0) return -1;
+  }
   uint32_t count = 0;
   const int found = readCount(box, stream, kind, &count);
   if (found <= 0) return found;
+  if (keptCount != nullptr) *keptCount = count;
   return loadEntries(stream, entries, count, kind);
 }
 
@@ -205,21 +231,32 @@ int writeField(IOStream* stream, uint32_t value) {
   return 0;
 }
 
+int writeField(IOStream* stream, unsigned long long value) {
+  if (stream->write64(value) != 8) {
+    logStreamFailure(stream, "writeBe64");
+    return -1;
+  }
+  return 0;
+}
+
 template <class Entry>
 int writeEntries(IOStream* stream, const std::vector<Entry>& entries) {
   using R = Record<Entry>;
   for (const Entry& entry : entries) {
     for (unsigned f = 0; f < R::kFields; ++f) {
-      if (writeField(stream, R::field(entry, f)) != 0) return -1;
+      if (writeField(stream, typename R::Word{R::field(entry, f)}) != 0) return -1;
     }
   }
   return 0;
 }
 
-// Writes version, flags, the number of records held and the records.
+// The mirror of readTable: version, flags, the words of `leading`, the
+// count (`keptCount` where given, else the number of records held) and the
+// records.
 template <class Entry>
 int writeTable(IOStream* stream, uint8_t version, uint32_t flags,
-               const std::vector<Entry>& entries) {
+               const std::vector<Entry>& entries, std::initializer_list<uint32_t> leading = {},
+               const uint32_t* keptCount = nullptr) {
   if (stream == nullptr) {
     QX_LOG_NULL_PARAM("writeData");
     return -1;
@@ -228,10 +265,12 @@ int writeTable(IOStream* stream, uint8_t version, uint32_t flags,
     QX_LOG_Printf("MP4", 3, "%zu entries do not fit a 32-bit count\n", entries.size());
     return -1;
   }
-  if (writeVersionFlags(stream, version, flags) != 0 ||
-      writeField(stream, static_cast<uint32_t>(entries.size())) != 0) {
-    return -1;
+  if (writeVersionFlags(stream, version, flags) != 0) return -1;
+  for (uint32_t word : leading) {
+    if (writeField(stream, word) != 0) return -1;
   }
+  const uint32_t count = keptCount != nullptr ? *keptCount : static_cast<uint32_t>(entries.size());
+  if (writeField(stream, count) != 0) return -1;
   return writeEntries(stream, entries);
 }
 
@@ -291,4 +330,347 @@ uint64_t SttsAtom::totalDuration() const {
     total += static_cast<uint32_t>(run.sampleCount * run.sampleDelta);
   }
   return total;
+}
+
+// ---- stsc ----
+
+StscAtom::StscAtom(const AtomHeader& from) : Atom(from) {}
+
+StscAtom::~StscAtom() = default;
+
+int StscAtom::readData(IOStream* stream) {
+  return readTable(*this, stream, &version, &flags, entries, kStsc);
+}
+
+int StscAtom::writeData(IOStream* stream) { return writeTable(stream, version, flags, entries); }
+
+void StscAtom::addEntry(uint32_t firstChunk, uint32_t samplesPerChunk,
+                        uint32_t sampleDescriptionIndex) {
+  if (!entries.empty() && entries.back().samplesPerChunk == samplesPerChunk &&
+      entries.back().sampleDescriptionIndex == sampleDescriptionIndex) {
+    return;  // the same grouping simply continues
+  }
+  appendEntry(*this, entries, StscEntry{firstChunk, samplesPerChunk, sampleDescriptionIndex},
+              kStsc.width);
+}
+
+void StscAtom::crop2new(const StscAtom*) { appendEntry(*this, entries, entry, kStsc.width); }
+
+void StscAtom::merge(const StscAtom* source, uint32_t first, uint32_t last) {
+  if (source == nullptr) {
+    QX_LOG_NULL_PARAM("merge");
+    return;
+  }
+  const IndexRange range = clampRange(first, last, source->entries.size());
+  reserveMore(entries, range.size());
+  for (size_t i = range.begin; i < range.end; ++i) {
+    const StscEntry& run = source->entries[i];
+    addEntry(run.firstChunk, run.samplesPerChunk, run.sampleDescriptionIndex);
+  }
+}
+
+// ---- stsz ----
+
+StszAtom::StszAtom(const AtomHeader& from) : Atom(from) {}
+
+StszAtom::~StszAtom() = default;
+
+int StszAtom::readData(IOStream* stream) {
+  return readTable(*this, stream, &version, &flags, entries, kStsz, {&sample_size}, &sample_count);
+}
+
+int StszAtom::writeData(IOStream* stream) {
+  return writeTable(stream, version, flags, entries, {sample_size}, &sample_count);
+}
+
+void StszAtom::addEntry(uint32_t size) {
+  appendEntry(*this, entries, size, kStsz.width);
+  ++sample_count;
+}
+
+namespace {
+
+// Appends the sizes of source samples start..end to `table`.
+void copySizes(StszAtom& table, const StszAtom* source, uint32_t start, uint32_t end,
+               const char* operation, bool trace) {
+  if (source == nullptr) {
+    QX_LOG_NULL_PARAM(operation);
+    return;
+  }
+  const IndexRange range = clampRange(start, end, source->entries.size());
+  reserveMore(table.entries, range.size());
+  for (size_t i = range.begin; i < range.end; ++i) {
+    const uint32_t size = source->entries[i];
+    if (trace) QX_LOG_Printf("MP4", 0, "stsz %u\n", size);
+    table.addEntry(size);
+  }
+}
+
+}  // namespace
+
+void StszAtom::crop2new(const StszAtom* source, uint32_t start, uint32_t end) {
+  copySizes(*this, source, start, end, "crop2new", true);
+}
+
+void StszAtom::merge(const StszAtom* source, uint32_t start, uint32_t end) {
+  copySizes(*this, source, start, end, "merge", false);
+}
+
+int32_t StszAtom::getCount() const { return static_cast<int32_t>(entries.size()); }
+
+uint32_t StszAtom::getSizeByNO(uint32_t no) const {
+  if (no == 0 || no > entries.size()) return 0;
+  const uint32_t size = entries[no - 1];
+  QX_LOG_Printf("MP4", 0, "frame no %u frame size %u\n", no, size);
+  return size;
+}
+
+uint64_t StszAtom::TotalSampleSize() const {
+  uint64_t total = 0;
+  for (uint32_t size : entries) total += size;
+  return total;
+}
+
+// ---- stss ----
+
+StssAtom::StssAtom(const AtomHeader& from) : Atom(from) {}
+
+StssAtom::~StssAtom() = default;
+
+int StssAtom::readData(IOStream* stream) {
+  return readTable(*this, stream, &version, &flags, entries, kStss);
+}
+
+int StssAtom::writeData(IOStream* stream) { return writeTable(stream, version, flags, entries); }
+
+void StssAtom::addEntry(uint32_t sampleNo) { appendEntry(*this, entries, sampleNo, kStss.width); }
+
+void StssAtom::getIFrameNumber(uint32_t* no) const {
+  if (no == nullptr) {
+    QX_LOG_NULL_PARAM("getIFrameNumber");
+    return;
+  }
+  const uint32_t wanted = *no;
+  auto found = std::find_if(entries.begin(), entries.end(),
+                            [wanted](uint32_t sync) { return sync >= wanted; });
+  if (found != entries.end()) *no = *found;
+}
+
+namespace {
+
+// Appends the source's sync samples within start..end, each moved by
+// `shift` (32-bit, wrapping). The walk relies on ascending numbers: it ends
+// at the first one past `end`.
+void renumberSyncSamples(StssAtom& table, const StssAtom* source, uint32_t start, uint32_t end,
+                         uint32_t shift, const char* operation, bool trace) {
+  if (source == nullptr) {
+    QX_LOG_NULL_PARAM(operation);
+    return;
+  }
+  const auto& from = source->entries;
+  const auto stop =
+      std::find_if(from.begin(), from.end(), [end](uint32_t sync) { return sync > end; });
+  const auto kept = std::count_if(from.begin(), stop, [start](uint32_t sync) { return sync >= start; });
+  reserveMore(table.entries, static_cast<size_t>(kept));
+  for (auto it = from.begin(); it != stop; ++it) {
+    if (*it < start) continue;
+    const uint32_t renumbered = *it + shift;
+    table.addEntry(renumbered);
+    if (trace) QX_LOG_Printf("MP4", 0, "stss %u \n", renumbered);
+  }
+}
+
+}  // namespace
+
+void StssAtom::crop2new(const StssAtom* source, uint32_t start, uint32_t end) {
+  // Sample `start` becomes sample 1 of the trimmed track.
+  renumberSyncSamples(*this, source, start, end, 1u - start, "crop2new", true);
+}
+
+void StssAtom::merge(const StssAtom* source, uint32_t start, uint32_t end, uint32_t offset) {
+  // Sample `start` follows the `offset` samples already in the joined track.
+  renumberSyncSamples(*this, source, start, end, offset - start + 1u, "merge", false);
+}
+
+// ---- chunk offsets: what stco and co64 share ----
+
+namespace {
+
+// The 1-based number of the first chunk, in stored order, that starts at or
+// after `offset`, traced with `trace`; 0 when there is none. Tables are not
+// assumed sorted, so the first match wins.
+template <class Offset>
+uint32_t findChunk(const std::vector<Offset>& entries, uint64_t offset, const char* trace) {
+  const auto found = std::find_if(entries.begin(), entries.end(),
+                                  [offset](Offset chunk) { return uint64_t{chunk} >= offset; });
+  if (found == entries.end()) return 0;
+  const uint32_t no = static_cast<uint32_t>(found - entries.begin() + 1);
+  QX_LOG_Printf("MP4", 0, trace, static_cast<unsigned long long>(offset), no);
+  return no;
+}
+
+// How a rebasing copy differs between the two tables.
+struct RebaseRules {
+  const char* operation;  // for the null-argument line
+  bool stopsAt32Bits;     // stco cannot hold a position of 4 GiB or more
+  unsigned growth;        // bytes added to the box per copied chunk
+  const char* trace;      // per-chunk trace line, or null
+};
+
+// Appends source chunks start..end, moved so that the first lands at outPos
+// and each later one keeps its distance from its predecessor (64-bit,
+// wrapping). A source offset of 0 counts as "no chunk copied yet", so the
+// chunk after it lands on the same position again: kept on purpose.
+template <class Offset, class Table>
+void rebaseChunks(Table& table, const Table* source, uint32_t start, uint32_t end,
+                  uint64_t outPos, const RebaseRules& rules) {
+  if (source == nullptr) {
+    QX_LOG_NULL_PARAM(rules.operation);
+    return;
+  }
+  const IndexRange range = clampRange(start, end, source->entries.size());
+  reserveMore(table.entries, range.size());
+  uint64_t out = outPos;
+  uint64_t previous = 0;
+  for (size_t i = range.begin; i < range.end; ++i) {
+    const uint64_t in = source->entries[i];
+    if (previous != 0) out = out - previous + in;
+    if (rules.stopsAt32Bits && (out >> 32) != 0) return;
+    table.entries.push_back(static_cast<Offset>(out));
+    if (rules.trace != nullptr) {
+      using TraceIn = std::conditional_t<sizeof(Offset) == 8, unsigned long long, unsigned>;
+      QX_LOG_Printf("MP4", 0, rules.trace, static_cast<TraceIn>(in),
+                    static_cast<unsigned long long>(out));
+    }
+    table.IncreaseSize(rules.growth);
+    previous = in;
+  }
+}
+
+template <class Offset>
+bool chunkExists(const std::vector<Offset>& entries, uint32_t no) {
+  return no != 0 && no <= entries.size();
+}
+
+}  // namespace
+
+// ---- stco ----
+
+StcoAtom::StcoAtom(const AtomHeader& from) : Atom(from) {}
+
+StcoAtom::~StcoAtom() = default;
+
+int StcoAtom::readData(IOStream* stream) {
+  return readTable(*this, stream, &version, &flags, entries, kStco);
+}
+
+int StcoAtom::writeData(IOStream* stream) { return writeTable(stream, version, flags, entries); }
+
+uint64_t StcoAtom::getStartOffset() const { return entries.empty() ? 0 : entries.front(); }
+
+void StcoAtom::addEntry(uint32_t offset) { appendEntry(*this, entries, offset, kStco.width); }
+
+void StcoAtom::getPosByNO(uint32_t no, unsigned long long* pos) const {
+  if (pos == nullptr) {
+    QX_LOG_NULL_PARAM("getPosByNO");
+    return;
+  }
+  // Deliberate: a missing chunk leaves *pos as it was, silently (co64 clears it).
+  if (chunkExists(entries, no)) *pos = entries[no - 1];
+}
+
+void StcoAtom::getFramePos(uint32_t startNo, uint32_t endNo, unsigned long long* startPos,
+                           uint32_t* dataLen) const {
+  if (startPos == nullptr || dataLen == nullptr) {
+    QX_LOG_NULL_PARAM("getFramePos");
+    return;
+  }
+  // A walk from chunk 1 that stops at endNo meets startNo only when it
+  // lies at or before endNo, or when endNo is never met at all.
+  const bool endMet = chunkExists(entries, endNo);
+  const bool startMet = chunkExists(entries, startNo) && (!endMet || startNo <= endNo);
+  uint32_t base = 0;
+  if (startMet && *startPos == 0) {
+    base = entries[startNo - 1];
+    *startPos = base;
+    QX_LOG_Printf("MP4", 0, "start addr %llu startNo %u frameNumber %u \n",
+                  static_cast<unsigned long long>(base), startNo, startNo);
+  }
+  if (endMet) {
+    const uint32_t end = entries[endNo - 1];
+    *dataLen = end - base;  // 32-bit, wraps when endNo lies before startNo
+    QX_LOG_Printf("MP4", 0, "end  addr %u  datalen %u endno %u frameNumber %u\n", end, *dataLen,
+                  endNo, endNo);
+  }
+}
+
+uint32_t StcoAtom::getNextFrameNoByOffset(uint64_t offset) const {
+  const uint32_t no = findChunk(entries, offset, "next frame offset %llu frame no %u \n");
+  // Deliberate: no match gives the chunk count here (co64 gives 0).
+  return no != 0 ? no : static_cast<uint32_t>(entries.size());
+}
+
+uint32_t StcoAtom::getLastFrameNoByOffset(uint64_t offset) const {
+  const uint32_t no = findChunk(entries, offset, "last+1 frame offset %llu frame no %u \n");
+  return no != 0 ? no - 1 : static_cast<uint32_t>(entries.size());
+}
+
+void StcoAtom::crop2new(const StcoAtom* source, uint32_t start, uint32_t end, uint64_t outPos) {
+  rebaseChunks<uint32_t>(*this, source, start, end, outPos,
+                         {"crop2new", true, kStco.width, "stco inpos %u out pos %llu \n"});
+}
+
+void StcoAtom::merge(const StcoAtom* source, uint32_t start, uint32_t end, uint64_t outPos) {
+  rebaseChunks<uint32_t>(*this, source, start, end, outPos, {"merge", true, kStco.width, nullptr});
+}
+
+// ---- co64 ----
+
+Co64Atom::Co64Atom(const AtomHeader& from) : Atom(from) {}
+
+Co64Atom::~Co64Atom() = default;
+
+int Co64Atom::readData(IOStream* stream) {
+  return readTable(*this, stream, &version, &flags, entries, kCo64);
+}
+
+int Co64Atom::writeData(IOStream* stream) { return writeTable(stream, version, flags, entries); }
+
+uint64_t Co64Atom::getStartOffset() const { return entries.empty() ? 0 : entries.front(); }
+
+void Co64Atom::addEntry(uint64_t offset) { appendEntry(*this, entries, offset, kCo64.width); }
+
+void Co64Atom::getPosByNO(uint32_t no, unsigned long long* pos) const {
+  if (pos == nullptr) {
+    QX_LOG_NULL_PARAM("getPosByNO");
+    return;
+  }
+  if (chunkExists(entries, no)) {
+    *pos = entries[no - 1];
+    return;
+  }
+  // Deliberate: a missing chunk clears *pos and is traced (stco leaves it).
+  *pos = 0;
+  QX_LOG_Printf("MP4", 0, "co64::getPosByNO fail\n");
+}
+
+uint32_t Co64Atom::getNextFrameNoByOffset(uint64_t offset) const {
+  // Deliberate: no match gives 0 here (stco gives the chunk count).
+  return findChunk(entries, offset, "next frame offset %llu frame no %u\n");
+}
+
+uint32_t Co64Atom::getLastFrameNoByOffset(uint64_t offset) const {
+  // Deliberate: traced with the "next frame" text, not stco's "last+1".
+  const uint32_t no = findChunk(entries, offset, "next frame offset %llu frame no %u\n");
+  return no != 0 ? no - 1 : static_cast<uint32_t>(entries.size());
+}
+
+void Co64Atom::crop2new(const Co64Atom* source, uint32_t start, uint32_t end, uint64_t outPos) {
+  // Deliberate: the box grows by 4 per 8-byte entry here, by 8 in addEntry and merge.
+  rebaseChunks<uint64_t>(*this, source, start, end, outPos,
+                         {"crop2new", false, 4, "stco inpos %llu out pos %llu\n"});
+}
+
+void Co64Atom::merge(const Co64Atom* source, uint32_t start, uint32_t end, uint64_t outPos) {
+  rebaseChunks<uint64_t>(*this, source, start, end, outPos, {"merge", false, kCo64.width, nullptr});
 }
