@@ -12,3 +12,13 @@ inline bool operator==(const SttsEntry& a, const SttsEntry& b) {
 inline std::ostream& operator<<(std::ostream& out, const SttsEntry& e) {
   return out << "{" << e.sampleCount << ", " << e.sampleDelta << "}";
 }
+
+inline bool operator==(const StscEntry& a, const StscEntry& b) {
+  return a.firstChunk == b.firstChunk && a.samplesPerChunk == b.samplesPerChunk &&
+         a.sampleDescriptionIndex == b.sampleDescriptionIndex;
+}
+
+inline std::ostream& operator<<(std::ostream& out, const StscEntry& e) {
+  return out << "{" << e.firstChunk << ", " << e.samplesPerChunk << ", "
+             << e.sampleDescriptionIndex << "}";
+}
