@@ -674,3 +674,110 @@ void Co64Atom::crop2new(const Co64Atom* source, uint32_t start, uint32_t end, ui
 void Co64Atom::merge(const Co64Atom* source, uint32_t start, uint32_t end, uint64_t outPos) {
   rebaseChunks<uint64_t>(*this, source, start, end, outPos, {"merge", false, kCo64.width, nullptr});
 }
+
+// ---- sample entries ----
+
+AlawAtom::AlawAtom(AtomHeader from) : G711Atom(from) {}
+
+AlawAtom::~AlawAtom() = default;
+
+UlawAtom::UlawAtom(AtomHeader from) : G711Atom(from) {}
+
+UlawAtom::~UlawAtom() = default;
+
+GpmdAtom::GpmdAtom(const AtomHeader& from) : Atom(from) {}
+
+GpmdAtom::~GpmdAtom() = default;
+
+int GpmdAtom::readData(IOStream* stream) {
+  if (stream == nullptr) {
+    QX_LOG_NULL_PARAM("readData");
+    return -1;
+  }
+  uint32_t ignored = 0;
+  for (int word = 0; word < 3; ++word) {
+    if (readWord(stream, &ignored) != 0) return -1;
+  }
+  return 0;
+}
+
+int GpmdAtom::writeData(IOStream* stream) {
+  if (stream == nullptr) {
+    QX_LOG_NULL_PARAM("writeData");
+    return -1;
+  }
+  // Six reserved zero bytes, data-reference index 1, a zero word.
+  for (uint32_t word : {0u, 1u, 0u}) {
+    if (writeField(stream, word) != 0) return -1;
+  }
+  return 0;
+}
+
+// ---- stsd ----
+
+StsdAtom::StsdAtom(const AtomHeader& from) : Atom(from) {}
+
+StsdAtom::~StsdAtom() = default;
+
+int StsdAtom::readData(IOStream* stream) {
+  if (stream == nullptr) {
+    QX_LOG_NULL_PARAM("readData");
+    return -1;
+  }
+  uint32_t droppedCount = 0;
+  if (readVersionFlags(stream, &version, &flags) != 0) return -1;
+  return readWord(stream, &droppedCount);
+}
+
+int StsdAtom::writeData(IOStream* stream) {
+  if (stream == nullptr) {
+    QX_LOG_NULL_PARAM("writeData");
+    return -1;
+  }
+  if (writeVersionFlags(stream, version, flags) != 0) return -1;
+  return writeField(stream, static_cast<uint32_t>(children.size()));
+}
+
+namespace {
+
+template <const char* Variant>
+Atom* makeProres(const AtomHeader& header) {
+  AtomHeader copy(header);
+  return new (std::nothrow) ProresAtom(copy, Variant);
+}
+
+constexpr char kApch[] = "apch";
+constexpr char kApco[] = "apco";
+constexpr char kApcn[] = "apcn";
+constexpr char kApcs[] = "apcs";
+
+// Looked up in this order; the first exact match decides.
+constexpr AtomType kSampleEntries[] = {
+    {"gpmd", &makeAtom<GpmdAtom>},       {"mp4a", &makeAtom<Mp4aAtom>},
+    {"alaw", &makeAtom<AlawAtom>},       {"ulaw", &makeAtom<UlawAtom>},
+    {"avc1", &makeAtom<Avc1Atom>},       {"hvc1", &makeAtom<Hvc1Atom>},
+    {"apch", &makeProres<kApch>},        {"apco", &makeProres<kApco>},
+    {"apcn", &makeProres<kApcn>},        {"apcs", &makeProres<kApcs>},
+};
+
+constexpr AtomType kTableBoxes[] = {
+    {"stsd", &makeAtom<StsdAtom>}, {"stts", &makeAtom<SttsAtom>}, {"stsc", &makeAtom<StscAtom>},
+    {"stsz", &makeAtom<StszAtom>}, {"stss", &makeAtom<StssAtom>}, {"stco", &makeAtom<StcoAtom>},
+    {"co64", &makeAtom<Co64Atom>},
+};
+
+}  // namespace
+
+Atom* StsdAtom::ReadChild(IOStream* stream) {
+  return ReadTypedChild(stream, kSampleEntries, std::size(kSampleEntries));
+}
+
+// ---- stbl ----
+
+StblAtom::StblAtom(const AtomHeader& from) : Atom(from) {}
+
+StblAtom::~StblAtom() = default;
+
+Atom* StblAtom::ReadChild(IOStream* stream) {
+  return ReadTypedChild(stream, kTableBoxes, std::size(kTableBoxes));
+}

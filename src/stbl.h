@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "box/atom.h"
+#include "box/sample_entry.h"
 
 // One run of the time-to-sample table: sampleCount samples of sampleDelta
 // time-scale units each.
@@ -179,4 +180,58 @@ class Co64Atom : public Atom {
   uint8_t version = 0;
   uint32_t flags = 0;
   std::vector<uint64_t> entries;
+};
+
+// G.711 A-law audio ("alaw"). Identical to UlawAtom but for its class.
+class AlawAtom : public G711Atom {
+ public:
+  explicit AlawAtom(AtomHeader header);
+  ~AlawAtom() override;
+};
+
+// G.711 mu-law audio ("ulaw").
+class UlawAtom : public G711Atom {
+ public:
+  explicit UlawAtom(AtomHeader header);
+  ~UlawAtom() override;
+};
+
+// A timed-metadata sample entry ("gpmd"). Its twelve-byte preamble is read
+// past and always written as 0, 1 (the data-reference index), 0: what a
+// file held there is not kept.
+class GpmdAtom : public Atom {
+ public:
+  explicit GpmdAtom(const AtomHeader& header);
+  ~GpmdAtom() override;
+
+  int readData(IOStream* stream) override;
+  int writeData(IOStream* stream) override;
+};
+
+// "stsd": the sample descriptions, one child box per coding.
+class StsdAtom : public Atom {
+ public:
+  explicit StsdAtom(const AtomHeader& header);
+  ~StsdAtom() override;
+
+  // The entry count read is dropped; the count written is the number of
+  // children, so the box stays consistent whatever was added or lost.
+  int readData(IOStream* stream) override;
+  int writeData(IOStream* stream) override;
+  // Reads one sample entry, typed by its coding.
+  Atom* ReadChild(IOStream* stream) override;
+
+  uint8_t version = 0;
+  uint32_t flags = 0;
+  uint32_t entryCount = 0;  // never read nor written: stays 0
+};
+
+// "stbl": the sample table, a pure container of the boxes above.
+class StblAtom : public Atom {
+ public:
+  explicit StblAtom(const AtomHeader& header);
+  ~StblAtom() override;
+
+  // Reads one child, typed by its box type; foreign ones stay opaque.
+  Atom* ReadChild(IOStream* stream) override;
 };

@@ -226,6 +226,35 @@ int Atom::Dump(IOStream* stream, unsigned indent) {
   return 0;
 }
 
+// ---- child factories ----
+
+Atom* ReadTypedChild(IOStream* stream, const AtomType* types, size_t count) {
+  AtomHeader header;
+  if (stream == nullptr) {
+    QX_LOG_NULL_PARAM("ReadChild");
+    return nullptr;
+  }
+  if (header.Read(stream) != 0) return nullptr;
+  const std::string type = header.type;
+  AtomMaker make = &makeAtom<UserDefAtom>;
+  for (size_t i = 0; i < count; ++i) {
+    if (type == types[i].type) {
+      make = types[i].make;
+      break;
+    }
+  }
+  Atom* child = make(header);
+  if (child == nullptr) {
+    QX_LOG_Printf("MP4", 3, "new %s atom no memory\n", type.c_str());
+    return nullptr;
+  }
+  if (child->ReadContent(stream) != 0) {
+    delete child;
+    return nullptr;
+  }
+  return child;
+}
+
 // ---- UserDefAtom ----
 
 UserDefAtom::UserDefAtom(const AtomHeader& from) : Atom(from) {}

@@ -1,8 +1,10 @@
 // The box tree: headers, the box base class and the opaque box.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <list>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -78,3 +80,26 @@ class UserDefAtom : public Atom {
 
   std::vector<unsigned char> body;
 };
+
+// Child factories: a table maps box types to makers, and ReadTypedChild
+// reads one child through it.
+using AtomMaker = Atom* (*)(const AtomHeader& header);
+
+struct AtomType {
+  const char* type;
+  AtomMaker make;
+};
+
+// A maker for box classes built from a header; null when memory runs out.
+template <class Box>
+Atom* makeAtom(const AtomHeader& header) {
+  AtomHeader copy(header);
+  return new (std::nothrow) Box(copy);
+}
+
+// Reads one child box at the stream's position: its header, a box made by
+// the first entry of `types` whose type matches exactly (an opaque
+// UserDefAtom when none does) and its content. Returns the child, or null
+// when the header cannot be read, memory runs out ("new %s atom no memory")
+// or the content fails (the half-read child is deleted).
+Atom* ReadTypedChild(IOStream* stream, const AtomType* types, size_t count);

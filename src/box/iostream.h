@@ -112,6 +112,8 @@ class BoundedStream : public IOStream {
 
   // How many windows enclose this one; bounds the nesting of boxes.
   unsigned depth() const { return depth_; }
+  // The stream beneath every window.
+  IOStream* base() const { return base_; }
 
  private:
   IOStream* base_;

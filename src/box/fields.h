@@ -1,0 +1,51 @@
+// Reading and writing a box body described once as a list of fields.
+//
+// A box lists its body's fields, in file order, in one member template
+//   template <class Visitor> void fields(Visitor& v) { v(a); v(b); ... }
+// and hands a FieldReader or a FieldWriter to it: the two directions walk
+// the same list and cannot drift apart.
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "box/iostream.h"
+
+class FieldReader {
+ public:
+  explicit FieldReader(IOStream* stream) : stream_(stream) {}
+  void operator()(uint8_t& value) { take(stream_->readByte(&value), 1, "readByte"); }
+  void operator()(uint16_t& value) { take(stream_->readBe16(&value), 2, "readBe16"); }
+  void operator()(uint32_t& value) { take(stream_->readBe32(&value), 4, "readBe32"); }
+  void operator()(uint64_t& value);
+  template <size_t N>
+  void operator()(std::array<uint8_t, N>& bytes) {
+    take(stream_->readBytes(bytes.data(), N), static_cast<int>(N), "readBytes");
+  }
+  // 0 when every field was read, -1 after the first failure (logged).
+  int status() const { return failed_ ? -1 : 0; }
+
+ private:
+  void take(int result, int width, const char* operation);
+  IOStream* stream_;
+  bool failed_ = false;
+};
+
+class FieldWriter {
+ public:
+  explicit FieldWriter(IOStream* stream) : stream_(stream) {}
+  void operator()(uint8_t value) { take(stream_->writeByte(value), 1, "writeByte"); }
+  void operator()(uint16_t value) { take(stream_->writeBe16(value), 2, "writeBe16"); }
+  void operator()(uint32_t value) { take(stream_->writeBe32(value), 4, "writeBe32"); }
+  void operator()(uint64_t value) { take(stream_->write64(value), 8, "writeBe64"); }
+  template <size_t N>
+  void operator()(const std::array<uint8_t, N>& bytes) {
+    take(stream_->writeBytes(bytes.data(), N), static_cast<int>(N), "writeBytes");
+  }
+  int status() const { return failed_ ? -1 : 0; }
+
+ private:
+  void take(int result, int width, const char* operation);
+  IOStream* stream_;
+  bool failed_ = false;
+};
