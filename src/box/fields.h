@@ -22,6 +22,10 @@ class FieldReader {
   void operator()(std::array<uint8_t, N>& bytes) {
     take(stream_->readBytes(bytes.data(), N), static_cast<int>(N), "readBytes");
   }
+  // The 24-bit flags of a full box.
+  void u24(uint32_t& value) { take(stream_->readBe24(&value), 3, "readBe24"); }
+  // A 64-bit field stored in 32 bits, as version 0 boxes do.
+  void as32(uint64_t& value);
   // 0 when every field was read, -1 after the first failure (logged).
   int status() const { return failed_ ? -1 : 0; }
 
@@ -42,6 +46,9 @@ class FieldWriter {
   void operator()(const std::array<uint8_t, N>& bytes) {
     take(stream_->writeBytes(bytes.data(), N), static_cast<int>(N), "writeBytes");
   }
+  void u24(uint32_t value) { take(stream_->writeBe24(value), 3, "writeBe24"); }
+  // Deliberately keeps the low 32 bits: the box's version has room for no more.
+  void as32(uint64_t value) { (*this)(static_cast<uint32_t>(value)); }
   int status() const { return failed_ ? -1 : 0; }
 
  private:

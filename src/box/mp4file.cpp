@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "box/log.h"
+#include "box/movie_boxes.h"
 #include "stbl.h"
 
 namespace {
@@ -13,6 +14,8 @@ constexpr AtomType kFileBoxes[] = {
     {"moov", &makeAtom<ContainerAtom>}, {"trak", &makeAtom<ContainerAtom>},
     {"mdia", &makeAtom<ContainerAtom>}, {"minf", &makeAtom<ContainerAtom>},
     {"stbl", &makeAtom<StblAtom>},      {"mdat", &makeAtom<MdatAtom>},
+    {"mvhd", &makeAtom<MvhdAtom>},      {"tkhd", &makeAtom<TkhdAtom>},
+    {"mdhd", &makeAtom<MdhdAtom>},      {"hdlr", &makeAtom<HdlrAtom>},
 };
 
 Atom* readFileBox(IOStream* stream) {

@@ -9,6 +9,12 @@ void FieldReader::operator()(uint64_t& value) {
   if (!failed_) value = wide;
 }
 
+void FieldReader::as32(uint64_t& value) {
+  uint32_t narrow = 0;
+  (*this)(narrow);
+  if (!failed_) value = narrow;
+}
+
 void FieldReader::take(int result, int width, const char* operation) {
   if (failed_) return;
   if (result != width) {

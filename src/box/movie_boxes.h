@@ -1,0 +1,115 @@
+// The movie, track and media headers and the handler box: what a player
+// needs to name a track and its time scale. Versions 0 and 1 are parsed;
+// whatever follows the parsed fields (or a whole body of another version)
+// is kept as raw bytes, so each box is written back as it was read.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "box/atom.h"
+
+// Reads and writes `fields` of a full box, then keeps the rest raw.
+class FullBoxAtom : public Atom {
+ public:
+  explicit FullBoxAtom(const AtomHeader& header);
+
+  uint8_t version = 0;
+  uint32_t flags = 0;
+  std::vector<unsigned char> rest;
+
+ protected:
+  bool hasKnownVersion() const { return version <= 1; }
+  // Time fields are 64-bit in version 1 and 32-bit in version 0.
+  template <class Visitor>
+  void time(Visitor& v, uint64_t& value) {
+    if (version == 1) {
+      v(value);
+    } else {
+      v.as32(value);
+    }
+  }
+  template <class Box>
+  int readFullBox(Box& box, IOStream* stream);
+  template <class Box>
+  int writeFullBox(Box& box, IOStream* stream);
+};
+
+// "mvhd"
+class MvhdAtom : public FullBoxAtom {
+ public:
+  explicit MvhdAtom(const AtomHeader& header);
+  int readData(IOStream* stream) override;
+  int writeData(IOStream* stream) override;
+
+  uint64_t creationTime = 0;
+  uint64_t modificationTime = 0;
+  uint32_t timescale = 0;
+  uint64_t duration = 0;
+
+  template <class Visitor>
+  void fields(Visitor& v) {
+    time(v, creationTime), time(v, modificationTime), v(timescale), time(v, duration);
+  }
+};
+
+// "tkhd"
+class TkhdAtom : public FullBoxAtom {
+ public:
+  explicit TkhdAtom(const AtomHeader& header);
+  int readData(IOStream* stream) override;
+  int writeData(IOStream* stream) override;
+
+  uint64_t creationTime = 0;
+  uint64_t modificationTime = 0;
+  uint32_t trackId = 0;
+  uint32_t reserved = 0;
+  uint64_t duration = 0;
+
+  template <class Visitor>
+  void fields(Visitor& v) {
+    time(v, creationTime), time(v, modificationTime), v(trackId), v(reserved), time(v, duration);
+  }
+};
+
+// "mdhd"
+class MdhdAtom : public FullBoxAtom {
+ public:
+  explicit MdhdAtom(const AtomHeader& header);
+  int readData(IOStream* stream) override;
+  int writeData(IOStream* stream) override;
+
+  uint64_t creationTime = 0;
+  uint64_t modificationTime = 0;
+  uint32_t timescale = 0;
+  uint64_t duration = 0;
+  uint16_t language = 0;  // packed ISO-639-2/T code
+
+  template <class Visitor>
+  void fields(Visitor& v) {
+    time(v, creationTime), time(v, modificationTime), v(timescale), time(v, duration);
+    v(language);
+  }
+};
+
+// "hdlr": the kind of a track ("vide", "soun", "meta", ...). The name that
+// follows the fields is kept in `rest`.
+class HdlrAtom : public FullBoxAtom {
+ public:
+  explicit HdlrAtom(const AtomHeader& header);
+  int readData(IOStream* stream) override;
+  int writeData(IOStream* stream) override;
+
+  std::string handlerType() const;
+
+  uint32_t preDefined = 0;  // QuickTime's component type ("mhlr", "dhlr")
+  std::array<uint8_t, 4> handler{};
+  std::array<uint8_t, 12> reserved{};
+
+  template <class Visitor>
+  void fields(Visitor& v) {
+    v(preDefined), v(handler), v(reserved);
+  }
+};
