@@ -240,12 +240,45 @@ int writeField(IOStream* stream, unsigned long long value) {
 }
 
 template <class Entry>
+int writeFieldByField(IOStream* stream, const Entry* first, size_t count) {
+  using R = Record<Entry>;
+  for (const Entry* entry = first; entry != first + count; ++entry) {
+    for (unsigned f = 0; f < R::kFields; ++f) {
+      if (writeField(stream, typename R::Word{R::field(*entry, f)}) != 0) return -1;
+    }
+  }
+  return 0;
+}
+
+// Writes the records big-endian in blocks, one stream call per block. A
+// stream that stops inside a block has failed inside one record: it is
+// reported at the offset reached, as a write of that record would be. A
+// block refused outright is written again record by record, so that every
+// record before the failing one still reaches the stream.
+template <class Entry>
 int writeEntries(IOStream* stream, const std::vector<Entry>& entries) {
   using R = Record<Entry>;
-  for (const Entry& entry : entries) {
-    for (unsigned f = 0; f < R::kFields; ++f) {
-      if (writeField(stream, typename R::Word{R::field(entry, f)}) != 0) return -1;
+  using Word = typename R::Word;
+  constexpr size_t kBlockEntries = 2048;
+  constexpr unsigned kWidth = widthOf<Entry>();
+  unsigned char block[kBlockEntries * kWidth];
+  for (size_t first = 0; first < entries.size(); first += kBlockEntries) {
+    const size_t count = std::min(kBlockEntries, entries.size() - first);
+    unsigned char* out = block;
+    for (size_t i = first; i < first + count; ++i) {
+      for (unsigned f = 0; f < R::kFields; ++f) {
+        const Word word = R::field(entries[i], f);
+        for (unsigned b = sizeof(Word); b-- > 0;) *out++ = static_cast<unsigned char>(word >> (8 * b));
+      }
     }
+    const unsigned bytes = static_cast<unsigned>(count * kWidth);
+    const int put = stream->writeBytes(block, bytes);
+    if (static_cast<unsigned>(put) == bytes) continue;
+    if (put > 0) {
+      logStreamFailure(stream, sizeof(Word) == 8 ? "writeBe64" : "writeBe32");
+      return -1;
+    }
+    if (writeFieldByField(stream, entries.data() + first, count) != 0) return -1;
   }
   return 0;
 }

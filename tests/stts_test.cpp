@@ -197,6 +197,18 @@ TEST(SttsWrite, EveryStreamFailureIsLoggedWithItsOffset) {
   }
 }
 
+TEST(SttsWrite, AStreamThatRefusesWholeWritesKeepsEveryRecordBeforeTheFailure) {
+  // Records go out in blocks; a refused block is written again record by
+  // record, so the failure lands on the record that does not fit.
+  Table table({{3, 1000}, {1, 1500}, {7, 20}});
+  FaultStream out;
+  out.refuseWritesPast(19);
+  LogCapture log;
+  EXPECT_EQ(table.writeData(&out), -1);
+  EXPECT_EQ(log.only(), (LogLine{"IO", 3, "offset:16, writeBe32 fail\n"}));
+  EXPECT_EQ(out.data(), ByteWriter().u32(0).u32(3).u32(3).u32(1000).bytes);
+}
+
 TEST(SttsNullArguments, AreLoggedAndRefused) {
   Table table({{1, 1}});
   LogCapture log;

@@ -19,6 +19,7 @@ int FaultStream::read(unsigned char* buffer, unsigned count) {
 
 int FaultStream::write(const unsigned char* buffer, unsigned count) {
   if (failsNow()) return -1;
+  if (wholeWrites_ && allowance(count) < count) return -1;
   int put = inner_.write(buffer, allowance(count));
   if (put > 0) moved_ += static_cast<size_t>(put);
   return put;

@@ -15,6 +15,12 @@ class FaultStream : public IOStream {
   void failCall(unsigned n) { failAt_ = n; }
   // After n bytes have moved in total, reads and writes come up short.
   void limitBytes(size_t n) { limit_ = n; }
+  // Writes that would pass n bytes in total are refused whole with -1, as
+  // a device that takes a write entirely or not at all.
+  void refuseWritesPast(size_t n) {
+    limit_ = n;
+    wholeWrites_ = true;
+  }
   // Pretends the length is unknown, as for a pipe.
   void hideLength() { lengthKnown_ = false; }
 
@@ -37,4 +43,5 @@ class FaultStream : public IOStream {
   size_t limit_ = SIZE_MAX;
   size_t moved_ = 0;
   bool lengthKnown_ = true;
+  bool wholeWrites_ = false;
 };
