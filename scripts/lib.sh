@@ -16,4 +16,15 @@ ensure_packages() {
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
 }
 
-BUILD_PACKAGES=(cmake ninja-build g++ libgtest-dev)
+# The library needs only a compiler; the command parses its arguments with
+# CLI11 and writes JSON with nlohmann-json.
+BUILD_PACKAGES=(cmake ninja-build g++ libgtest-dev libcli11-dev nlohmann-json3-dev)
+# The 32-bit build (preset m32).
+M32_PACKAGES=(g++-multilib googletest)
+# The tests also encode real MP4 and QuickTime files (scripts/make_corpus.sh).
+TEST_PACKAGES=(ffmpeg)
+# The libFuzzer targets (scripts/fuzz.sh): clang and its sanitizer runtimes.
+FUZZ_PACKAGES=(clang-14 libclang-rt-14-dev)
+# The benchmarks (scripts/bench.sh): Google Benchmark, the command's parsers,
+# ffprobe to compare with and GNU time for peak memory.
+BENCH_PACKAGES=(libbenchmark-dev libcli11-dev nlohmann-json3-dev ffmpeg time)

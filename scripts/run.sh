@@ -1,11 +1,16 @@
 #!/usr/bin/env bash
-# Builds the project and runs its main job: records a time-to-sample table,
-# writes the box to a file, reads it back and prints it.
+# Builds the mp4stbl command and runs its main job on a file: the summary of
+# every track, then where to start playing half a second in.
+#   scripts/run.sh [FILE]     (default: a sample clip that ships with the repository)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/lib.sh
 ensure_packages "${BUILD_PACKAGES[@]}"
 
+file="${1:-tests/data/h264_aac.mp4}"
 cmake --preset release >/dev/null
-cmake --build --preset release --target record_stts
-./build/release/examples/record_stts build/release/stts.box
+cmake --build --preset release --target mp4stbl_cli >/dev/null
+mp4stbl=build/release/tools/mp4stbl
+"$mp4stbl" info "$file"
+echo
+"$mp4stbl" seek "$file" --time 0.2

@@ -84,9 +84,17 @@ int open(const Options& options, Opened& opened) {
   return 0;
 }
 
+// The track asked for; without --track, the first video track, else the
+// first track.
 const Track* findTrack(const Options& options, const Opened& opened) {
   for (const Track& track : opened.tracks) {
     if (track.id == options.track) return &track;
+  }
+  if (options.track == 0) {
+    for (const Track& track : opened.tracks) {
+      if (track.handler == "vide") return &track;
+    }
+    if (!opened.tracks.empty()) return &opened.tracks.front();
   }
   fail(options, "no track " + std::to_string(options.track));
   return nullptr;
@@ -447,8 +455,10 @@ int main(int argc, char** argv) {
     sub->add_flag("-v,--verbose", options.verbose, "show the library's log lines");
     return sub;
   };
-  auto trackOption = [&](CLI::App* sub) {
-    sub->add_option("--track", options.track, "track id")->required();
+  auto trackOption = [&](CLI::App* sub, bool required) {
+    sub->add_option("--track", options.track, required ? "track id" : "track id (default: the first video track)")
+        ->required(required)
+        ->check(CLI::PositiveNumber);
   };
 
   CLI::App* infoCommand = command("info", "per-track summary of the sample tables");
@@ -456,9 +466,9 @@ int main(int argc, char** argv) {
   dumpCommand->add_option("--entries", options.entries, "entries shown per table, or all")
       ->check(CLI::PositiveNumber | CLI::IsMember({"all"}));
   CLI::App* samplesCommand = command("samples", "one row per sample of a track");
-  trackOption(samplesCommand);
+  trackOption(samplesCommand, true);
   CLI::App* seekCommand = command("seek", "the key frame to start playing from");
-  trackOption(seekCommand);
+  trackOption(seekCommand, false);
   auto* at = seekCommand->add_option_group("position")->require_option(1);
   at->add_option("--time", options.time, "seconds")->check(CLI::NonNegativeNumber);
   at->add_option("--sample", options.sample, "1-based sample number")->check(CLI::PositiveNumber);

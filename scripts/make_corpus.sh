@@ -1,0 +1,76 @@
+#!/usr/bin/env bash
+# Makes the real MP4 and QuickTime files that the whole-file tests read.
+#   scripts/make_corpus.sh OUTDIR           the small set kept in tests/data
+#   scripts/make_corpus.sh OUTDIR --wide    the same, plus longer clips, fast
+#                                           start, several tracks, NTSC rates,
+#                                           B-frames and G.711 audio
+# The flags are chosen so that one ffmpeg build always writes the same bytes:
+# synthetic sources, fixed sizes and durations, bit-exact muxing, no
+# metadata, one encoder thread.
+set -euo pipefail
+
+usage() {
+  echo "usage: $0 OUTDIR [--wide]" >&2
+  exit 2
+}
+[ $# -ge 1 ] && [ $# -le 2 ] || usage
+out="$1"
+wide=0
+if [ $# -eq 2 ]; then
+  [ "$2" = "--wide" ] || usage
+  wide=1
+fi
+command -v ffmpeg >/dev/null || { echo "$0: ffmpeg is not on PATH" >&2; exit 1; }
+mkdir -p "$out"
+
+# Inputs of the next file, gathered by video and tone and used up by make.
+IN=()
+video() { IN+=(-f lavfi -i "testsrc2=size=$1:rate=$2:duration=$3"); }           # SIZE RATE SECONDS
+tone() { IN+=(-f lavfi -i "sine=frequency=${3:-440}:sample_rate=$1:duration=$2"); } # RATE SECONDS [HZ]
+
+X264=(-c:v libx264 -preset ultrafast -threads 1)
+X265=(-c:v libx265 -preset ultrafast -tag:v hvc1 -x265-params log-level=error:pools=none:frame-threads=1)
+AAC=(-c:a aac -b:a 32k)
+
+# make NAME OUTPUT-OPTIONS...: encodes IN into OUTDIR/NAME, the container
+# taken from the extension, through a temporary so no half file is left.
+make() {
+  local name="$1"
+  shift
+  local format=mp4
+  [ "${name##*.}" = "mov" ] && format=mov
+  local tmp="$out/.$name.part"
+  ffmpeg -nostdin -hide_banner -loglevel error -y -fflags +bitexact "${IN[@]}" \
+    -map_metadata -1 -flags:v +bitexact -flags:a +bitexact "$@" -f "$format" "$tmp"
+  mv -f "$tmp" "$out/$name"
+  IN=()
+  echo "$out/$name"
+}
+
+video 96x64 25 0.4 && tone 22050 0.4
+make h264_aac.mp4 -map 0:v -map 1:a "${X264[@]}" "${AAC[@]}"
+video 64x48 25 0.4
+make hevc.mp4 "${X265[@]}"
+video 64x48 25 0.2
+make prores_apcn.mov -c:v prores_ks -profile:v 2
+video 64x48 25 0.2 && tone 22050 0.2
+make prores_apch_aac.mov -map 0:v -map 1:a -c:v prores_ks -profile:v 3 "${AAC[@]}"
+
+[ "$wide" -eq 1 ] || exit 0
+
+video 160x120 25 10 && tone 44100 10
+make long_h264_aac.mp4 -map 0:v -map 1:a "${X264[@]}" -g 50 "${AAC[@]}" -ac 2
+video 128x96 25 2 && tone 48000 2
+make faststart.mp4 -map 0:v -map 1:a "${X264[@]}" "${AAC[@]}" -movflags +faststart
+video 128x96 25 2 && tone 48000 2 && tone 22050 2 880
+make two_audio.mp4 -map 0:v -map 1:a -map 2:a "${X264[@]}" "${AAC[@]}"
+video 96x64 30000/1001 3 && tone 48000 3
+make hevc_ntsc.mp4 -map 0:v -map 1:a "${X265[@]}" "${AAC[@]}"
+video 96x64 24000/1001 3
+make h264_bframes.mp4 -c:v libx264 -preset veryfast -threads 1 -bf 3 -g 24
+video 64x48 25 0.4 && tone 8000 0.4
+make prores_apcs_alaw.mov -map 0:v -map 1:a -c:v prores_ks -profile:v 1 -c:a pcm_alaw
+video 64x48 25 0.4 && tone 8000 0.4
+make prores_apco_ulaw.mov -map 0:v -map 1:a -c:v prores_ks -profile:v 0 -c:a pcm_mulaw
+video 64x48 25 0.4 && tone 16000 0.4
+make h264_ulaw.mov -map 0:v -map 1:a "${X264[@]}" -c:a pcm_mulaw
