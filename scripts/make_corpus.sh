@@ -48,7 +48,7 @@ make() {
 }
 
 video 96x64 25 0.4 && tone 22050 0.4
-make h264_aac.mp4 -map 0:v -map 1:a "${X264[@]}" "${AAC[@]}"
+make h264_aac.mp4 -map 0:v -map 1:a "${X264[@]}" -g 4 "${AAC[@]}"
 video 64x48 25 0.4
 make hevc.mp4 "${X265[@]}"
 video 64x48 25 0.2

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds the mp4stbl command and runs its main job on a file: the summary of
-# every track, then where to start playing half a second in.
+# every track, then where to start playing a tenth of a second in.
 #   scripts/run.sh [FILE]     (default: a sample clip that ships with the repository)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -13,4 +13,4 @@ cmake --build --preset release --target mp4stbl_cli >/dev/null
 mp4stbl=build/release/tools/mp4stbl
 "$mp4stbl" info "$file"
 echo
-"$mp4stbl" seek "$file" --time 0.2
+"$mp4stbl" seek "$file" --time 0.1
