@@ -163,14 +163,18 @@ const std::vector<unsigned char>& MemoryStream::data() const { return bytes_; }
 
 // ---- FileStream ----
 
-FileStream::FileStream() : buffer_(1 << 20) {
-  file_.pubsetbuf(buffer_.data(), static_cast<std::streamsize>(buffer_.size()));
-}
+FileStream::FileStream() = default;
 
 FileStream::~FileStream() { close(); }
 
 int FileStream::open(const std::string& path, Mode mode) {
   close();
+  // The buffer is taken at the first open, so that a stream never opened
+  // costs nothing.
+  if (buffer_.empty()) {
+    buffer_.resize(1 << 20);
+    file_.pubsetbuf(buffer_.data(), static_cast<std::streamsize>(buffer_.size()));
+  }
   std::ios_base::openmode how = std::ios_base::binary;
   how |= mode == Mode::Read ? std::ios_base::in : std::ios_base::out | std::ios_base::trunc;
   if (!file_.open(path, how)) {
