@@ -7,7 +7,9 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
+#include <cstdlib>
 #include <cstdio>
 #include <iostream>
 #include <string>
@@ -464,7 +466,14 @@ int main(int argc, char** argv) {
   CLI::App* infoCommand = command("info", "per-track summary of the sample tables");
   CLI::App* dumpCommand = command("dump", "box tree with the fields and first entries of tables");
   dumpCommand->add_option("--entries", options.entries, "entries shown per table, or all")
-      ->check(CLI::PositiveNumber | CLI::IsMember({"all"}));
+      ->check(CLI::Validator(
+          [](std::string& value) -> std::string {
+            char* end = nullptr;
+            const bool positive = std::isdigit(static_cast<unsigned char>(value[0])) &&
+                                  std::strtoul(value.c_str(), &end, 10) > 0 && *end == '\0';
+            return positive || value == "all" ? "" : "expects a positive number or all";
+          },
+          "N|all"));
   CLI::App* samplesCommand = command("samples", "one row per sample of a track");
   trackOption(samplesCommand, true);
   CLI::App* seekCommand = command("seek", "the key frame to start playing from");
