@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "box/byte_order.h"
 #include "box/log.h"
 #include "box/memory.h"
 
@@ -163,11 +164,19 @@ void reserveMore(std::vector<T>& entries, size_t extra) {
   if (needed > entries.capacity()) entries.reserve(std::max(needed, entries.size() * 2));
 }
 
-// The append rule: a record in place, then the box grows by `width`.
+// The append rule: a record in place, then the box grows by `width`. The
+// record comes by value so that it stays in registers.
 template <class T>
-void appendEntry(Atom& box, std::vector<T>& entries, const T& entry, unsigned width) {
+void appendEntry(Atom& box, std::vector<T>& entries, T entry, unsigned width) {
   entries.push_back(entry);
   box.IncreaseSize(width);
+}
+
+// The same growth for `count` records appended at once.
+void growBy(Atom& box, unsigned width, size_t count) {
+  constexpr size_t kStep = size_t{1} << 26;  // keeps one step within 32 bits
+  for (; count > kStep; count -= kStep) box.IncreaseSize(static_cast<unsigned>(kStep * width));
+  box.IncreaseSize(static_cast<unsigned>(count * width));
 }
 
 // Reads count records with one stream read and appends them in file order.
@@ -181,10 +190,16 @@ int loadEntries(IOStream* stream, std::vector<Entry>& entries, uint32_t count,
   std::unique_ptr<unsigned char, decltype(&std::free)> owner(raw, &std::free);
   const auto* words = reinterpret_cast<const typename R::Word*>(raw);
   reserveMore(entries, count);
-  for (uint32_t i = 0; i < count; ++i) {
-    Entry entry{};
-    for (unsigned f = 0; f < R::kFields; ++f) R::field(entry, f) = words[size_t{i} * R::kFields + f];
-    entries.push_back(entry);
+  if constexpr (R::kFields == 1) {
+    entries.insert(entries.end(), words, words + count);
+  } else {
+    const size_t first = entries.size();
+    entries.resize(first + count);
+    for (uint32_t i = 0; i < count; ++i) {
+      for (unsigned f = 0; f < R::kFields; ++f) {
+        R::field(entries[first + i], f) = words[size_t{i} * R::kFields + f];
+      }
+    }
   }
   return 0;
 }
@@ -266,9 +281,8 @@ int writeEntries(IOStream* stream, const std::vector<Entry>& entries) {
     const size_t count = std::min(kBlockEntries, entries.size() - first);
     unsigned char* out = block;
     for (size_t i = first; i < first + count; ++i) {
-      for (unsigned f = 0; f < R::kFields; ++f) {
-        const Word word = R::field(entries[i], f);
-        for (unsigned b = sizeof(Word); b-- > 0;) *out++ = static_cast<unsigned char>(word >> (8 * b));
+      for (unsigned f = 0; f < R::kFields; ++f, out += sizeof(Word)) {
+        byte_order::store<Word>(out, R::field(entries[i], f));
       }
     }
     const unsigned bytes = static_cast<unsigned>(count * kWidth);
@@ -321,6 +335,55 @@ IndexRange clampRange(uint32_t first, uint32_t last, size_t count) {
   return begin < end ? IndexRange{begin, end} : IndexRange{0, 0};
 }
 
+// Appends from[range] to `to` in one copy; `from` may be `to` itself.
+template <class T>
+void appendRange(std::vector<T>& to, const std::vector<T>& from, IndexRange range) {
+  const auto first = from.begin() + static_cast<std::ptrdiff_t>(range.begin);
+  const auto last = from.begin() + static_cast<std::ptrdiff_t>(range.end);
+  if (&to == &from) {
+    const std::vector<T> copy(first, last);
+    to.insert(to.end(), copy.begin(), copy.end());
+    return;
+  }
+  reserveMore(to, range.size());
+  to.insert(to.end(), first, last);
+}
+
+// Appends runs of a run-length table as addEntry would one by one: a record
+// that `continues` the last run is folded into it by `fold`, any other is
+// appended. Past the first, a record can only continue its predecessor in
+// the source, so the stretches between such records are copied whole.
+template <class Entry, class Continues, class Fold>
+void appendRuns(Atom& box, std::vector<Entry>& entries, const std::vector<Entry>& source,
+                IndexRange range, unsigned width, Continues continues, Fold fold) {
+  for (size_t i = range.begin; i < range.end;) {
+    if (!entries.empty() && continues(entries.back(), source[i])) {
+      fold(entries.back(), source[i++]);
+      continue;
+    }
+    size_t stretch = i + 1;
+    while (stretch < range.end && !continues(source[stretch - 1], source[stretch])) ++stretch;
+    appendRange(entries, source, IndexRange{i, stretch});
+    growBy(box, width, stretch - i);
+    i = stretch;
+  }
+}
+
+bool sameDelta(const SttsEntry& run, const SttsEntry& next) {
+  return run.sampleDelta == next.sampleDelta;
+}
+
+void addCount(SttsEntry& run, const SttsEntry& next) {
+  run.sampleCount += next.sampleCount;  // wraps at 32 bits, as the field does
+}
+
+bool sameGrouping(const StscEntry& run, const StscEntry& next) {
+  return run.samplesPerChunk == next.samplesPerChunk &&
+         run.sampleDescriptionIndex == next.sampleDescriptionIndex;
+}
+
+void keepRun(StscEntry&, const StscEntry&) {}
+
 }  // namespace
 
 // ---- stts ----
@@ -336,11 +399,12 @@ int SttsAtom::readData(IOStream* stream) {
 int SttsAtom::writeData(IOStream* stream) { return writeTable(stream, version, flags, entries); }
 
 void SttsAtom::addEntry(uint32_t sampleCount, uint32_t sampleDelta) {
-  if (!entries.empty() && entries.back().sampleDelta == sampleDelta) {
-    entries.back().sampleCount += sampleCount;  // wraps at 32 bits, as the field does
-    return;
+  const SttsEntry run{sampleCount, sampleDelta};
+  if (!entries.empty() && sameDelta(entries.back(), run)) {
+    addCount(entries.back(), run);
+  } else {
+    appendEntry(*this, entries, run, kStts.width);
   }
-  appendEntry(*this, entries, SttsEntry{sampleCount, sampleDelta}, kStts.width);
 }
 
 void SttsAtom::merge(const SttsAtom* source, uint32_t first, uint32_t last) {
@@ -348,11 +412,8 @@ void SttsAtom::merge(const SttsAtom* source, uint32_t first, uint32_t last) {
     QX_LOG_NULL_PARAM("merge");
     return;
   }
-  const IndexRange range = clampRange(first, last, source->entries.size());
-  reserveMore(entries, range.size());
-  for (size_t i = range.begin; i < range.end; ++i) {
-    addEntry(source->entries[i].sampleCount, source->entries[i].sampleDelta);
-  }
+  appendRuns(*this, entries, source->entries, clampRange(first, last, source->entries.size()),
+             kStts.width, sameDelta, addCount);
 }
 
 uint64_t SttsAtom::totalDuration() const {
@@ -379,12 +440,11 @@ int StscAtom::writeData(IOStream* stream) { return writeTable(stream, version, f
 
 void StscAtom::addEntry(uint32_t firstChunk, uint32_t samplesPerChunk,
                         uint32_t sampleDescriptionIndex) {
-  if (!entries.empty() && entries.back().samplesPerChunk == samplesPerChunk &&
-      entries.back().sampleDescriptionIndex == sampleDescriptionIndex) {
-    return;  // the same grouping simply continues
+  const StscEntry run{firstChunk, samplesPerChunk, sampleDescriptionIndex};
+  // The same grouping simply continues the last run.
+  if (entries.empty() || !sameGrouping(entries.back(), run)) {
+    appendEntry(*this, entries, run, kStsc.width);
   }
-  appendEntry(*this, entries, StscEntry{firstChunk, samplesPerChunk, sampleDescriptionIndex},
-              kStsc.width);
 }
 
 void StscAtom::crop2new(const StscAtom*) { appendEntry(*this, entries, entry, kStsc.width); }
@@ -394,12 +454,8 @@ void StscAtom::merge(const StscAtom* source, uint32_t first, uint32_t last) {
     QX_LOG_NULL_PARAM("merge");
     return;
   }
-  const IndexRange range = clampRange(first, last, source->entries.size());
-  reserveMore(entries, range.size());
-  for (size_t i = range.begin; i < range.end; ++i) {
-    const StscEntry& run = source->entries[i];
-    addEntry(run.firstChunk, run.samplesPerChunk, run.sampleDescriptionIndex);
-  }
+  appendRuns(*this, entries, source->entries, clampRange(first, last, source->entries.size()),
+             kStsc.width, sameGrouping, keepRun);
 }
 
 // ---- stsz ----
@@ -431,12 +487,14 @@ void copySizes(StszAtom& table, const StszAtom* source, uint32_t start, uint32_t
     return;
   }
   const IndexRange range = clampRange(start, end, source->entries.size());
-  reserveMore(table.entries, range.size());
-  for (size_t i = range.begin; i < range.end; ++i) {
-    const uint32_t size = source->entries[i];
-    if (trace) QX_LOG_Printf("MP4", 0, "stsz %u\n", size);
-    table.addEntry(size);
+  if (trace && QX_LOG_Enabled(0)) {
+    for (size_t i = range.begin; i < range.end; ++i) {
+      QX_LOG_Printf("MP4", 0, "stsz %u\n", source->entries[i]);
+    }
   }
+  appendRange(table.entries, source->entries, range);
+  table.sample_count += static_cast<uint32_t>(range.size());  // wraps as one-by-one would
+  growBy(table, kStsz.width, range.size());
 }
 
 }  // namespace
@@ -500,17 +558,22 @@ void renumberSyncSamples(StssAtom& table, const StssAtom* source, uint32_t start
     QX_LOG_NULL_PARAM(operation);
     return;
   }
-  const auto& from = source->entries;
-  const auto stop =
-      std::find_if(from.begin(), from.end(), [end](uint32_t sync) { return sync > end; });
-  const auto kept = std::count_if(from.begin(), stop, [start](uint32_t sync) { return sync >= start; });
-  reserveMore(table.entries, static_cast<size_t>(kept));
-  for (auto it = from.begin(); it != stop; ++it) {
-    if (*it < start) continue;
-    const uint32_t renumbered = *it + shift;
-    table.addEntry(renumbered);
-    if (trace) QX_LOG_Printf("MP4", 0, "stss %u \n", renumbered);
+  const std::vector<uint32_t>& from = source->entries;
+  const size_t stop = static_cast<size_t>(
+      std::find_if(from.begin(), from.end(), [end](uint32_t sync) { return sync > end; }) -
+      from.begin());
+  const auto kept =
+      std::count_if(from.begin(), from.begin() + static_cast<std::ptrdiff_t>(stop),
+                    [start](uint32_t sync) { return sync >= start; });
+  reserveMore(table.entries, static_cast<size_t>(kept));  // `from` may be table.entries
+  const bool tracing = trace && QX_LOG_Enabled(0);
+  for (size_t i = 0; i < stop; ++i) {
+    if (from[i] < start) continue;
+    const uint32_t renumbered = from[i] + shift;
+    table.entries.push_back(renumbered);
+    if (tracing) QX_LOG_Printf("MP4", 0, "stss %u \n", renumbered);
   }
+  growBy(table, kStss.width, static_cast<size_t>(kept));
 }
 
 }  // namespace
@@ -562,22 +625,24 @@ void rebaseChunks(Table& table, const Table* source, uint32_t start, uint32_t en
     return;
   }
   const IndexRange range = clampRange(start, end, source->entries.size());
-  reserveMore(table.entries, range.size());
+  reserveMore(table.entries, range.size());  // source may be table itself
+  const size_t before = table.entries.size();
+  const bool tracing = rules.trace != nullptr && QX_LOG_Enabled(0);
   uint64_t out = outPos;
   uint64_t previous = 0;
   for (size_t i = range.begin; i < range.end; ++i) {
     const uint64_t in = source->entries[i];
     if (previous != 0) out = out - previous + in;
-    if (rules.stopsAt32Bits && (out >> 32) != 0) return;
+    if (rules.stopsAt32Bits && (out >> 32) != 0) break;
     table.entries.push_back(static_cast<Offset>(out));
-    if (rules.trace != nullptr) {
+    if (tracing) {
       using TraceIn = std::conditional_t<sizeof(Offset) == 8, unsigned long long, unsigned>;
       QX_LOG_Printf("MP4", 0, rules.trace, static_cast<TraceIn>(in),
                     static_cast<unsigned long long>(out));
     }
-    table.IncreaseSize(rules.growth);
     previous = in;
   }
+  growBy(table, rules.growth, table.entries.size() - before);
 }
 
 template <class Offset>

@@ -142,16 +142,6 @@ int Atom::ReadContent(IOStream* stream) {
   return 0;
 }
 
-int Atom::IncreaseSize(unsigned bytes) {
-  // 32-bit bookkeeping wraps like the field it mirrors; Write never trusts it.
-  if (header.isLarge()) {
-    header.largeSize += bytes;
-  } else {
-    header.size += bytes;
-  }
-  return 0;
-}
-
 int Atom::Write(IOStream* stream) {
   if (stream == nullptr) {
     QX_LOG_NULL_PARAM("Write");

@@ -59,8 +59,17 @@ class Atom {
   // Reads the body and children of a box whose header was just read, never
   // past the box's end, and leaves the stream at that end. 0 or -1.
   int ReadContent(IOStream* stream);
-  // Grows the box's recorded size after its body grew in memory.
-  int IncreaseSize(unsigned bytes);
+  // Grows the box's recorded size after its body grew in memory: the 64-bit
+  // size of a box with a large header, else the 32-bit one, which wraps like
+  // the field it mirrors (Write never trusts either).
+  int IncreaseSize(unsigned bytes) {
+    if (header.isLarge()) {
+      header.largeSize += bytes;
+    } else {
+      header.size += bytes;
+    }
+    return 0;
+  }
 
   AtomHeader header;
   uint32_t auxWord = 0;

@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstring>
 
+#include "box/byte_order.h"
 #include "box/log.h"
 
 namespace {
@@ -21,6 +22,17 @@ void storeBe(unsigned char* bytes, uint64_t value, unsigned width) {
   for (unsigned i = width; i-- > 0;) {
     bytes[i] = static_cast<unsigned char>(value);
     value >>= 8;
+  }
+}
+
+// std::filebuf reports some system errors (reading a directory, say) by
+// throwing; a stream reports them as a failed call.
+template <class Call>
+auto guarded(Call call, decltype(call()) failure) -> decltype(call()) {
+  try {
+    return call();
+  } catch (const std::exception&) {
+    return failure;
   }
 }
 
@@ -81,14 +93,14 @@ int IOStream::readBytes(unsigned char* buffer, unsigned count) {
 
 void IOStream::swapArrayOfBe32(uint32_t* array, unsigned count) {
   auto* bytes = reinterpret_cast<const unsigned char*>(array);
-  for (unsigned i = 0; i < count; ++i) {
-    array[i] = static_cast<uint32_t>(loadBe(bytes + 4ull * i, 4));
-  }
+  for (unsigned i = 0; i < count; ++i) array[i] = byte_order::load<uint32_t>(bytes + 4ull * i);
 }
 
 void IOStream::swapArrayOfBe64(unsigned long long* array, unsigned count) {
   auto* bytes = reinterpret_cast<const unsigned char*>(array);
-  for (unsigned i = 0; i < count; ++i) array[i] = loadBe(bytes + 8ull * i, 8);
+  for (unsigned i = 0; i < count; ++i) {
+    array[i] = byte_order::load<unsigned long long>(bytes + 8ull * i);
+  }
 }
 
 int IOStream::writeBytes(const unsigned char* buffer, unsigned count) {
@@ -186,9 +198,11 @@ int FileStream::open(const std::string& path, Mode mode) {
   position_ = 0;
   length_ = 0;
   if (mode == Mode::Read) {
-    std::streampos end = file_.pubseekoff(0, std::ios_base::end, std::ios_base::in);
-    if (end == std::streampos(-1) ||
-        file_.pubseekpos(0, std::ios_base::in) == std::streampos(-1)) {
+    const std::streampos failed(-1);
+    const std::streampos end = guarded(
+        [this] { return file_.pubseekoff(0, std::ios_base::end, std::ios_base::in); }, failed);
+    if (end == failed ||
+        guarded([this] { return file_.pubseekpos(0, std::ios_base::in); }, failed) == failed) {
       QX_LOG_Printf("IO", 3, "seek in %s failed\n", path.c_str());
       file_.close();
       return -1;
@@ -200,23 +214,26 @@ int FileStream::open(const std::string& path, Mode mode) {
 
 int FileStream::close() {
   if (!file_.is_open()) return 0;
-  return file_.close() ? 0 : -1;
+  return guarded([this] { return file_.close() != nullptr; }, false) ? 0 : -1;
 }
 
 bool FileStream::isOpen() const { return file_.is_open(); }
 
 int FileStream::read(unsigned char* buffer, unsigned count) {
   if (!file_.is_open() || mode_ != Mode::Read) return -1;
-  std::streamsize got = file_.sgetn(reinterpret_cast<char*>(buffer),
-                                    std::min(count, kMaxCall));
+  const std::streamsize got = guarded(
+      [&] { return file_.sgetn(reinterpret_cast<char*>(buffer), std::min(count, kMaxCall)); },
+      std::streamsize{-1});
+  if (got < 0) return -1;
   position_ += got;
   return static_cast<int>(got);
 }
 
 int FileStream::write(const unsigned char* buffer, unsigned count) {
   if (!file_.is_open() || mode_ != Mode::Write) return -1;
-  std::streamsize put = file_.sputn(reinterpret_cast<const char*>(buffer),
-                                    std::min(count, kMaxCall));
+  const std::streamsize put = guarded(
+      [&] { return file_.sputn(reinterpret_cast<const char*>(buffer), std::min(count, kMaxCall)); },
+      std::streamsize{-1});
   if (put <= 0 && count > 0) return -1;
   position_ += put;
   length_ = std::max(length_, position_);
@@ -227,7 +244,10 @@ int FileStream::seek(long long offset) {
   if (!file_.is_open() || offset < 0) return -1;
   if (mode_ == Mode::Read && offset > length_) return -1;
   std::ios_base::openmode which = mode_ == Mode::Read ? std::ios_base::in : std::ios_base::out;
-  if (file_.pubseekpos(std::streampos(offset), which) == std::streampos(-1)) return -1;
+  const std::streampos failed(-1);
+  if (guarded([&] { return file_.pubseekpos(std::streampos(offset), which); }, failed) == failed) {
+    return -1;
+  }
   position_ = offset;
   length_ = std::max(length_, position_);
   return 0;

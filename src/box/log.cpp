@@ -20,11 +20,15 @@ QxLogHandler QX_LOG_SetHandler(QxLogHandler handler) {
   return previous == &defaultHandler ? nullptr : previous;
 }
 
+bool QX_LOG_Enabled(int level) {
+  return level >= 3 || currentHandler.load(std::memory_order_relaxed) != &defaultHandler;
+}
+
 void QX_LOG_Printf(const char* tag, int level, const char* format, ...) {
-  QxLogHandler handler = currentHandler.load(std::memory_order_relaxed);
   // Tracing lines sit on per-entry paths; the default handler drops them, so
   // they are not even formatted.
-  if (handler == &defaultHandler && level < 3) return;
+  if (!QX_LOG_Enabled(level)) return;
+  QxLogHandler handler = currentHandler.load(std::memory_order_relaxed);
 
   char small[256];
   va_list args;

@@ -9,6 +9,10 @@ using QxLogHandler = void (*)(const char* tag, int level, const char* text);
 // which prints level-3 lines to stderr and drops the rest.
 QxLogHandler QX_LOG_SetHandler(QxLogHandler handler);
 
+// False when a line of this level would be dropped unformatted (the default
+// handler keeps only failures), so that loops can skip tracing altogether.
+bool QX_LOG_Enabled(int level);
+
 #if defined(__GNUC__)
 __attribute__((format(printf, 3, 4)))
 #endif
