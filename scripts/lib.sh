@@ -21,8 +21,9 @@ ensure_packages() {
 BUILD_PACKAGES=(cmake ninja-build g++ libgtest-dev libcli11-dev nlohmann-json3-dev)
 # The 32-bit build (preset m32).
 M32_PACKAGES=(g++-multilib googletest)
-# The tests also encode real MP4 and QuickTime files (scripts/make_corpus.sh).
-TEST_PACKAGES=(ffmpeg)
+# The tests encode real MP4 and QuickTime files (scripts/make_corpus.sh); the
+# micro-benchmarks are built with them so that they cannot rot.
+TEST_PACKAGES=(ffmpeg libbenchmark-dev)
 # The libFuzzer targets (scripts/fuzz.sh): clang and its sanitizer runtimes.
 FUZZ_PACKAGES=(clang-14 libclang-rt-14-dev)
 # The benchmarks (scripts/bench.sh): Google Benchmark, the command's parsers,

@@ -1,0 +1,94 @@
+#!/usr/bin/env bash
+# Whole-file timings: `mp4stbl info` on long recordings, side by side with
+# the least work the same tables need (lower_bound) and with ffprobe.
+#
+#   bench/files.sh            RUNS=7 bench/files.sh     (runs per figure, 5 by default)
+#
+# The recordings are made once under build/bench-data and kept. Each command
+# is run once to warm the page cache, then RUNS times; the figures are the
+# median wall time and the largest peak resident set.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+source scripts/lib.sh
+ensure_packages "${BUILD_PACKAGES[@]}" "${BENCH_PACKAGES[@]}"
+
+RUNS="${RUNS:-5}"
+bin=build/release
+data=build/bench-data
+
+cmake --preset release >/dev/null
+cmake --build --preset release --target mp4stbl_cli make_recording lower_bound
+mkdir -p "$data"
+
+# record NAME OPTIONS...: makes data/NAME.mp4 unless it is already there.
+files=()
+record() {
+  local name="$1"
+  shift
+  files+=("$name")
+  [ -s "$data/$name.mp4" ] && return 0
+  "$bin/bench/make_recording" "$data/$name.mp4.part" "$@"
+  mv -f "$data/$name.mp4.part" "$data/$name.mp4"
+}
+record v1e5-c1 --samples 100000 --per-chunk 1
+record v1e5-c30 --samples 100000 --per-chunk 30
+record v1e6-c1 --samples 1000000 --per-chunk 1
+record v1e6-c30 --samples 1000000 --per-chunk 30
+record v1e7-c1 --samples 10000000 --per-chunk 1
+record v1e7-c30 --samples 10000000 --per-chunk 30
+record av1e6-c1-co64 --samples 1000000 --per-chunk 1 --audio --co64
+
+rss_file="$(mktemp)"
+trap 'rm -f "$rss_file"' EXIT
+
+# measure COMMAND...: prints "MEDIAN_MS PEAK_RSS_KB" over RUNS runs.
+measure() {
+  "$@" >/dev/null 2>&1 || { echo "failed: $*" >&2; exit 1; }
+  local times=() peak=0 start end rss
+  for ((i = 0; i < RUNS; i++)); do
+    start=$(date +%s%N)
+    /usr/bin/time -f %M -o "$rss_file" "$@" >/dev/null 2>&1
+    end=$(date +%s%N)
+    times+=($(((end - start) / 1000)))
+    rss=$(tail -n 1 "$rss_file")
+    if ((rss > peak)); then peak=$rss; fi
+  done
+  local median
+  median=$(printf '%s\n' "${times[@]}" | sort -n | awk '{a[NR] = $1} END {print a[int((NR + 1) / 2)]}')
+  awk -v us="$median" -v kb="$peak" 'BEGIN {printf "%.1f %d\n", us / 1000, kb}'
+}
+
+echo
+echo "machine: $(nproc) CPUs, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ *//'), $(awk '/MemTotal/ {printf "%.1f GiB", $2 / 1048576}' /proc/meminfo)"
+echo "runs per figure: $RUNS (median wall time, largest peak RSS)"
+read -r _ base_rss < <(measure "$bin/tools/mp4stbl" --version)
+echo "mp4stbl --version peak RSS: $((base_rss / 1024)) MiB (the process's own floor)"
+echo
+"$bin/tools/mp4stbl" info "$data/v1e7-c1.mp4"
+echo
+
+declare -A info_ms
+printf '%-14s %8s %8s | %9s %9s %9s | %8s %8s %8s | %8s %8s %8s %8s\n' \
+  file "MiB" "tables" "info ms" "lower ms" "ffprobe" "info MB" "lower MB" "ffpr MB" \
+  "info/lb" "ffp/info" "rss/tab" "net/tab"
+for name in "${files[@]}"; do
+  file="$data/$name.mp4"
+  tables=$("$bin/bench/lower_bound" "$file" | sed -E 's/.*tables ([0-9]+) bytes.*/\1/')
+  read -r info info_rss < <(measure "$bin/tools/mp4stbl" info "$file")
+  read -r lower lower_rss < <(measure "$bin/bench/lower_bound" "$file")
+  read -r probe probe_rss < <(measure ffprobe -v error -show_streams "$file")
+  info_ms[$name]=$info
+  awk -v n="$name" -v size="$(stat -c %s "$file")" -v t="$tables" -v i="$info" -v l="$lower" \
+    -v p="$probe" -v ir="$info_rss" -v lr="$lower_rss" -v pr="$probe_rss" -v base="$base_rss" 'BEGIN {
+      printf "%-14s %8.1f %8.1f | %9.1f %9.1f %9.1f | %8.1f %8.1f %8.1f | %8.2f %8.2f %8.2f %8.2f\n",
+        n, size / 1048576, t / 1048576, i, l, p, ir / 1024, lr / 1024, pr / 1024,
+        i / l, p / i, ir * 1024 / t, (ir - base) * 1024 / t }'
+done
+echo
+echo "columns: MiB and tables in MiB; times are median ms; MB columns are peak RSS in MiB;"
+echo "rss/tab = info's peak RSS / table bytes; net/tab = the same less mp4stbl --version's RSS"
+echo
+for chunking in c1 c30; do
+  awk -v c="$chunking" -v a="${info_ms[v1e7-$chunking]}" -v b="${info_ms[v1e6-$chunking]}" \
+    'BEGIN {printf "info(10^7)/info(10^6), %s: %.2f\n", c, a / b}'
+done
