@@ -369,20 +369,19 @@ void appendRuns(Atom& box, std::vector<Entry>& entries, const std::vector<Entry>
   }
 }
 
-bool sameDelta(const SttsEntry& run, const SttsEntry& next) {
+// The folding rules of the two run tables, as function objects so that the
+// bulk walk inlines them.
+constexpr auto sameDelta = [](const SttsEntry& run, const SttsEntry& next) {
   return run.sampleDelta == next.sampleDelta;
-}
-
-void addCount(SttsEntry& run, const SttsEntry& next) {
+};
+constexpr auto addCount = [](SttsEntry& run, const SttsEntry& next) {
   run.sampleCount += next.sampleCount;  // wraps at 32 bits, as the field does
-}
-
-bool sameGrouping(const StscEntry& run, const StscEntry& next) {
+};
+constexpr auto sameGrouping = [](const StscEntry& run, const StscEntry& next) {
   return run.samplesPerChunk == next.samplesPerChunk &&
          run.sampleDescriptionIndex == next.sampleDescriptionIndex;
-}
-
-void keepRun(StscEntry&, const StscEntry&) {}
+};
+constexpr auto keepRun = [](StscEntry&, const StscEntry&) {};
 
 }  // namespace
 
@@ -565,13 +564,15 @@ void renumberSyncSamples(StssAtom& table, const StssAtom* source, uint32_t start
   const auto kept =
       std::count_if(from.begin(), from.begin() + static_cast<std::ptrdiff_t>(stop),
                     [start](uint32_t sync) { return sync >= start; });
-  reserveMore(table.entries, static_cast<size_t>(kept));  // `from` may be table.entries
+  const size_t before = table.entries.size();
+  table.entries.resize(before + static_cast<size_t>(kept));  // `from` may be table.entries
+  uint32_t* out = table.entries.data() + before;
   const bool tracing = trace && QX_LOG_Enabled(0);
   for (size_t i = 0; i < stop; ++i) {
     if (from[i] < start) continue;
-    const uint32_t renumbered = from[i] + shift;
-    table.entries.push_back(renumbered);
-    if (tracing) QX_LOG_Printf("MP4", 0, "stss %u \n", renumbered);
+    *out = from[i] + shift;
+    if (tracing) QX_LOG_Printf("MP4", 0, "stss %u \n", *out);
+    ++out;
   }
   growBy(table, kStss.width, static_cast<size_t>(kept));
 }
@@ -625,23 +626,25 @@ void rebaseChunks(Table& table, const Table* source, uint32_t start, uint32_t en
     return;
   }
   const IndexRange range = clampRange(start, end, source->entries.size());
-  reserveMore(table.entries, range.size());  // source may be table itself
   const size_t before = table.entries.size();
+  table.entries.resize(before + range.size());  // source may be table itself
+  Offset* out = table.entries.data() + before;
   const bool tracing = rules.trace != nullptr && QX_LOG_Enabled(0);
-  uint64_t out = outPos;
+  uint64_t position = outPos;
   uint64_t previous = 0;
-  for (size_t i = range.begin; i < range.end; ++i) {
+  for (size_t i = range.begin; i < range.end; ++i, ++out) {
     const uint64_t in = source->entries[i];
-    if (previous != 0) out = out - previous + in;
-    if (rules.stopsAt32Bits && (out >> 32) != 0) break;
-    table.entries.push_back(static_cast<Offset>(out));
+    if (previous != 0) position = position - previous + in;
+    if (rules.stopsAt32Bits && (position >> 32) != 0) break;
+    *out = static_cast<Offset>(position);
     if (tracing) {
       using TraceIn = std::conditional_t<sizeof(Offset) == 8, unsigned long long, unsigned>;
       QX_LOG_Printf("MP4", 0, rules.trace, static_cast<TraceIn>(in),
-                    static_cast<unsigned long long>(out));
+                    static_cast<unsigned long long>(position));
     }
     previous = in;
   }
+  table.entries.resize(static_cast<size_t>(out - table.entries.data()));
   growBy(table, rules.growth, table.entries.size() - before);
 }
 
