@@ -1,6 +1,6 @@
 // The mp4stbl command run as a user runs it: its samples and summaries
-// against ffprobe on every real file, seeking on a clip with many key
-// frames, verify on intact and altered copies, exit codes and messages.
+// against ffprobe on every real file, seeking and verify on the shipped clip,
+// exit codes and messages.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,7 +12,6 @@
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -28,12 +27,6 @@ struct Outcome {
   json doc() const { return json::parse(out, nullptr, false); }
 };
 
-std::string quote(const std::string& arg) {
-  std::string quoted = "'";
-  for (char c : arg) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return quoted + "'";
-}
-
 std::string scratch(const std::string& name) {
   return ::testing::TempDir() + "mp4stbl_cli_" + std::to_string(getpid()) + "_" + name;
 }
@@ -46,14 +39,15 @@ std::string slurp(const std::string& path) {
 // Runs `program args...`, stdout through a pipe, stderr through a file.
 Outcome run(const std::string& program, const std::vector<std::string>& args) {
   const std::string errors = scratch("stderr");
-  std::string command = quote(program);
-  for (const std::string& arg : args) command += " " + quote(arg);
+  std::string command = "'" + program + "'";
+  for (const std::string& arg : args) command += " '" + arg + "'";  // no quotes in any arg
   Outcome result;
-  FILE* pipe = popen((command + " 2>" + quote(errors)).c_str(), "r");
+  FILE* pipe = popen((command + " 2>'" + errors + "'").c_str(), "r");
   if (pipe == nullptr) return result;
   char block[65536];
-  for (size_t got; (got = std::fread(block, 1, sizeof block, pipe)) > 0;)
+  for (size_t got; (got = std::fread(block, 1, sizeof block, pipe)) > 0;) {
     result.out.append(block, got);
+  }
   const int status = pclose(pipe);
   result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   result.err = slurp(errors);
@@ -61,13 +55,7 @@ Outcome run(const std::string& program, const std::vector<std::string>& args) {
   return result;
 }
 
-std::vector<std::string> words(const std::string& line) {
-  std::istringstream in(line);
-  return std::vector<std::string>(std::istream_iterator<std::string>(in), {});
-}
-
 Outcome cli(const std::vector<std::string>& args) { return run(MP4STBL_CLI, args); }
-Outcome ffprobe(const std::vector<std::string>& args) { return run("ffprobe", args); }
 
 // ffprobe writes most numbers as strings.
 long long number(const json& value) {
@@ -85,56 +73,49 @@ std::vector<std::string> mediaFiles(const std::string& dir) {
   return files;
 }
 
-// G.711 files whose sample size table has a default size and no table: the
-// library refuses them whole (see file_test.cpp).
-const std::set<std::string> kRefused = {"prores_apcs_alaw.mov", "prores_apco_ulaw.mov",
-                                        "h264_ulaw.mov"};
-
 json samplesOf(const std::string& path, unsigned track) {
   const Outcome listed = cli({"samples", path, "--track", std::to_string(track), "--json"});
   EXPECT_EQ(listed.status, 0) << listed.err;
   const json doc = listed.doc();
-  EXPECT_FALSE(doc.is_discarded()) << listed.out;
   return doc.is_discarded() ? json::array() : doc["samples"];
 }
 
 // Every sample of every track as ffprobe's packets, the track summaries as
 // ffprobe's frame counts and summed packet durations, and an identical
-// write-back.
+// write-back. The G.711 files, whose stsz has no table, are refused.
 void compareWithFfprobe(const std::string& path) {
   SCOPED_TRACE(path);
-  if (kRefused.count(fs::path(path).filename().string()) != 0) {
-    for (const char* command : {"info", "verify"}) {
-      const Outcome refused = cli({command, path});
-      EXPECT_EQ(refused.status, 1) << command;
-      EXPECT_NE(refused.err.find("mp4stbl: " + path + ": cannot be read"), npos) << refused.err;
-    }
+  static const std::set<std::string> refused = {"prores_apcs_alaw.mov", "prores_apco_ulaw.mov",
+                                                "h264_ulaw.mov"};
+  if (refused.count(fs::path(path).filename().string()) != 0) {
+    const Outcome info = cli({"info", path});
+    EXPECT_EQ(info.status, 1);
+    EXPECT_NE(info.err.find("mp4stbl: " + path + ": cannot be read"), npos) << info.err;
     return;
   }
   const Outcome info = cli({"info", path, "--json"});
   ASSERT_EQ(info.status, 0) << info.err;
   const json tracks = info.doc()["tracks"];
   const Outcome probed =
-      ffprobe({"-v", "error", "-show_entries", "stream=index,id,nb_frames", "-of", "json", path});
+      run("ffprobe", {"-v", "error", "-show_entries", "stream=index,id,nb_frames", "-of", "json",
+                      path});
   ASSERT_EQ(probed.status, 0) << probed.err;
   const json streams = json::parse(probed.out)["streams"];
   ASSERT_EQ(tracks.size(), streams.size());
   for (size_t index = 0; index < tracks.size(); ++index) {
-    const json& track = tracks[index];
-    const auto id = track["id"].get<unsigned>();
+    const auto id = tracks[index]["id"].get<unsigned>();
     SCOPED_TRACE("track " + std::to_string(id));
     ASSERT_EQ(std::stoul(streams[index]["id"].get<std::string>(), nullptr, 16), id);
     const Outcome packetRun =
-        ffprobe({"-v", "error", "-select_streams", std::to_string(index), "-show_entries",
-                 "packet=pos,size,flags,duration", "-of", "json", path});
+        run("ffprobe", {"-v", "error", "-select_streams", std::to_string(index), "-show_entries",
+                        "packet=pos,size,flags,duration", "-of", "json", path});
     ASSERT_EQ(packetRun.status, 0) << packetRun.err;
     const json packets = json::parse(packetRun.out)["packets"];
     const json samples = samplesOf(path, id);
     ASSERT_EQ(samples.size(), packets.size());
     long long elapsed = 0;
     for (size_t i = 0; i < samples.size(); ++i) {
-      const json& ours = samples[i];
-      const json& theirs = packets[i];
+      const json &ours = samples[i], &theirs = packets[i];
       SCOPED_TRACE("sample " + std::to_string(i + 1));
       ASSERT_EQ(ours["number"], i + 1);
       EXPECT_EQ(ours["offset"], number(theirs["pos"]));
@@ -144,8 +125,8 @@ void compareWithFfprobe(const std::string& path) {
       EXPECT_EQ(ours["decodeTime"], elapsed);
       elapsed += number(theirs.value("duration", json(0)));
     }
-    EXPECT_EQ(track["samples"], number(streams[index]["nb_frames"]));
-    EXPECT_EQ(track["duration"], elapsed);
+    EXPECT_EQ(tracks[index]["samples"], number(streams[index]["nb_frames"]));
+    EXPECT_EQ(tracks[index]["duration"], elapsed);
   }
   const Outcome verified = cli({"verify", path, "--json"});
   EXPECT_EQ(verified.status, 0) << verified.out << verified.err;
@@ -167,194 +148,69 @@ TEST(CliAgainstFfprobe, WideCorpus) {
 // The written stsd count is the number of entries held, so a stored count of
 // 7 over one entry comes back as 1: verify names its low byte and the box.
 TEST(CliVerify, NamesTheFirstDifferenceAndItsBox) {
-  const std::string kStsd = "moov/trak/mdia/minf/stbl/stsd";
-  for (const char* name : {"h264_aac.mp4", "prores_apch_aac.mov"}) {
-    const std::string original = slurp(std::string(MP4STBL_TEST_DATA) + "/" + name);
-    std::vector<size_t> stsds;  // one per track
-    for (size_t at = original.find("stsd"); at != npos; at = original.find("stsd", at + 1)) {
-      stsds.push_back(at - 4);
-    }
-    ASSERT_EQ(stsds.size(), 2u) << name;
-    for (size_t stsd : stsds) {
-      SCOPED_TRACE(std::string(name) + " stsd at " + std::to_string(stsd));
-      std::string bytes = original;
-      ASSERT_EQ(bytes.substr(stsd + 12, 4), std::string("\0\0\0\1", 4));
-      bytes[stsd + 15] = 7;
-      const std::string altered = scratch(name);
-      std::ofstream(altered, std::ios::binary) << bytes;
-      const uint64_t at = stsd + 15;
-      const Outcome text = cli({"verify", altered}), asJson = cli({"verify", altered, "--json"});
-      EXPECT_EQ(text.status, 1);
-      EXPECT_EQ(text.out, altered + ": differs when written back, first at offset " +
-                              std::to_string(at) + ", in " + kStsd + "\n");
-      EXPECT_EQ(asJson.status, 1);
-      EXPECT_EQ(asJson.doc(), json({{"file", altered},
-                                    {"identical", false},
-                                    {"bytes", bytes.size()},
-                                    {"firstDifference", at},
-                                    {"box", kStsd}}));
-      std::remove(altered.c_str());
-    }
-  }
+  std::string bytes = slurp(std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4");
+  const size_t at = bytes.find("stsd") + 11;
+  ASSERT_EQ(bytes.substr(at - 3, 4), std::string("\0\0\0\1", 4));
+  bytes[at] = 7;
+  const std::string altered = scratch("altered.mp4");
+  std::ofstream(altered, std::ios::binary) << bytes;
+  const Outcome verified = cli({"verify", altered});
+  EXPECT_EQ(verified.status, 1);
+  EXPECT_EQ(verified.out, altered + ": differs when written back, first at offset " +
+                              std::to_string(at) + ", in moov/trak/mdia/minf/stbl/stsd\n");
+  std::remove(altered.c_str());
 }
 
-// A clip with a key frame every 5 video frames and interleaved audio, so
-// chunks hold several samples.
-class CliSeek : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    clip_ = scratch("g5.mp4");
-    std::vector<std::string> args = words(
-        "-nostdin -v error -y -f lavfi -i testsrc2=size=64x48:rate=25:duration=2 -f lavfi -i "
-        "sine=sample_rate=8000:duration=2 -map 0:v -map 1:a -c:v libx264 -preset ultrafast "
-        "-threads 1 -g 5 -c:a aac -b:a 16k");
-    args.push_back(clip_);
-    const Outcome made = run("ffmpeg", args);
-    ASSERT_EQ(made.status, 0) << made.err;
-  }
-  static void TearDownTestSuite() { std::remove(clip_.c_str()); }
-
-  // Checks `seek` with `position` on track `track` (samples listed by
-  // `samples`, timescale `scale`): the first key frame at or after `asked`,
-  // and the bytes through `last` (0: the end).
-  static void expectSeek(unsigned track, const json& samples, double scale,
-                         std::vector<std::string> position, unsigned asked, unsigned last = 0) {
-    SCOPED_TRACE("track " + std::to_string(track) + " " + position[0] + " " + position[1]);
-    std::vector<std::string> args = {"seek", clip_, "--track", std::to_string(track), "--json"};
+// Seeking in the shipped clip (video key frames 1, 5 and 9; samples 8 and 9
+// share chunk 8): the key frame to decode from and the bytes to read.
+TEST(CliSeek, FindsTheNextKeyFrameAndTheBytesToRead) {
+  const std::string clip = std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4";
+  const std::string through10 = " to play through sample 10\n";
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      {{"--sample", "1"}, "sample 1 -> key frame 1 at 0.000 s, chunk 1, offset 315\n"
+                          "read bytes 315..13502 (13187 bytes)" + through10},
+      {{"--sample", "2"}, "sample 2 -> key frame 5 at 0.160 s, chunk 5, offset 5731\n"
+                          "read bytes 5731..13502 (7771 bytes)" + through10},
+      {{"--time", "0.25"}, "sample 7 -> key frame 9 at 0.320 s, chunk 8, offset 10400\n"
+                           "read bytes 9677..13502 (3825 bytes)" + through10},
+  };
+  for (const auto& [position, answer] : cases) {
+    std::vector<std::string> args = {"seek", clip};
     args.insert(args.end(), position.begin(), position.end());
-    if (last != 0) args.insert(args.end(), {"--end-sample", std::to_string(last)});
     const Outcome sought = cli(args);
-    auto key = std::find_if(samples.begin() + (asked - 1), samples.end(),
-                            [](const json& s) { return s["sync"].get<bool>(); });
-    if (key == samples.end()) {
-      EXPECT_EQ(sought.status, 1);
-      EXPECT_EQ(sought.err, "mp4stbl: " + clip_ + ": no key frame at or after sample " +
-                                std::to_string(asked) + "\n");
-      return;
-    }
-    ASSERT_EQ(sought.status, 0) << sought.err;
-    auto chunkStart = [&](const json& sample) {
-      return std::find_if(samples.begin(), samples.end(),
-                          [&](const json& s) { return s["chunk"] == sample["chunk"]; })
-          ->at("offset")
-          .get<uint64_t>();
-    };
-    const size_t through = last == 0 ? samples.size() : last;
-    const json& end = samples[std::max(through, (*key)["number"].get<size_t>()) - 1];
-    const json doc = sought.doc();
-    EXPECT_EQ(doc["requestedSample"], asked);
-    EXPECT_EQ(doc["keyFrame"], (*key)["number"]);
-    EXPECT_EQ(doc["chunk"], (*key)["chunk"]);
-    EXPECT_EQ(doc["offset"], (*key)["offset"]);
-    EXPECT_DOUBLE_EQ(doc["keyFrameTime"].get<double>(), (*key)["decodeTime"].get<double>() / scale);
-    EXPECT_EQ(doc["chunkOffset"], chunkStart(*key));
-    EXPECT_EQ(doc["rangeStart"], chunkStart(*key));
-    EXPECT_EQ(doc["chunkDistance"], chunkStart(end) - chunkStart(*key));
-    EXPECT_EQ(doc["endSample"], end["number"]);
-    EXPECT_EQ(doc["rangeLength"],
-              end["offset"].get<uint64_t>() + end["size"].get<uint64_t>() - chunkStart(*key));
+    EXPECT_EQ(sought.status, 0) << sought.err;
+    EXPECT_EQ(sought.out, "track 1: " + answer);
   }
-
-  static std::string clip_;
-};
-std::string CliSeek::clip_;
-
-TEST_F(CliSeek, EverySampleAndTimeFindsTheNextKeyFrame) {
-  const json tracks = cli({"info", clip_, "--json"}).doc()["tracks"];
-  ASSERT_EQ(tracks.size(), 2u);
-  const double scale = tracks[0]["timescale"];
-  const json video = samplesOf(clip_, 1);
-  ASSERT_EQ(video.size(), 50u);
-  ASSERT_GE(std::count_if(video.begin(), video.end(), [](const json& s) { return s["sync"]; }), 5);
-  ASSERT_NE(video[0]["chunk"], video[49]["chunk"]) << "the video lies in several chunks";
-  for (unsigned n = 1; n <= video.size(); ++n) {
-    expectSeek(1, video, scale, {"--sample", std::to_string(n)}, n);
-    // At a sample's start, and half way through it.
-    const auto start = video[n - 1]["decodeTime"].get<double>();
-    const auto duration = video[n - 1]["duration"].get<double>();
-    for (double t : {start, start + duration / 2}) {
-      expectSeek(1, video, scale, {"--time", std::to_string(t / scale)}, n);
-    }
-  }
-  expectSeek(1, video, scale, {"--time", "1000"}, 50);  // past the end: the last sample
-  for (unsigned n : {1u, 3u, 14u, 30u}) {
-    expectSeek(1, video, scale, {"--sample", std::to_string(n)}, n, n + 4);
-  }
-  expectSeek(1, video, scale, {"--sample", "9"}, 9, 2);  // an end before the key frame
-
-  // Every audio sample is a key frame.
-  const json audio = samplesOf(clip_, 2);
-  ASSERT_GE(audio.size(), 10u);
-  for (unsigned n = 1; n <= audio.size(); ++n) {
-    expectSeek(2, audio, tracks[1]["timescale"], {"--sample", std::to_string(n)}, n, n);
-  }
-  // Without --track: the first video track.
-  EXPECT_EQ(cli({"seek", clip_, "--sample", "2", "--json"}).doc()["track"], 1);
+  const Outcome none = cli({"seek", clip, "--sample", "10"});
+  EXPECT_EQ(none.status, 1);
+  EXPECT_EQ(none.err, "mp4stbl: " + clip + ": no key frame at or after sample 10\n");
+  // A key frame that does not start its chunk: the bytes start with the chunk.
+  const Outcome late = cli({"seek", clip, "--sample", "6", "--end-sample", "7", "--json"});
+  EXPECT_EQ(late.doc(), json({{"file", clip}, {"track", 1}, {"requestedSample", 6},
+                              {"keyFrame", 9}, {"keyFrameTime", 4096.0 / 12800}, {"chunk", 8},
+                              {"offset", 10400}, {"chunkOffset", 9677}, {"chunkDistance", 0},
+                              {"endSample", 9}, {"rangeStart", 9677}, {"rangeLength", 3193}}));
 }
 
-// Files that cannot be read fail every command with 1 and a message naming
-// the file; bad arguments fail with 2 before any file is opened.
+// Unreadable files and failed checks exit with 1 and a message naming the
+// file; bad arguments exit with 2.
 TEST(CliErrors, ExitCodesAndMessages) {
   const std::string good = std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4";
-  const std::string bytes = slurp(good);
-  const size_t moov = bytes.find("moov") - 4;
-  const std::string text = scratch("notes.txt"), cutMdat = scratch("cut_mdat.mp4"),
-                    cutMoov = scratch("cut_moov.mp4");
+  const std::string missing = scratch("missing.mp4"), text = scratch("notes.txt");
   std::ofstream(text) << "these are not the boxes you are looking for\n";
-  std::ofstream(cutMdat, std::ios::binary) << bytes.substr(0, moov / 2);
-  std::ofstream(cutMoov, std::ios::binary) << bytes.substr(0, moov + (bytes.size() - moov) / 2);
-  const struct {
-    std::string path, message;
-  } unreadable[] = {
-      {scratch("missing.mp4"), "cannot open the file"},
-      {text, "not an MP4 file"},
-      {cutMdat, "cannot be read (box mdat at offset 40 claims"},
-      {cutMoov, "cannot be read (box moov at offset " + std::to_string(moov) + " claims"},
-  };
-  const std::vector<std::vector<std::string>> commands = {
-      {"info"}, {"dump"}, {"verify"}, {"samples", "--track", "1"}, {"seek", "--sample", "1"}};
-  for (const auto& file : unreadable) {
-    for (std::vector<std::string> args : commands) {
-      args.insert(args.begin() + 1, file.path);
-      SCOPED_TRACE(args[0] + " " + file.path);
-      const Outcome failed = cli(args);
-      EXPECT_EQ(failed.status, 1);
-      EXPECT_EQ(failed.out, "");
-      EXPECT_EQ(failed.err.rfind("mp4stbl: " + file.path + ": " + file.message, 0), 0u)
-          << failed.err;
-    }
-  }
-
-  const struct {
-    std::vector<std::string> args;
-    int status;
-    std::string out, err;
-  } cases[] = {
-      {{"info", good, "--bogus"}, 2, "", "--bogus"},
-      {{"dump", good, "--entries", "0"}, 2, "", "--entries"},
-      {{"dump", good, "--entries", "some"}, 2, "", "--entries"},
-      {{"samples", good}, 2, "", "--track is required"},
-      {{"samples", good, "--track", "0"}, 2, "", "--track"},
-      {{"seek", good, "--track", "1"}, 2, "", "--time,--sample"},
-      {{"seek", good, "--sample", "1", "--time", "0"}, 2, "", "--time,--sample"},
-      {{"info"}, 2, "", "FILE is required"},
-      {{"frobnicate", good}, 2, "", ""},
-      {{}, 2, "", "A subcommand is required"},
-      {{"samples", good, "--track", "9"}, 1, "", "mp4stbl: " + good + ": no track 9\n"},
-      {{"seek", good, "--sample", "999"}, 1, "", "mp4stbl: " + good + ": no such sample\n"},
-      {{"--version"}, 0, "mp4stbl " MP4STBL_VERSION "\n", ""},
-      {{"--help"}, 0, "verify", ""},
-      {{"seek", "--help"}, 0, "--end-sample", ""},
+  const struct { std::vector<std::string> args; int status; std::string err; } cases[] = {
+      {{"info", missing}, 1, "mp4stbl: " + missing + ": cannot open the file\n"},
+      {{"dump", text}, 1, "mp4stbl: " + text + ": not an MP4 file"},
+      {{"seek", good, "--sample", "999"}, 1, "mp4stbl: " + good + ": no such sample\n"},
+      {{"info", good, "--bogus"}, 2, "--bogus"},
   };
   for (const auto& c : cases) {
     const Outcome result = cli(c.args);
-    SCOPED_TRACE(json(c.args).dump());
-    EXPECT_EQ(result.status, c.status) << result.err;
-    // Output only on success, messages only on failure.
-    EXPECT_TRUE(c.out.empty() ? result.out.empty() : result.out.find(c.out) != npos) << result.out;
-    EXPECT_TRUE(c.status == 0 ? result.err.empty() : result.err.find(c.err) != npos) << result.err;
+    EXPECT_EQ(result.status, c.status) << json(c.args).dump();
+    EXPECT_EQ(result.out, "");
+    EXPECT_NE(result.err.find(c.err), npos) << result.err;
   }
-  for (const std::string& path : {text, cutMdat, cutMoov}) std::remove(path.c_str());
+  std::remove(text.c_str());
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
-// A stream over memory that fails on demand, to drive every failure path.
+// A stream over memory whose reads and writes come up short on demand, to
+// drive every failure path.
 #pragma once
 
 #include <cstddef>
@@ -11,8 +12,6 @@ class FaultStream : public IOStream {
  public:
   explicit FaultStream(std::vector<unsigned char> bytes = {});
 
-  // The n-th call of read() or write() (1-based) returns -1.
-  void failCall(unsigned n) { failAt_ = n; }
   // After n bytes have moved in total, reads and writes come up short.
   void limitBytes(size_t n) { limit_ = n; }
   // Writes that would pass n bytes in total are refused whole with -1, as
@@ -21,27 +20,20 @@ class FaultStream : public IOStream {
     limit_ = n;
     wholeWrites_ = true;
   }
-  // Pretends the length is unknown, as for a pipe.
-  void hideLength() { lengthKnown_ = false; }
 
   int read(unsigned char* buffer, unsigned count) override;
   int write(const unsigned char* buffer, unsigned count) override;
-  int seek(long long offset) override;
-  long long getOffset() override;
-  long long getLength() override;
+  int seek(long long offset) override { return inner_.seek(offset); }
+  long long getOffset() override { return inner_.getOffset(); }
+  long long getLength() override { return inner_.getLength(); }
 
   const std::vector<unsigned char>& data() const { return inner_.data(); }
-  unsigned calls() const { return calls_; }
 
  private:
-  bool failsNow();
   unsigned allowance(unsigned count) const;
 
   MemoryStream inner_;
-  unsigned calls_ = 0;
-  unsigned failAt_ = 0;
   size_t limit_ = SIZE_MAX;
   size_t moved_ = 0;
-  bool lengthKnown_ = true;
   bool wholeWrites_ = false;
 };

@@ -1,6 +1,7 @@
 // Captures the library's log lines for the lifetime of the object.
 #pragma once
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -15,23 +16,35 @@ struct LogLine {
   }
 };
 
+inline std::ostream& operator<<(std::ostream& out, const LogLine& line) {
+  return out << "{" << line.tag << ", " << line.level << ", \"" << line.text << "\"}";
+}
+
 class LogCapture {
  public:
-  LogCapture();
-  ~LogCapture();
+  LogCapture() : previous_(QX_LOG_SetHandler(&capture)) { captured().clear(); }
+  ~LogCapture() {
+    QX_LOG_SetHandler(previous_);
+    captured().clear();
+  }
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  const std::vector<LogLine>& lines() const;
+  const std::vector<LogLine>& lines() const { return captured(); }
   // The single line logged, or an empty line when there were none or many.
-  LogLine only() const;
-  void clear();
+  LogLine only() const { return captured().size() == 1 ? captured().front() : LogLine{"", -1, ""}; }
+  void clear() { captured().clear(); }
 
  private:
+  static std::vector<LogLine>& captured() {
+    static std::vector<LogLine> lines;
+    return lines;
+  }
+  static void capture(const char* tag, int level, const char* text) {
+    captured().push_back(LogLine{tag, level, text});
+  }
   QxLogHandler previous_;
 };
 
 // The null-argument line of a function, less its source line number.
 bool isNullParamLine(const LogLine& line, const std::string& function);
-
-std::ostream& operator<<(std::ostream& out, const LogLine& line);
