@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Writes the seed corpora of the fuzz targets into fuzz/corpus/<target>/.
+"""Writes the starting corpora of the fuzz targets into fuzz/corpus/<target>/.
 
     python3 fuzz/make_seeds.py
 

@@ -2,7 +2,7 @@
 # Builds the libFuzzer targets (fuzz preset) and runs one of them from its
 # seed corpus for a while.
 #   scripts/fuzz.sh TARGET SECONDS      TARGET: fuzz_file, fuzz_child or fuzz_edit
-# The seeds in fuzz/corpus/TARGET are copied to a scratch directory first, so
+# The inputs in fuzz/corpus/TARGET are copied to a scratch directory first, so
 # the inputs the fuzzer adds never land in the source tree. Any crash, leak,
 # timeout or memory-limit report fails the run; the input that caused it is
 # kept in build/fuzz/findings/TARGET/.

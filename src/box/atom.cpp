@@ -249,22 +249,16 @@ Atom* ReadTypedChild(IOStream* stream, const AtomType* types, size_t count) {
 
 UserDefAtom::UserDefAtom(const AtomHeader& from) : Atom(from) {}
 
-int UserDefAtom::readData(IOStream* stream) {
-  if (stream == nullptr) {
-    QX_LOG_NULL_PARAM("readData");
-    return -1;
-  }
+int readRestOfBox(IOStream* stream, const AtomHeader& box, std::vector<unsigned char>* bytes) {
   const long long left = stream->getLength() - stream->getOffset();
   if (stream->getLength() < 0 || left < 0 ||
-      static_cast<unsigned long long>(left) > body.max_size()) {
-    logBadSize(header.type, static_cast<long long>(header.headerOffset),
-               header.boxLength());
-    return -1;
+      static_cast<unsigned long long>(left) > bytes->max_size()) {
+    return logBadSize(box.type, static_cast<long long>(box.headerOffset), box.boxLength());
   }
-  body.resize(static_cast<size_t>(left));
-  for (size_t done = 0; done < body.size();) {
-    const unsigned piece = static_cast<unsigned>(std::min<size_t>(body.size() - done, kChunk));
-    if (static_cast<unsigned>(stream->readBytes(body.data() + done, piece)) != piece) {
+  bytes->resize(static_cast<size_t>(left));
+  for (size_t done = 0; done < bytes->size();) {
+    const unsigned piece = static_cast<unsigned>(std::min<size_t>(bytes->size() - done, kChunk));
+    if (static_cast<unsigned>(stream->readBytes(bytes->data() + done, piece)) != piece) {
       logStreamFailure(stream, "readBytes");
       return -1;
     }
@@ -273,18 +267,30 @@ int UserDefAtom::readData(IOStream* stream) {
   return 0;
 }
 
-int UserDefAtom::writeData(IOStream* stream) {
-  if (stream == nullptr) {
-    QX_LOG_NULL_PARAM("writeData");
-    return -1;
-  }
-  for (size_t done = 0; done < body.size();) {
-    const unsigned piece = static_cast<unsigned>(std::min<size_t>(body.size() - done, kChunk));
-    if (static_cast<unsigned>(stream->writeBytes(body.data() + done, piece)) != piece) {
+int writeRawBytes(IOStream* stream, const std::vector<unsigned char>& bytes) {
+  for (size_t done = 0; done < bytes.size();) {
+    const unsigned piece = static_cast<unsigned>(std::min<size_t>(bytes.size() - done, kChunk));
+    if (static_cast<unsigned>(stream->writeBytes(bytes.data() + done, piece)) != piece) {
       logStreamFailure(stream, "writeBytes");
       return -1;
     }
     done += piece;
   }
   return 0;
+}
+
+int UserDefAtom::readData(IOStream* stream) {
+  if (stream == nullptr) {
+    QX_LOG_NULL_PARAM("readData");
+    return -1;
+  }
+  return readRestOfBox(stream, header, &body);
+}
+
+int UserDefAtom::writeData(IOStream* stream) {
+  if (stream == nullptr) {
+    QX_LOG_NULL_PARAM("writeData");
+    return -1;
+  }
+  return writeRawBytes(stream, body);
 }

@@ -90,6 +90,12 @@ class UserDefAtom : public Atom {
   std::vector<unsigned char> body;
 };
 
+// Raw bytes of a body: everything from the stream's position to the end of
+// the box's window, and their writer, in pieces. Both log a failure and
+// return -1.
+int readRestOfBox(IOStream* stream, const AtomHeader& box, std::vector<unsigned char>* bytes);
+int writeRawBytes(IOStream* stream, const std::vector<unsigned char>& bytes);
+
 // Child factories: a table maps box types to makers, and ReadTypedChild
 // reads one child through it.
 using AtomMaker = Atom* (*)(const AtomHeader& header);

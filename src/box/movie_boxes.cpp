@@ -16,10 +16,7 @@ int FullBoxAtom::readFullBox(Box& box, IOStream* stream) {
   reader.u24(flags);
   if (reader.status() == 0 && hasKnownVersion()) box.fields(reader);
   if (reader.status() != 0) return -1;
-  UserDefAtom tail(header);
-  if (tail.readData(stream) != 0) return -1;
-  rest = std::move(tail.body);
-  return 0;
+  return readRestOfBox(stream, header, &rest);
 }
 
 template <class Box>
@@ -33,9 +30,7 @@ int FullBoxAtom::writeFullBox(Box& box, IOStream* stream) {
   writer.u24(flags);
   if (hasKnownVersion()) box.fields(writer);
   if (writer.status() != 0) return -1;
-  UserDefAtom tail(header);
-  tail.body = rest;
-  return tail.writeData(stream);
+  return writeRawBytes(stream, rest);
 }
 
 MvhdAtom::MvhdAtom(const AtomHeader& from) : FullBoxAtom(from) {}

@@ -15,20 +15,23 @@ void FieldReader::as32(uint64_t& value) {
   if (!failed_) value = narrow;
 }
 
+namespace {
+
+// Marks the first failed call of a field walk, logging it once.
+void noteResult(IOStream* stream, bool* failed, int result, int width, const char* operation) {
+  if (*failed || result == width) return;
+  logStreamFailure(stream, operation);
+  *failed = true;
+}
+
+}  // namespace
+
 void FieldReader::take(int result, int width, const char* operation) {
-  if (failed_) return;
-  if (result != width) {
-    logStreamFailure(stream_, operation);
-    failed_ = true;
-  }
+  noteResult(stream_, &failed_, result, width, operation);
 }
 
 void FieldWriter::take(int result, int width, const char* operation) {
-  if (failed_) return;
-  if (result != width) {
-    logStreamFailure(stream_, operation);
-    failed_ = true;
-  }
+  noteResult(stream_, &failed_, result, width, operation);
 }
 
 namespace {
@@ -48,11 +51,11 @@ bool isRunOfBoxes(const std::vector<unsigned char>& bytes) {
 // Reads what follows an entry's fields up to the end of its box: opaque
 // child boxes when it is a clean run of boxes, raw bytes otherwise.
 int readEntryTail(Atom& entry, IOStream* stream, std::vector<unsigned char>& tail) {
-  UserDefAtom rest(entry.header);
+  std::vector<unsigned char> rest;
   const long long start = stream->getOffset();
-  if (rest.readData(stream) != 0) return -1;
-  if (!isRunOfBoxes(rest.body)) {
-    tail = std::move(rest.body);
+  if (readRestOfBox(stream, entry.header, &rest) != 0) return -1;
+  if (!isRunOfBoxes(rest)) {
+    tail = std::move(rest);
     return 0;
   }
   if (stream->seek(start) != 0) {
@@ -88,12 +91,7 @@ int writeEntry(Entry& entry, IOStream* stream) {
   FieldWriter writer(stream);
   entry.fields(writer);
   if (writer.status() != 0) return -1;
-  const unsigned size = static_cast<unsigned>(entry.tail.size());
-  if (static_cast<unsigned>(stream->writeBytes(entry.tail.data(), size)) != size) {
-    logStreamFailure(stream, "writeBytes");
-    return -1;
-  }
-  return 0;
+  return writeRawBytes(stream, entry.tail);
 }
 
 }  // namespace
