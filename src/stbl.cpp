@@ -274,9 +274,11 @@ template <class Entry>
 int writeEntries(IOStream* stream, const std::vector<Entry>& entries) {
   using R = Record<Entry>;
   using Word = typename R::Word;
-  constexpr size_t kBlockEntries = 2048;
+  // Large blocks: a file stream hands big writes straight to the system.
+  constexpr size_t kBlockEntries = (size_t{1} << 18) / widthOf<Entry>();
   constexpr unsigned kWidth = widthOf<Entry>();
-  unsigned char block[kBlockEntries * kWidth];
+  std::vector<unsigned char> storage(std::min(kBlockEntries, entries.size()) * kWidth);
+  unsigned char* const block = storage.data();
   for (size_t first = 0; first < entries.size(); first += kBlockEntries) {
     const size_t count = std::min(kBlockEntries, entries.size() - first);
     unsigned char* out = block;
