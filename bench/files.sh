@@ -2,11 +2,12 @@
 # Whole-file timings: `mp4stbl info` on long recordings, side by side with
 # the least work the same tables need (lower_bound) and with ffprobe.
 #
-#   bench/files.sh            RUNS=7 bench/files.sh     (runs per figure, 5 by default)
+#   bench/files.sh              RUNS=9 bench/files.sh   (runs per figure; 5 by default)
 #
-# The recordings are made once under build/bench-data and kept. Each command
-# is run once to warm the page cache, then RUNS times; the figures are the
-# median wall time and the largest peak resident set.
+# The recordings are made once under build/bench-data and kept (delete the
+# directory to make them again). Each command is run once to warm the page
+# cache, then RUNS times; the figures are the median wall time and the
+# largest peak resident set.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/lib.sh
