@@ -550,6 +550,14 @@ void StssAtom::getIFrameNumber(uint32_t* no) const {
 
 namespace {
 
+// The index of the first number at or past `start` before `stop`.
+size_t firstKept(const std::vector<uint32_t>& numbers, size_t stop, uint32_t start) {
+  const auto end = numbers.begin() + static_cast<std::ptrdiff_t>(stop);
+  return static_cast<size_t>(
+      std::find_if(numbers.begin(), end, [start](uint32_t n) { return n >= start; }) -
+      numbers.begin());
+}
+
 // Appends the source's sync samples within start..end, each moved by
 // `shift` (32-bit, wrapping). The walk relies on ascending numbers: it ends
 // at the first one past `end`.
@@ -570,6 +578,13 @@ void renumberSyncSamples(StssAtom& table, const StssAtom* source, uint32_t start
   table.entries.resize(before + static_cast<size_t>(kept));  // `from` may be table.entries
   uint32_t* out = table.entries.data() + before;
   const bool tracing = trace && QX_LOG_Enabled(0);
+  if (!tracing && static_cast<size_t>(kept) == stop - firstKept(from, stop, start)) {
+    // Ascending, as the format wants: the kept numbers are one stretch.
+    const uint32_t* in = from.data() + (stop - static_cast<size_t>(kept));
+    for (size_t i = 0; i < static_cast<size_t>(kept); ++i) out[i] = in[i] + shift;
+    growBy(table, kStss.width, static_cast<size_t>(kept));
+    return;
+  }
   for (size_t i = 0; i < stop; ++i) {
     if (from[i] < start) continue;
     *out = from[i] + shift;
