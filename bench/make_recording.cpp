@@ -20,10 +20,13 @@
 #include <vector>
 
 #include "box/atom.h"
-#include "box/iostream.h"
+#include "box/file_stream.h"
+#include "box/stream.h"
 #include "box/movie_boxes.h"
 #include "box/mp4file.h"
 #include "stbl.h"
+
+using namespace mp4stbl;
 
 namespace {
 

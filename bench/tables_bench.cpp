@@ -25,8 +25,11 @@
 #include <vector>
 
 #include "box/atom.h"
-#include "box/iostream.h"
+#include "box/file_stream.h"
+#include "box/stream.h"
 #include "stbl.h"
+
+using namespace mp4stbl;
 
 namespace {
 

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "box/atom.h"
+#include "box/file_stream.h"
 #include "stbl.h"
 
 namespace {
@@ -32,17 +33,17 @@ int main(int argc, char** argv) {
   recorded.addEntry(1, 1000);
 
   {
-    FileStream out;
-    if (out.open(path, FileStream::Mode::Write) != 0 || recorded.Write(&out) != 0 ||
+    mp4stbl::FileStream out;
+    if (out.open(path, mp4stbl::FileStream::Mode::Write) != 0 || recorded.Write(&out) != 0 ||
         out.close() != 0) {
       std::fprintf(stderr, "record_stts: cannot write %s\n", path.c_str());
       return 1;
     }
   }
 
-  FileStream in;
+  mp4stbl::FileStream in;
   SttsAtom readBack(sttsHeader());
-  if (in.open(path, FileStream::Mode::Read) != 0 || readBack.Read(&in) != 0) {
+  if (in.open(path, mp4stbl::FileStream::Mode::Read) != 0 || readBack.Read(&in) != 0) {
     std::fprintf(stderr, "record_stts: cannot read %s back\n", path.c_str());
     return 1;
   }

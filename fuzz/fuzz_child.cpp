@@ -6,9 +6,11 @@
 #include <cstdint>
 #include <vector>
 
-#include "box/iostream.h"
+#include "box/stream.h"
 #include "box/log.h"
 #include "stbl.h"
+
+using namespace mp4stbl;
 
 namespace {
 
@@ -27,7 +29,7 @@ std::vector<unsigned char> written(Atom* child) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const bool silenced = (QX_LOG_SetHandler(&quiet), true);
+  static const bool silenced = (mp4stbl::setLogSink({&quiet, 0}), true);
   (void)silenced;
   if (size == 0) return 0;
 

@@ -15,6 +15,8 @@
 #include "box/log.h"
 #include "stbl.h"
 
+using namespace mp4stbl;
+
 namespace {
 
 constexpr size_t kMaxTable = 3000;  // keeps every operation fast
@@ -126,7 +128,7 @@ void fill(FuzzedDataProvider& in, std::vector<Entry>& entries, Make make) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const bool silenced = (QX_LOG_SetHandler(&quiet), true);
+  static const bool silenced = (mp4stbl::setLogSink({&quiet, 0}), true);
   (void)silenced;
   FuzzedDataProvider in(data, size);
   Pair<SttsAtom> stts("stts", 8);

@@ -6,10 +6,12 @@
 #include <string>
 #include <vector>
 
-#include "box/iostream.h"
+#include "box/stream.h"
 #include "box/log.h"
 #include "box/mp4file.h"
 #include "media/track.h"
+
+using namespace mp4stbl;
 
 namespace {
 
@@ -21,31 +23,30 @@ void quiet(const char*, int, const char*) {}
 
 std::vector<unsigned char> written(Mp4File& file) {
   MemoryStream out;
-  check(file.write(&out) == 0);  // a tree that was read can be written
+  check(file.write(&out).ok());  // a tree that was read can be written
   return out.data();
 }
 
 // Walks every sample of every track that findTracks accepts.
 void walkTracks(Mp4File& file, uint64_t fileLength) {
-  std::vector<Track> tracks;
-  std::string error;
-  if (findTracks(file, fileLength, &tracks, &error) != 0) {
-    check(!error.empty());
+  const Result<std::vector<Track>> tracks = findTracks(file);
+  if (!tracks.ok()) {
+    check(!tracks.message().empty());
     return;
   }
-  for (const Track& track : tracks) {
-    check(track.check().empty());
+  for (const Track& track : *tracks) {
     SampleWalker walker(track);
-    SampleInfo sample;
     uint32_t walked = 0;
     uint64_t time = 0;
-    while (walker.next(&sample)) {
+    Result<const SampleInfo*> step = walker.next();
+    for (; step.ok() && *step != nullptr; step = walker.next()) {
+      const SampleInfo& sample = **step;
       check(walked < track.sampleCount());  // the walk ends
       check(sample.number == ++walked);
       check(sample.chunk >= 1 && sample.chunk <= track.chunkCount());
       check(sample.offset + sample.size <= fileLength);
       check(sample.decodeTime == time);
-      check(sample.size == track.stsz->entries[walked - 1]);
+      check(sample.size == track.stsz().entries[walked - 1]);
       time += sample.duration;
       // The sample that plays at a sample's own start is that sample.
       if (walked <= 256 && sample.duration != 0) {
@@ -53,7 +54,7 @@ void walkTracks(Mp4File& file, uint64_t fileLength) {
       }
     }
     // Stopping early is always explained.
-    check(walked == track.sampleCount() || !walker.error().empty());
+    check(walked == track.sampleCount() || (!step.ok() && !step.message().empty()));
     const uint32_t last = sampleAtTime(track, UINT64_MAX);
     check(last == track.sampleCount());
   }
@@ -62,17 +63,17 @@ void walkTracks(Mp4File& file, uint64_t fileLength) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const bool silenced = (QX_LOG_SetHandler(&quiet), true);
+  static const bool silenced = (mp4stbl::setLogSink({&quiet, 0}), true);
   (void)silenced;
 
   MemoryStream input(std::vector<unsigned char>(data, data + size));
   Mp4File file;
-  if (file.read(&input) != 0) return 0;
+  if (!file.read(&input).ok()) return 0;
   const std::vector<unsigned char> first = written(file);
 
   MemoryStream again(first);
   Mp4File reread;
-  check(reread.read(&again) == 0);  // what was written reads back
+  check(reread.read(&again).ok());  // what was written reads back
   check(written(reread) == first);  // to the same boxes, sizes and tables
 
   MemoryStream dump;

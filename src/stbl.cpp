@@ -9,7 +9,14 @@
 
 #include "box/byte_order.h"
 #include "box/log.h"
-#include "box/memory.h"
+#include "box/bounded_fill.h"
+
+using mp4stbl::AtomType;
+using mp4stbl::FieldSink;
+using mp4stbl::logStreamFailure;
+using mp4stbl::makeAtom;
+using mp4stbl::ReadTypedChild;
+namespace byte_order = mp4stbl::byte_order;
 
 namespace {
 
@@ -246,30 +253,10 @@ int writeField(IOStream* stream, uint32_t value) {
   return 0;
 }
 
-int writeField(IOStream* stream, unsigned long long value) {
-  if (stream->write64(value) != 8) {
-    logStreamFailure(stream, "writeBe64");
-    return -1;
-  }
-  return 0;
-}
-
-template <class Entry>
-int writeFieldByField(IOStream* stream, const Entry* first, size_t count) {
-  using R = Record<Entry>;
-  for (const Entry* entry = first; entry != first + count; ++entry) {
-    for (unsigned f = 0; f < R::kFields; ++f) {
-      if (writeField(stream, typename R::Word{R::field(*entry, f)}) != 0) return -1;
-    }
-  }
-  return 0;
-}
-
-// Writes the records big-endian in blocks, one stream call per block. A
-// stream that stops inside a block has failed inside one record: it is
-// reported at the offset reached, as a write of that record would be. A
-// block refused outright is written again record by record, so that every
-// record before the failing one still reaches the stream.
+// Writes the records big-endian in blocks, one stream call per block, with
+// the outcome of one call per field: the stream stops where it refused, and
+// that refusal is reported at the offset it reached, as the write of that
+// field would be. Nothing is retried.
 template <class Entry>
 int writeEntries(IOStream* stream, const std::vector<Entry>& entries) {
   using R = Record<Entry>;
@@ -289,12 +276,10 @@ int writeEntries(IOStream* stream, const std::vector<Entry>& entries) {
     }
     const unsigned bytes = static_cast<unsigned>(count * kWidth);
     const int put = stream->writeBytes(block, bytes);
-    if (static_cast<unsigned>(put) == bytes) continue;
-    if (put > 0) {
+    if (static_cast<unsigned>(put) != bytes) {
       logStreamFailure(stream, sizeof(Word) == 8 ? "writeBe64" : "writeBe32");
       return -1;
     }
-    if (writeFieldByField(stream, entries.data() + first, count) != 0) return -1;
   }
   return 0;
 }
@@ -321,6 +306,22 @@ int writeTable(IOStream* stream, uint8_t version, uint32_t flags,
   const uint32_t count = keptCount != nullptr ? *keptCount : static_cast<uint32_t>(entries.size());
   if (writeField(stream, count) != 0) return -1;
   return writeEntries(stream, entries);
+}
+
+// What a dump shows of a table: version, flags, the count and the first
+// records, each as its fields in file order.
+template <class Entry>
+void describeTable(FieldSink& sink, uint8_t version, uint32_t flags,
+                   const std::vector<Entry>& entries) {
+  using R = Record<Entry>;
+  sink.field("version", version);
+  sink.field("flags", flags);
+  const size_t shown = std::min(entries.size(), sink.table(entries.size()));
+  for (size_t i = 0; i < shown; ++i) {
+    uint64_t values[R::kFields];
+    for (unsigned f = 0; f < R::kFields; ++f) values[f] = R::field(entries[i], f);
+    sink.row(values, R::kFields);
+  }
 }
 
 // The 0-based index range [begin, end) that the 1-based inclusive range
@@ -399,6 +400,10 @@ int SttsAtom::readData(IOStream* stream) {
 
 int SttsAtom::writeData(IOStream* stream) { return writeTable(stream, version, flags, entries); }
 
+void SttsAtom::describe(FieldSink& sink) const {
+  describeTable(sink, version, flags, entries);
+}
+
 void SttsAtom::addEntry(uint32_t sampleCount, uint32_t sampleDelta) {
   const SttsEntry run{sampleCount, sampleDelta};
   if (!entries.empty() && sameDelta(entries.back(), run)) {
@@ -439,6 +444,10 @@ int StscAtom::readData(IOStream* stream) {
 
 int StscAtom::writeData(IOStream* stream) { return writeTable(stream, version, flags, entries); }
 
+void StscAtom::describe(FieldSink& sink) const {
+  describeTable(sink, version, flags, entries);
+}
+
 void StscAtom::addEntry(uint32_t firstChunk, uint32_t samplesPerChunk,
                         uint32_t sampleDescriptionIndex) {
   const StscEntry run{firstChunk, samplesPerChunk, sampleDescriptionIndex};
@@ -473,6 +482,12 @@ int StszAtom::writeData(IOStream* stream) {
   return writeTable(stream, version, flags, entries, {sample_size}, &sample_count);
 }
 
+void StszAtom::describe(FieldSink& sink) const {
+  sink.field("sample_size", sample_size);
+  sink.field("sample_count", sample_count);
+  describeTable(sink, version, flags, entries);
+}
+
 void StszAtom::addEntry(uint32_t size) {
   appendEntry(*this, entries, size, kStsz.width);
   ++sample_count;
@@ -488,7 +503,7 @@ void copySizes(StszAtom& table, const StszAtom* source, uint32_t start, uint32_t
     return;
   }
   const IndexRange range = clampRange(start, end, source->entries.size());
-  if (trace && QX_LOG_Enabled(0)) {
+  if (trace && mp4stbl::logEnabled(0)) {
     for (size_t i = range.begin; i < range.end; ++i) {
       QX_LOG_Printf("MP4", 0, "stsz %u\n", source->entries[i]);
     }
@@ -535,6 +550,10 @@ int StssAtom::readData(IOStream* stream) {
 
 int StssAtom::writeData(IOStream* stream) { return writeTable(stream, version, flags, entries); }
 
+void StssAtom::describe(FieldSink& sink) const {
+  describeTable(sink, version, flags, entries);
+}
+
 void StssAtom::addEntry(uint32_t sampleNo) { appendEntry(*this, entries, sampleNo, kStss.width); }
 
 void StssAtom::getIFrameNumber(uint32_t* no) const {
@@ -577,7 +596,7 @@ void renumberSyncSamples(StssAtom& table, const StssAtom* source, uint32_t start
   const size_t before = table.entries.size();
   table.entries.resize(before + static_cast<size_t>(kept));  // `from` may be table.entries
   uint32_t* out = table.entries.data() + before;
-  const bool tracing = trace && QX_LOG_Enabled(0);
+  const bool tracing = trace && mp4stbl::logEnabled(0);
   if (!tracing && static_cast<size_t>(kept) == stop - firstKept(from, stop, start)) {
     // Ascending, as the format wants: the kept numbers are one stretch.
     const uint32_t* in = from.data() + (stop - static_cast<size_t>(kept));
@@ -666,7 +685,7 @@ void rebaseChunks(Table& table, const Table* source, uint32_t start, uint32_t en
   const size_t before = table.entries.size();
   table.entries.resize(before + range.size());  // source may be table itself
   Offset* out = table.entries.data() + before;
-  const bool tracing = rules.trace != nullptr && QX_LOG_Enabled(0);
+  const bool tracing = rules.trace != nullptr && mp4stbl::logEnabled(0);
   if (!tracing && rebaseInOnePass(source->entries.data(), range, outPos, rules, out)) {
     growBy(table, rules.growth, range.size());
     return;
@@ -707,6 +726,10 @@ int StcoAtom::readData(IOStream* stream) {
 }
 
 int StcoAtom::writeData(IOStream* stream) { return writeTable(stream, version, flags, entries); }
+
+void StcoAtom::describe(FieldSink& sink) const {
+  describeTable(sink, version, flags, entries);
+}
 
 uint64_t StcoAtom::getStartOffset() const { return entries.empty() ? 0 : entries.front(); }
 
@@ -777,6 +800,10 @@ int Co64Atom::readData(IOStream* stream) {
 }
 
 int Co64Atom::writeData(IOStream* stream) { return writeTable(stream, version, flags, entries); }
+
+void Co64Atom::describe(FieldSink& sink) const {
+  describeTable(sink, version, flags, entries);
+}
 
 uint64_t Co64Atom::getStartOffset() const { return entries.empty() ? 0 : entries.front(); }
 
@@ -878,6 +905,12 @@ int StsdAtom::writeData(IOStream* stream) {
   }
   if (writeVersionFlags(stream, version, flags) != 0) return -1;
   return writeField(stream, static_cast<uint32_t>(children.size()));
+}
+
+void StsdAtom::describe(FieldSink& sink) const {
+  sink.field("version", version);
+  sink.field("flags", flags);
+  sink.field("count", children.size());
 }
 
 namespace {

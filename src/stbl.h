@@ -22,6 +22,7 @@ class SttsAtom : public Atom {
 
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
+  void describe(mp4stbl::FieldSink& sink) const override;
 
   // Extends the last run when its delta equals sampleDelta, else opens a run.
   void addEntry(uint32_t sampleCount, uint32_t sampleDelta);
@@ -52,6 +53,7 @@ class StscAtom : public Atom {
 
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
+  void describe(mp4stbl::FieldSink& sink) const override;
 
   // Opens a run unless it repeats the last run's grouping.
   void addEntry(uint32_t firstChunk, uint32_t samplesPerChunk, uint32_t sampleDescriptionIndex);
@@ -78,6 +80,7 @@ class StszAtom : public Atom {
 
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
+  void describe(mp4stbl::FieldSink& sink) const override;
 
   void addEntry(uint32_t size);
   // Append the sizes of source samples start..end (1-based, inclusive);
@@ -107,6 +110,7 @@ class StssAtom : public Atom {
 
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
+  void describe(mp4stbl::FieldSink& sink) const override;
 
   void addEntry(uint32_t sampleNo);
   // Replaces *no with the first sync sample at or after it; leaves it when
@@ -131,6 +135,7 @@ class StcoAtom : public Atom {
 
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
+  void describe(mp4stbl::FieldSink& sink) const override;
 
   uint64_t getStartOffset() const;
   void addEntry(uint32_t offset);
@@ -166,6 +171,7 @@ class Co64Atom : public Atom {
 
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
+  void describe(mp4stbl::FieldSink& sink) const override;
 
   uint64_t getStartOffset() const;
   void addEntry(uint64_t offset);
@@ -218,6 +224,7 @@ class StsdAtom : public Atom {
   // children, so the box stays consistent whatever was added or lost.
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
+  void describe(mp4stbl::FieldSink& sink) const override;
   // Reads one sample entry, typed by its coding.
   Atom* ReadChild(IOStream* stream) override;
 

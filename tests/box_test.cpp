@@ -5,12 +5,15 @@
 #include <vector>
 #include <tuple>
 
+#include "box/file_stream.h"
 #include "box/log.h"
 #include "box/mp4file.h"
 #include "stbl.h"
 #include "support/bytes.h"
 #include "support/log_capture.h"
 #include "support/records.h"
+
+using namespace mp4stbl;
 
 namespace {
 
@@ -61,11 +64,11 @@ TEST(Atom, ReadsATreeWritesItBackByteForByteAndDumpsIt) {
       ByteWriter().u32(1).text("moov").u64(16 + body.size()).append(body).u32(0).text("free").bytes;
   MemoryStream in(image), out, dump;
   Mp4File file;
-  ASSERT_EQ(file.read(&in), 0);
+  ASSERT_TRUE(file.read(&in).ok());
   const std::vector<Atom*> tables = file.find("moov/trak/stbl/stts");
   ASSERT_EQ(tables.size(), 1u);
   EXPECT_EQ(dynamic_cast<SttsAtom&>(*tables[0]).entries, (std::vector<SttsEntry>{{7, 512}}));
-  ASSERT_EQ(file.write(&out), 0);
+  ASSERT_TRUE(file.write(&out).ok());
   EXPECT_EQ(out.data(), image);
   ASSERT_EQ(file.root.Dump(&dump, 0), 0);
   EXPECT_EQ(std::string(dump.data().begin(), dump.data().end()),
@@ -125,8 +128,10 @@ TEST(Log, HandlerGetsTagLevelAndWholeTextAndNullRestoresTheDefault) {
     EXPECT_EQ(log.only(), (LogLine{"MP4", 0, longText + "|42\n"}));
   }
   auto first = [](const char*, int, const char*) {};
-  EXPECT_EQ(QX_LOG_SetHandler(first), nullptr);
-  EXPECT_EQ(QX_LOG_SetHandler(nullptr), +first);
+  EXPECT_EQ(setLogSink({first, 0}).handler, nullptr);
+  const LogSink replaced = setLogSink({});
+  EXPECT_EQ(replaced.handler, +first);
+  EXPECT_EQ(replaced.lowestLevel, 0);
   testing::internal::CaptureStderr();
   QX_LOG_Printf("MP4", 3, "shown %d\n", 1);
   QX_LOG_Printf("MP4", 1, "hidden\n");
@@ -142,7 +147,7 @@ TEST(FileStream, SystemErrorsAreFailedCallsNotExceptions) {
   EXPECT_EQ(directory.read(&byte, 1), -1);
   LogCapture log;
   Mp4File file;
-  EXPECT_EQ(file.open(MP4STBL_TEST_DATA), -1);
+  EXPECT_FALSE(file.open(MP4STBL_TEST_DATA).ok());
   EXPECT_EQ(FileStream().open("/nonexistent/x.mp4", FileStream::Mode::Read), -1);
 }
 

@@ -12,9 +12,12 @@
 #include <string>
 #include <vector>
 
+#include "box/file_stream.h"
 #include "box/mp4file.h"
 #include "stbl.h"
 #include "support/bytes.h"
+
+using namespace mp4stbl;
 
 namespace {
 
@@ -54,9 +57,9 @@ TEST(RealFiles, ShippedFilesRoundTripWithTypedEntries) {
     const std::string path = std::string(MP4STBL_TEST_DATA) + "/" + name;
     SCOPED_TRACE(path);
     Mp4File file;
-    ASSERT_EQ(file.open(path), 0);
+    ASSERT_TRUE(file.open(path).ok());
     MemoryStream out;
-    ASSERT_EQ(file.write(&out), 0);
+    ASSERT_TRUE(file.write(&out).ok());
     const Bytes original = slurp(path);
     const auto diff =
         std::mismatch(original.begin(), original.end(), out.data().begin(), out.data().end());
@@ -120,7 +123,7 @@ TEST(BuiltFile, Co64OffsetsPastFourGigabytesInASparseFile) {
   ASSERT_EQ(out.close(), 0);
 
   Mp4File file;
-  ASSERT_EQ(file.open(path), 0);
+  ASSERT_TRUE(file.open(path).ok());
   const auto* mdat = dynamic_cast<MdatAtom*>(file.find("mdat").at(0));
   ASSERT_NE(mdat, nullptr);
   EXPECT_TRUE(mdat->header.isLarge());

@@ -11,6 +11,8 @@
 #include "support/log_capture.h"
 #include "support/records.h"
 
+using namespace mp4stbl;
+
 namespace {
 
 using Numbers = std::vector<uint32_t>;

@@ -13,6 +13,8 @@
 #include "support/bytes.h"
 #include "support/log_capture.h"
 
+using namespace mp4stbl;
+
 namespace {
 bool failNextNothrowNew = false;
 }  // namespace

@@ -3,12 +3,16 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "box/movie_boxes.h"
+#include "support/bytes.h"
 #include "media/track.h"
+
+using namespace mp4stbl;
 
 namespace {
 
@@ -42,44 +46,56 @@ struct OneTrack {
     attach<Avc1Atom>(attach<StsdAtom>(stbl, "stsd"), "avc1");
     stts->entries = {{6, 100}};
     stsc->entries = {{1, 2, 1}, {3, 1, 1}};
-    stsz->entries = {10, 20, 30, 40, 50, 60};
+    for (uint32_t size : {10, 20, 30, 40, 50, 60}) stsz->addEntry(size);
     stss->entries = {1, 4};
     stco->entries = {100, 200, 300, 400};
   }
 
-  // The track, or the error that finding it gave.
-  std::string find(Track* track) {
-    std::vector<Track> tracks;
-    std::string error;
-    if (findTracks(file, fileLength, &tracks, &error) != 0) return error;
-    EXPECT_EQ(tracks.size(), 1u);
-    *track = tracks.at(0);
-    return "";
+  // The tracks of the built file as a reader finds them: the tree is written
+  // out, padded to fileLength with a free box and read back.
+  Result<std::vector<Track>> find() {
+    MemoryStream out;
+    EXPECT_TRUE(file.write(&out).ok());
+    Bytes bytes = out.data();
+    const uint32_t pad = static_cast<uint32_t>(fileLength - bytes.size());
+    for (unsigned shift : {24u, 16u, 8u, 0u}) bytes.push_back(static_cast<uint8_t>(pad >> shift));
+    bytes.insert(bytes.end(), {'f', 'r', 'e', 'e'});
+    bytes.resize(fileLength);
+    stored = std::make_unique<MemoryStream>(bytes);
+    reread = std::make_unique<Mp4File>();
+    EXPECT_TRUE(reread->read(stored.get()).ok());
+    return findTracks(*reread);
   }
 
   // Every sample as a row, or the error the walk ended on as the last row.
   std::vector<std::string> walk() {
-    Track track;
-    const std::string error = find(&track);
-    if (!error.empty()) return {error};
-    SampleWalker walker(track);
+    const Result<std::vector<Track>> tracks = find();
+    if (!tracks.ok()) return {tracks.message()};
+    EXPECT_EQ(tracks->size(), 1u);
+    SampleWalker walker(tracks->at(0));
     std::vector<std::string> rows;
-    for (SampleInfo s; walker.next(&s);) {
+    Result<const SampleInfo*> step = walker.next();
+    for (; step.ok() && *step != nullptr; step = walker.next()) {
+      const SampleInfo& s = **step;
       rows.push_back(std::to_string(s.number) + " chunk " + std::to_string(s.chunk) + " at " +
                      std::to_string(s.offset) + "+" + std::to_string(s.size) + " time " +
                      std::to_string(s.decodeTime) + "+" + std::to_string(s.duration) +
                      (s.sync ? " key" : "") + " entry " + std::to_string(s.descriptionIndex));
     }
-    if (!walker.error().empty()) rows.push_back(walker.error());
+    if (!step.ok()) rows.push_back(step.message());
     return rows;
   }
+
+  std::unique_ptr<MemoryStream> stored;
+  std::unique_ptr<Mp4File> reread;
 };
 
 TEST(Track, WalkFollowsRunsChunksAndSyncSamples) {
   OneTrack built;
-  Track track;
-  ASSERT_EQ(built.find(&track), "");
-  EXPECT_EQ(track.id, 7u);
+  const Result<std::vector<Track>> tracks = built.find();
+  ASSERT_TRUE(tracks.ok()) << tracks.message();
+  const Track& track = tracks->at(0);
+  EXPECT_EQ(track.id(), 7u);
   EXPECT_STREQ(track.kind(), "video");
   EXPECT_EQ(track.entryType(), "avc1");
   EXPECT_EQ(built.walk(), (std::vector<std::string>{
@@ -104,8 +120,9 @@ TEST(Track, WalkFollowsRunsChunksAndSyncSamples) {
 TEST(Track, SampleAtTime) {
   OneTrack built;
   built.stts->entries = {{2, 100}, {0, 7}, {4, 50}};
-  Track track;
-  ASSERT_EQ(built.find(&track), "");
+  const Result<std::vector<Track>> tracks = built.find();
+  ASSERT_TRUE(tracks.ok()) << tracks.message();
+  const Track& track = tracks->at(0);
   const std::pair<uint64_t, uint32_t> cases[] = {{0, 1},   {99, 1},  {100, 2}, {199, 2},
                                                  {200, 3}, {249, 3}, {250, 4}, {399, 6},
                                                  {400, 6}, {1u << 30, 6}};
@@ -138,7 +155,6 @@ TEST(Track, TablesThatDisagreeGiveAnErrorNamingTrackAndTable) {
       {[](OneTrack& t) { t.stco->entries[3] = 950; },
        "sample 6 at offset 950 runs past the end of the file"},
       {[](OneTrack& t) {
-         t.fileLength = 0;  // unknown: only the 64-bit bound is left
          t.stbl->children.remove(t.stco);
          delete t.stco;
          attach<Co64Atom>(t.stbl, "co64")->entries = {100, 200, 300, UINT64_MAX - 20};

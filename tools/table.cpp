@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdarg>
 
+namespace mp4stbl::cli {
+
 TextTable::TextTable(std::vector<std::string> headers) : headers_(std::move(headers)) {}
 
 void TextTable::add(std::vector<std::string> row) {
@@ -36,3 +38,5 @@ std::string format(const char* pattern, ...) {
   va_end(args);
   return buffer;
 }
+
+}  // namespace mp4stbl::cli

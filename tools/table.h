@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+namespace mp4stbl::cli {
+
 class TextTable {
  public:
   explicit TextTable(std::vector<std::string> headers);
@@ -21,3 +23,5 @@ std::string format(const char* pattern, ...)
     __attribute__((format(printf, 1, 2)))
 #endif
     ;
+
+}  // namespace mp4stbl::cli

@@ -6,6 +6,11 @@
 
 #include "box/log.h"
 
+using mp4stbl::BoundedStream;
+using mp4stbl::logStreamFailure;
+using mp4stbl::readRestOfBox;
+using mp4stbl::writeRawBytes;
+
 namespace {
 
 constexpr unsigned kChunk = 1u << 30;  // bodies move in pieces of at most this
@@ -85,6 +90,8 @@ int Atom::readData(IOStream*) { return 0; }
 int Atom::writeData(IOStream*) { return 0; }
 
 Atom* Atom::ReadChild(IOStream*) { return nullptr; }
+
+void Atom::describe(mp4stbl::FieldSink&) const {}
 
 int Atom::Read(IOStream* stream) {
   if (stream == nullptr) {
@@ -218,7 +225,7 @@ int Atom::Dump(IOStream* stream, unsigned indent) {
 
 // ---- child factories ----
 
-Atom* ReadTypedChild(IOStream* stream, const AtomType* types, size_t count) {
+Atom* mp4stbl::ReadTypedChild(IOStream* stream, const AtomType* types, size_t count) {
   AtomHeader header;
   if (stream == nullptr) {
     QX_LOG_NULL_PARAM("ReadChild");
@@ -249,7 +256,7 @@ Atom* ReadTypedChild(IOStream* stream, const AtomType* types, size_t count) {
 
 UserDefAtom::UserDefAtom(const AtomHeader& from) : Atom(from) {}
 
-int readRestOfBox(IOStream* stream, const AtomHeader& box, std::vector<unsigned char>* bytes) {
+int mp4stbl::readRestOfBox(IOStream* stream, const AtomHeader& box, std::vector<unsigned char>* bytes) {
   const long long left = stream->getLength() - stream->getOffset();
   if (stream->getLength() < 0 || left < 0 ||
       static_cast<unsigned long long>(left) > bytes->max_size()) {
@@ -267,7 +274,7 @@ int readRestOfBox(IOStream* stream, const AtomHeader& box, std::vector<unsigned 
   return 0;
 }
 
-int writeRawBytes(IOStream* stream, const std::vector<unsigned char>& bytes) {
+int mp4stbl::writeRawBytes(IOStream* stream, const std::vector<unsigned char>& bytes) {
   for (size_t done = 0; done < bytes.size();) {
     const unsigned piece = static_cast<unsigned>(std::min<size_t>(bytes.size() - done, kChunk));
     if (static_cast<unsigned>(stream->writeBytes(bytes.data() + done, piece)) != piece) {

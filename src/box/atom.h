@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "box/iostream.h"
+#include "box/stream.h"
 
 // A box header as read from a stream.
 //   size 2..N    : the box's length in 32 bits (8-byte header)
@@ -36,6 +36,22 @@ class AtomHeader {
   uint64_t headerOffset = 0;
 };
 
+namespace mp4stbl {
+
+// What a box shows of itself to a dump: its fields by name, then the first
+// rows of its table, each row its fields in file order.
+class FieldSink {
+ public:
+  virtual ~FieldSink() = default;
+  virtual void field(const char* name, uint64_t value) = 0;
+  // A table of `count` records follows; returns how many rows the sink
+  // takes, and the table offers no more.
+  virtual size_t table(size_t count) = 0;
+  virtual void row(const uint64_t* values, unsigned count) = 0;
+};
+
+}  // namespace mp4stbl
+
 // The base of every box. A box owns its children and deletes them.
 class Atom {
  public:
@@ -55,6 +71,8 @@ class Atom {
   virtual int writeData(IOStream* stream);
   virtual Atom* ReadChild(IOStream* stream);
   virtual int writeChildren(IOStream* stream);
+  // Hands the fields of the box's body to `sink`; an opaque box has none.
+  virtual void describe(mp4stbl::FieldSink& sink) const;
 
   // Reads the body and children of a box whose header was just read, never
   // past the box's end, and leaves the stream at that end. 0 or -1.
@@ -90,6 +108,8 @@ class UserDefAtom : public Atom {
   std::vector<unsigned char> body;
 };
 
+namespace mp4stbl {
+
 // Raw bytes of a body: everything from the stream's position to the end of
 // the box's window, and their writer, in pieces. Both log a failure and
 // return -1.
@@ -118,3 +138,5 @@ Atom* makeAtom(const AtomHeader& header) {
 // when the header cannot be read, memory runs out ("new %s atom no memory")
 // or the content fails (the half-read child is deleted).
 Atom* ReadTypedChild(IOStream* stream, const AtomType* types, size_t count);
+
+}  // namespace mp4stbl

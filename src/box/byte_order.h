@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <cstring>
 
-namespace byte_order {
+namespace mp4stbl::byte_order {
 
 #if defined(__BYTE_ORDER__) && defined(__ORDER_BIG_ENDIAN__)
 constexpr bool kHostIsBig = __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__;
@@ -43,4 +43,4 @@ void store(unsigned char* bytes, Word word) {
   std::memcpy(bytes, &word, sizeof word);
 }
 
-}  // namespace byte_order
+}  // namespace mp4stbl::byte_order

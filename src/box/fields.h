@@ -9,7 +9,9 @@
 #include <array>
 #include <cstdint>
 
-#include "box/iostream.h"
+#include "box/stream.h"
+
+namespace mp4stbl {
 
 class FieldReader {
  public:
@@ -56,3 +58,5 @@ class FieldWriter {
   IOStream* stream_;
   bool failed_ = false;
 };
+
+}  // namespace mp4stbl

@@ -5,49 +5,72 @@
 #include <cstdio>
 #include <vector>
 
+namespace mp4stbl {
+
 namespace {
 
-void defaultHandler(const char* tag, int level, const char* text) {
-  if (level >= 3) std::fprintf(stderr, "[%s] %s", tag, text);
-}
+void printFailure(const char* tag, int, const char* text) { std::fprintf(stderr, "[%s] %s", tag, text); }
 
-std::atomic<QxLogHandler> currentHandler{&defaultHandler};
+std::atomic<LogHandler> currentHandler{&printFailure};
+std::atomic<int> currentLowest{3};
+thread_local FailureNote* innermostNote = nullptr;
 
 }  // namespace
 
-QxLogHandler QX_LOG_SetHandler(QxLogHandler handler) {
-  QxLogHandler previous = currentHandler.exchange(handler ? handler : &defaultHandler);
-  return previous == &defaultHandler ? nullptr : previous;
+LogSink setLogSink(LogSink sink) {
+  LogHandler handler = sink.handler != nullptr ? sink.handler : &printFailure;
+  const int lowest = sink.handler != nullptr ? sink.lowestLevel : 3;
+  LogSink previous{currentHandler.exchange(handler), currentLowest.exchange(lowest)};
+  if (previous.handler == &printFailure) previous.handler = nullptr;
+  return previous;
 }
 
-bool QX_LOG_Enabled(int level) {
-  return level >= 3 || currentHandler.load(std::memory_order_relaxed) != &defaultHandler;
+bool logEnabled(int level) {
+  return level >= currentLowest.load(std::memory_order_relaxed) ||
+         (level >= 3 && innermostNote != nullptr);
 }
+
+FailureNote::FailureNote() : outer_(innermostNote) { innermostNote = this; }
+
+FailureNote::~FailureNote() { innermostNote = outer_; }
+
+void noteFailure(const char* text) {
+  FailureNote* note = innermostNote;
+  if (note == nullptr || !note->text_.empty()) return;
+  note->text_ = text;
+  while (!note->text_.empty() && (note->text_.back() == '\n' || note->text_.back() == ' ')) {
+    note->text_.pop_back();
+  }
+}
+
+}  // namespace mp4stbl
+
+namespace {
+
+void deliver(const char* tag, int level, const char* text) {
+  if (level >= 3) mp4stbl::noteFailure(text);
+  if (level >= mp4stbl::currentLowest.load(std::memory_order_relaxed)) {
+    mp4stbl::currentHandler.load(std::memory_order_relaxed)(tag, level, text);
+  }
+}
+
+}  // namespace
 
 void QX_LOG_Printf(const char* tag, int level, const char* format, ...) {
-  // Tracing lines sit on per-entry paths; the default handler drops them, so
-  // they are not even formatted.
-  if (!QX_LOG_Enabled(level)) return;
-  QxLogHandler handler = currentHandler.load(std::memory_order_relaxed);
-
+  if (!mp4stbl::logEnabled(level)) return;
   char small[256];
   va_list args;
   va_start(args, format);
   va_list again;
   va_copy(again, args);
-  int length = std::vsnprintf(small, sizeof small, format, args);
+  const int length = std::vsnprintf(small, sizeof small, format, args);
   va_end(args);
-  if (length < 0) {
-    va_end(again);
-    return;
+  if (length >= 0 && static_cast<size_t>(length) < sizeof small) {
+    deliver(tag, level, small);
+  } else if (length >= 0) {
+    std::vector<char> large(static_cast<size_t>(length) + 1);
+    std::vsnprintf(large.data(), large.size(), format, again);
+    deliver(tag, level, large.data());
   }
-  if (static_cast<size_t>(length) < sizeof small) {
-    va_end(again);
-    handler(tag, level, small);
-    return;
-  }
-  std::vector<char> large(static_cast<size_t>(length) + 1);
-  std::vsnprintf(large.data(), large.size(), format, again);
   va_end(again);
-  handler(tag, level, large.data());
 }

@@ -3,6 +3,8 @@
 #include "box/fields.h"
 #include "box/log.h"
 
+namespace mp4stbl {
+
 FullBoxAtom::FullBoxAtom(const AtomHeader& from) : Atom(from) {}
 
 template <class Box>
@@ -50,3 +52,5 @@ int HdlrAtom::readData(IOStream* stream) { return readFullBox(*this, stream); }
 int HdlrAtom::writeData(IOStream* stream) { return writeFullBox(*this, stream); }
 
 std::string HdlrAtom::handlerType() const { return std::string(handler.begin(), handler.end()); }
+
+}  // namespace mp4stbl

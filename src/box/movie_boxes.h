@@ -11,6 +11,8 @@
 
 #include "box/atom.h"
 
+namespace mp4stbl {
+
 // Reads and writes `fields` of a full box, then keeps the rest raw.
 class FullBoxAtom : public Atom {
  public:
@@ -113,3 +115,5 @@ class HdlrAtom : public FullBoxAtom {
     v(preDefined), v(handler), v(reserved);
   }
 };
+
+}  // namespace mp4stbl

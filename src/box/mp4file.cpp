@@ -1,11 +1,15 @@
 #include "box/mp4file.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <iterator>
 
+#include "box/file_stream.h"
 #include "box/log.h"
 #include "box/movie_boxes.h"
 #include "stbl.h"
+
+namespace mp4stbl {
 
 namespace {
 
@@ -81,46 +85,77 @@ int MdatAtom::writeData(IOStream* stream) {
 
 Mp4File::Mp4File() : root(AtomHeader()) {}
 
-int Mp4File::open(const std::string& path) {
-  if (file_.open(path, FileStream::Mode::Read) != 0) return -1;
-  path_ = path;
-  return read(&file_);
+Mp4File::~Mp4File() = default;
+
+namespace {
+
+// The status of a library call that logged its reason on failure.
+Status statusOf(int result, const FailureNote& note, const char* otherwise) {
+  if (result == 0) return Status();
+  return Status::failure(note.text().empty() ? otherwise : note.text());
 }
 
-int Mp4File::read(IOStream* stream) {
+}  // namespace
+
+Status Mp4File::open(const std::string& path) {
+  FailureNote note;
+  auto file = std::make_unique<FileStream>();
+  // The reason the system gave went to the log; the caller knows the path.
+  if (file->open(path, FileStream::Mode::Read) != 0) return Status::failure("cannot open the file");
+  file_ = std::move(file);
+  path_ = path;
+  return read(file_.get());
+}
+
+Status Mp4File::read(IOStream* stream) {
+  FailureNote note;
   if (stream == nullptr) {
     QX_LOG_NULL_PARAM("read");
-    return -1;
+    return statusOf(-1, note, "no stream");
   }
-  if (stream->getLength() < 0) {
-    QX_LOG_Printf("MP4", 3, "a file is read from a stream of known length\n");
-    return -1;
-  }
-  while (stream->getOffset() < stream->getLength()) {
+  const long long length = stream->getLength();
+  if (length < 0) return Status::failure("a file is read from a stream of known length");
+  length_ = static_cast<uint64_t>(length);
+  while (stream->getOffset() < length) {
     Atom* box = readFileBox(stream);
-    if (box == nullptr) return -1;
+    if (box == nullptr) return statusOf(-1, note, "a box cannot be read");
     root.children.push_back(box);
   }
-  return 0;
+  return Status();
 }
 
-int Mp4File::write(IOStream* out) {
+Status Mp4File::write(IOStream* out) {
+  FailureNote note;
   if (out == nullptr) {
     QX_LOG_NULL_PARAM("write");
-    return -1;
+    return statusOf(-1, note, "no stream");
   }
-  return root.writeChildren(out);
+  return statusOf(root.writeChildren(out), note, "cannot be written");
 }
 
-int Mp4File::save(const std::string& path) {
-  if (!path_.empty() && path == path_) {
-    QX_LOG_Printf("MP4", 3, "%s cannot be written over while it is read\n", path.c_str());
-    return -1;
+Status Mp4File::save(const std::string& path) {
+  namespace fs = std::filesystem;
+  std::error_code ignored;
+  if (!path_.empty() && (path == path_ || fs::equivalent(path, path_, ignored))) {
+    return Status::failure(path + " cannot be written over while it is read");
   }
-  FileStream out;
-  if (out.open(path, FileStream::Mode::Write) != 0) return -1;
-  if (write(&out) != 0) return -1;
-  return out.close();
+  const std::string temporary = path + ".part";
+  Status written;
+  {
+    FailureNote note;
+    FileStream out;
+    if (out.open(temporary, FileStream::Mode::Write) != 0) {
+      return statusOf(-1, note, "cannot create the file");
+    }
+    written = write(&out);
+    if (written.ok() && out.close() != 0) written = statusOf(-1, note, "cannot finish the file");
+  }
+  if (written.ok()) {
+    fs::rename(temporary, path, ignored);
+    if (ignored) written = Status::failure("cannot rename " + temporary + " to " + path);
+  }
+  if (!written.ok()) fs::remove(temporary, ignored);
+  return written;
 }
 
 std::vector<Atom*> Mp4File::find(const std::string& path) {
@@ -140,3 +175,5 @@ std::vector<Atom*> Mp4File::find(const std::string& path) {
   }
   return level;
 }
+
+}  // namespace mp4stbl

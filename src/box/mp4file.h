@@ -2,11 +2,17 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "box/atom.h"
-#include "box/iostream.h"
+#include "box/result.h"
+#include "box/stream.h"
+
+namespace mp4stbl {
+
+class FileStream;
 
 // A box that holds only boxes: moov, trak, mdia, minf. Its children are
 // typed down to the sample table; everything else stays opaque.
@@ -30,19 +36,27 @@ class MdatAtom : public Atom {
   uint64_t bodyLength = 0;
 };
 
+// A whole file as a tree of boxes. Failures come back as a Status whose
+// message is the reason the library logged first.
 class Mp4File {
  public:
   Mp4File();
+  ~Mp4File();
   Mp4File(const Mp4File&) = delete;
   Mp4File& operator=(const Mp4File&) = delete;
 
-  // Reads the file at path; it stays open for the media data. 0 or -1.
-  int open(const std::string& path);
-  // Reads every box of stream, which must outlive this object. 0 or -1.
-  int read(IOStream* stream);
-  // Writes the tree back. 0 or -1.
-  int write(IOStream* out);
-  int save(const std::string& path);
+  // Reads the file at path; it stays open for the media data.
+  Status open(const std::string& path);
+  // Reads every box of stream, which must outlive this object.
+  Status read(IOStream* stream);
+  // Writes the tree back.
+  Status write(IOStream* out);
+  // Writes the tree to a new file at path, through a temporary beside it,
+  // so a failure leaves no partial file. The file being read is refused.
+  Status save(const std::string& path);
+
+  // The length of the stream read, in bytes.
+  uint64_t length() const { return length_; }
 
   // Every box at a path of types below the top level, e.g.
   // "moov/trak/mdia/minf/stbl".
@@ -52,6 +66,9 @@ class Mp4File {
   Atom root;
 
  private:
-  FileStream file_;
+  std::unique_ptr<FileStream> file_;
   std::string path_;
+  uint64_t length_ = 0;
 };
+
+}  // namespace mp4stbl

@@ -12,6 +12,8 @@
 
 #include "box/atom.h"
 
+namespace mp4stbl {
+
 // The ISO/IEC 14496-12 visual sample entry, with the QuickTime names of
 // its reserved words.
 class VisualSampleEntry : public Atom {
@@ -94,32 +96,34 @@ class AudioSampleEntry : public Atom {
   }
 };
 
+}  // namespace mp4stbl
+
 // MPEG-4 audio ("mp4a").
-class Mp4aAtom : public AudioSampleEntry {
+class Mp4aAtom : public mp4stbl::AudioSampleEntry {
  public:
   explicit Mp4aAtom(AtomHeader header);
 };
 
 // G.711 audio, the base of "alaw" and "ulaw".
-class G711Atom : public AudioSampleEntry {
+class G711Atom : public mp4stbl::AudioSampleEntry {
  public:
   explicit G711Atom(AtomHeader header);
 };
 
 // AVC video ("avc1").
-class Avc1Atom : public VisualSampleEntry {
+class Avc1Atom : public mp4stbl::VisualSampleEntry {
  public:
   explicit Avc1Atom(AtomHeader& header);
 };
 
 // HEVC video ("hvc1").
-class Hvc1Atom : public VisualSampleEntry {
+class Hvc1Atom : public mp4stbl::VisualSampleEntry {
  public:
   explicit Hvc1Atom(AtomHeader header);
 };
 
 // Apple ProRes video: one class for "apch", "apcn", "apcs" and "apco".
-class ProresAtom : public VisualSampleEntry {
+class ProresAtom : public mp4stbl::VisualSampleEntry {
  public:
   ProresAtom(AtomHeader& header, const std::string& variant);
 

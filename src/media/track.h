@@ -9,7 +9,10 @@
 #include <vector>
 
 #include "box/mp4file.h"
+#include "box/result.h"
 #include "stbl.h"
+
+namespace mp4stbl {
 
 struct SampleInfo {
   uint32_t number = 0;  // 1-based
@@ -22,34 +25,53 @@ struct SampleInfo {
   uint32_t descriptionIndex = 0;  // 1-based, into stsd
 };
 
-// The boxes of one track. Pointers into the file's tree: the Track lives no
-// longer than its Mp4File.
-struct Track {
-  uint32_t id = 0;
-  std::string handler;  // "vide", "soun", "meta", ...
-  uint32_t timescale = 0;
-  uint64_t fileLength = 0;  // bounds every sample; 0 when unknown
-  const StsdAtom* stsd = nullptr;
-  const SttsAtom* stts = nullptr;
-  const StscAtom* stsc = nullptr;
-  const StszAtom* stsz = nullptr;
-  const StssAtom* stss = nullptr;  // none: every sample is a sync sample
-  const StcoAtom* stco = nullptr;  // one of stco and co64
-  const Co64Atom* co64 = nullptr;
+class Track;
 
-  uint32_t sampleCount() const { return static_cast<uint32_t>(stsz->entries.size()); }
+// Every track of a file, its tables checked against each other. A failure
+// names the track and the table.
+Result<std::vector<Track>> findTracks(Mp4File& file);
+
+// The boxes of one track, known to agree with each other: only findTracks
+// makes one. Pointers into the file's tree: a Track lives no longer than its
+// Mp4File.
+class Track {
+ public:
+  uint32_t id() const { return id_; }
+  const std::string& handler() const { return handler_; }  // "vide", "soun", ...
+  uint32_t timescale() const { return timescale_; }
+  uint64_t fileLength() const { return fileLength_; }  // bounds every sample
+
+  const StsdAtom& stsd() const { return *stsd_; }
+  const SttsAtom& stts() const { return *stts_; }
+  const StscAtom& stsc() const { return *stsc_; }
+  const StszAtom& stsz() const { return *stsz_; }
+  const StssAtom* stss() const { return stss_; }  // none: every sample is a sync sample
+  const StcoAtom* stco() const { return stco_; }  // exactly one of stco and co64
+  const Co64Atom* co64() const { return co64_; }
+
+  uint32_t sampleCount() const { return static_cast<uint32_t>(stsz_->entries.size()); }
   uint64_t chunkCount() const;
   uint64_t chunkOffset(uint64_t chunk) const;  // 1-based; 0 past the end
   std::string entryType() const;               // of the first sample entry
   const char* kind() const;                    // "video", "audio", "metadata", ...
-  // Checks that the tables agree with each other; "" when they do.
-  std::string check() const;
-};
 
-// Every track of a file, with its tables checked. -1 and a message naming
-// the track and the table when a track cannot be walked.
-int findTracks(Mp4File& file, uint64_t fileLength, std::vector<Track>* tracks,
-               std::string* error);
+ private:
+  friend Result<std::vector<Track>> findTracks(Mp4File& file);
+  Track() = default;
+  Status check() const;
+
+  uint32_t id_ = 0;
+  std::string handler_;
+  uint32_t timescale_ = 0;
+  uint64_t fileLength_ = 0;
+  const StsdAtom* stsd_ = nullptr;
+  const SttsAtom* stts_ = nullptr;
+  const StscAtom* stsc_ = nullptr;
+  const StszAtom* stsz_ = nullptr;
+  const StssAtom* stss_ = nullptr;
+  const StcoAtom* stco_ = nullptr;
+  const Co64Atom* co64_ = nullptr;
+};
 
 // Walks a track's samples in order: the sample-to-chunk runs are followed
 // once, so each step costs constant time.
@@ -57,16 +79,16 @@ class SampleWalker {
  public:
   explicit SampleWalker(const Track& track);
 
-  // The next sample; false at the end, or on an inconsistency, which
-  // error() then describes.
-  bool next(SampleInfo* sample);
-  const std::string& error() const { return error_; }
+  // The next sample; null at the end. A failure (a sample past its chunks
+  // or past the end of the file) ends the walk.
+  Result<const SampleInfo*> next();
 
  private:
-  bool fail(const std::string& message);
-  bool enterChunk();
+  Status enterChunk();
+  Status fail(const std::string& message);
 
   const Track& track_;
+  SampleInfo sample_;
   uint32_t number_ = 0;
   uint64_t chunk_ = 0;
   size_t run_ = 0;
@@ -76,9 +98,10 @@ class SampleWalker {
   uint64_t leftInTimeRun_ = 0;
   uint64_t time_ = 0;
   size_t sync_ = 0;
-  std::string error_;
 };
 
 // The sample that plays at `time` (time-scale units): the last one when
 // time lies past the end, 0 for an empty track.
 uint32_t sampleAtTime(const Track& track, uint64_t time);
+
+}  // namespace mp4stbl

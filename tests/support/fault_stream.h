@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "box/iostream.h"
+#include "box/stream.h"
 
 class FaultStream : public IOStream {
  public:
@@ -32,7 +32,7 @@ class FaultStream : public IOStream {
  private:
   unsigned allowance(unsigned count) const;
 
-  MemoryStream inner_;
+  mp4stbl::MemoryStream inner_;
   size_t limit_ = SIZE_MAX;
   size_t moved_ = 0;
   bool wholeWrites_ = false;

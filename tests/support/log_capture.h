@@ -22,9 +22,9 @@ inline std::ostream& operator<<(std::ostream& out, const LogLine& line) {
 
 class LogCapture {
  public:
-  LogCapture() : previous_(QX_LOG_SetHandler(&capture)) { captured().clear(); }
+  LogCapture() : previous_(mp4stbl::setLogSink({&capture, 0})) { captured().clear(); }
   ~LogCapture() {
-    QX_LOG_SetHandler(previous_);
+    mp4stbl::setLogSink(previous_);
     captured().clear();
   }
   LogCapture(const LogCapture&) = delete;
@@ -43,7 +43,7 @@ class LogCapture {
   static void capture(const char* tag, int level, const char* text) {
     captured().push_back(LogLine{tag, level, text});
   }
-  QxLogHandler previous_;
+  mp4stbl::LogSink previous_;
 };
 
 // The null-argument line of a function, less its source line number.

@@ -1,4 +1,4 @@
-#include "box/iostream.h"
+#include "box/stream.h"
 
 #include <algorithm>
 #include <climits>
@@ -22,17 +22,6 @@ void storeBe(unsigned char* bytes, uint64_t value, unsigned width) {
   for (unsigned i = width; i-- > 0;) {
     bytes[i] = static_cast<unsigned char>(value);
     value >>= 8;
-  }
-}
-
-// std::filebuf reports some system errors (reading a directory, say) by
-// throwing; a stream reports them as a failed call.
-template <class Call>
-auto guarded(Call call, decltype(call()) failure) -> decltype(call()) {
-  try {
-    return call();
-  } catch (const std::exception&) {
-    return failure;
   }
 }
 
@@ -93,13 +82,13 @@ int IOStream::readBytes(unsigned char* buffer, unsigned count) {
 
 void IOStream::swapArrayOfBe32(uint32_t* array, unsigned count) {
   auto* bytes = reinterpret_cast<const unsigned char*>(array);
-  for (unsigned i = 0; i < count; ++i) array[i] = byte_order::load<uint32_t>(bytes + 4ull * i);
+  for (unsigned i = 0; i < count; ++i) array[i] = mp4stbl::byte_order::load<uint32_t>(bytes + 4ull * i);
 }
 
 void IOStream::swapArrayOfBe64(unsigned long long* array, unsigned count) {
   auto* bytes = reinterpret_cast<const unsigned char*>(array);
   for (unsigned i = 0; i < count; ++i) {
-    array[i] = byte_order::load<unsigned long long>(bytes + 8ull * i);
+    array[i] = mp4stbl::byte_order::load<unsigned long long>(bytes + 8ull * i);
   }
 }
 
@@ -140,6 +129,8 @@ int IOStream::write64(unsigned long long value) {
   return writeBytes(bytes, 8);
 }
 
+namespace mp4stbl {
+
 // ---- MemoryStream ----
 
 MemoryStream::MemoryStream(std::vector<unsigned char> bytes) : bytes_(std::move(bytes)) {}
@@ -173,90 +164,6 @@ long long MemoryStream::getLength() { return static_cast<long long>(bytes_.size(
 
 const std::vector<unsigned char>& MemoryStream::data() const { return bytes_; }
 
-// ---- FileStream ----
-
-FileStream::FileStream() = default;
-
-FileStream::~FileStream() { close(); }
-
-int FileStream::open(const std::string& path, Mode mode) {
-  close();
-  // The buffer is taken at the first open, so that a stream never opened
-  // costs nothing.
-  if (buffer_.empty()) {
-    buffer_.resize(1 << 20);
-    file_.pubsetbuf(buffer_.data(), static_cast<std::streamsize>(buffer_.size()));
-  }
-  std::ios_base::openmode how = std::ios_base::binary;
-  how |= mode == Mode::Read ? std::ios_base::in : std::ios_base::out | std::ios_base::trunc;
-  if (!file_.open(path, how)) {
-    QX_LOG_Printf("IO", 3, "open %s for %s failed\n", path.c_str(),
-                  mode == Mode::Read ? "reading" : "writing");
-    return -1;
-  }
-  mode_ = mode;
-  position_ = 0;
-  length_ = 0;
-  if (mode == Mode::Read) {
-    const std::streampos failed(-1);
-    const std::streampos end = guarded(
-        [this] { return file_.pubseekoff(0, std::ios_base::end, std::ios_base::in); }, failed);
-    if (end == failed ||
-        guarded([this] { return file_.pubseekpos(0, std::ios_base::in); }, failed) == failed) {
-      QX_LOG_Printf("IO", 3, "seek in %s failed\n", path.c_str());
-      file_.close();
-      return -1;
-    }
-    length_ = static_cast<long long>(end);
-  }
-  return 0;
-}
-
-int FileStream::close() {
-  if (!file_.is_open()) return 0;
-  return guarded([this] { return file_.close() != nullptr; }, false) ? 0 : -1;
-}
-
-bool FileStream::isOpen() const { return file_.is_open(); }
-
-int FileStream::read(unsigned char* buffer, unsigned count) {
-  if (!file_.is_open() || mode_ != Mode::Read) return -1;
-  const std::streamsize got = guarded(
-      [&] { return file_.sgetn(reinterpret_cast<char*>(buffer), std::min(count, kMaxCall)); },
-      std::streamsize{-1});
-  if (got < 0) return -1;
-  position_ += got;
-  return static_cast<int>(got);
-}
-
-int FileStream::write(const unsigned char* buffer, unsigned count) {
-  if (!file_.is_open() || mode_ != Mode::Write) return -1;
-  const std::streamsize put = guarded(
-      [&] { return file_.sputn(reinterpret_cast<const char*>(buffer), std::min(count, kMaxCall)); },
-      std::streamsize{-1});
-  if (put <= 0 && count > 0) return -1;
-  position_ += put;
-  length_ = std::max(length_, position_);
-  return static_cast<int>(put);
-}
-
-int FileStream::seek(long long offset) {
-  if (!file_.is_open() || offset < 0) return -1;
-  if (mode_ == Mode::Read && offset > length_) return -1;
-  std::ios_base::openmode which = mode_ == Mode::Read ? std::ios_base::in : std::ios_base::out;
-  const std::streampos failed(-1);
-  if (guarded([&] { return file_.pubseekpos(std::streampos(offset), which); }, failed) == failed) {
-    return -1;
-  }
-  position_ = offset;
-  length_ = std::max(length_, position_);
-  return 0;
-}
-
-long long FileStream::getOffset() { return position_; }
-
-long long FileStream::getLength() { return file_.is_open() ? length_ : -1; }
-
 // ---- BoundedStream ----
 
 BoundedStream::BoundedStream(IOStream* base, long long end) : base_(base), end_(end), depth_(0) {
@@ -289,3 +196,5 @@ long long BoundedStream::getLength() { return end_; }
 void logStreamFailure(IOStream* stream, const char* operation) {
   QX_LOG_Printf("IO", 3, "offset:%lld, %s fail\n", stream->getOffset(), operation);
 }
+
+}  // namespace mp4stbl

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -46,6 +45,8 @@ class IOStream {
   int readExactly(unsigned char* buffer, unsigned count);
 };
 
+namespace mp4stbl {
+
 // An in-memory stream. Reads stop at the end of the bytes; writes overwrite
 // or extend at the current position.
 class MemoryStream : public IOStream {
@@ -64,36 +65,6 @@ class MemoryStream : public IOStream {
  private:
   std::vector<unsigned char> bytes_;
   size_t position_ = 0;
-};
-
-// A buffered file on disk with 64-bit offsets, opened either for reading or
-// for writing (which truncates). Failures are logged and returned, never
-// thrown.
-class FileStream : public IOStream {
- public:
-  enum class Mode { Read, Write };
-
-  FileStream();
-  ~FileStream() override;
-  FileStream(const FileStream&) = delete;
-  FileStream& operator=(const FileStream&) = delete;
-
-  int open(const std::string& path, Mode mode);  // 0 or -1
-  int close();                                   // flushes; 0 or -1
-  bool isOpen() const;
-
-  int read(unsigned char* buffer, unsigned count) override;
-  int write(const unsigned char* buffer, unsigned count) override;
-  int seek(long long offset) override;
-  long long getOffset() override;
-  long long getLength() override;
-
- private:
-  std::filebuf file_;
-  std::vector<char> buffer_;
-  Mode mode_ = Mode::Read;
-  long long position_ = 0;
-  long long length_ = 0;
 };
 
 // A read-only window onto another stream that ends at an absolute offset.
@@ -124,3 +95,5 @@ class BoundedStream : public IOStream {
 // Logs the failure of a stream operation the way every box reports it:
 // tag "IO", level 3, "offset:<position>, <operation> fail".
 void logStreamFailure(IOStream* stream, const char* operation);
+
+}  // namespace mp4stbl

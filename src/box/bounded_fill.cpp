@@ -1,4 +1,4 @@
-#include "box/memory.h"
+#include "box/bounded_fill.h"
 
 #include <cerrno>
 #include <cstdint>

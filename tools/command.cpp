@@ -1,0 +1,58 @@
+#include "command.h"
+
+#include <cstdio>
+
+namespace mp4stbl::cli {
+
+int fail(const Options& options, const std::string& what) {
+  std::fprintf(stderr, "mp4stbl: %s: %s\n", options.file.c_str(), what.c_str());
+  return kFailure;
+}
+
+std::unique_ptr<Opened> open(const Options& options) {
+  auto opened = std::make_unique<Opened>();
+  const Status read = opened->file.open(options.file);
+  if (!read.ok()) {
+    const bool opening = read.message().rfind("cannot open", 0) == 0;
+    const bool atStart = opened->file.root.children.empty();
+    fail(options, opening ? read.message()
+                          : std::string(atStart ? "not an MP4 file" : "cannot be read") + " (" +
+                                read.message() + ")");
+    return nullptr;
+  }
+  if (opened->file.find("moov").empty()) {
+    fail(options, "not an MP4 file (no moov box)");
+    return nullptr;
+  }
+  Result<std::vector<Track>> tracks = findTracks(opened->file);
+  if (!tracks.ok()) {
+    fail(options, tracks.message());
+    return nullptr;
+  }
+  opened->tracks = std::move(*tracks);
+  return opened;
+}
+
+const Track* findTrack(const Options& options, const Opened& opened) {
+  for (const Track& track : opened.tracks) {
+    if (track.id() == options.track) return &track;
+  }
+  if (options.track == 0) {
+    for (const Track& track : opened.tracks) {
+      if (track.handler() == "vide") return &track;
+    }
+    if (!opened.tracks.empty()) return &opened.tracks.front();
+  }
+  fail(options, "no track " + std::to_string(options.track));
+  return nullptr;
+}
+
+double seconds(uint64_t units, uint32_t timescale) {
+  return timescale == 0 ? 0.0 : static_cast<double>(units) / timescale;
+}
+
+void printJson(const nlohmann::json& document) {
+  std::printf("%s\n", document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+}
+
+}  // namespace mp4stbl::cli

@@ -1,0 +1,56 @@
+// What the subcommands of mp4stbl share: their options, opening a file
+// with its tracks, failure messages and JSON output.
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "box/mp4file.h"
+#include "media/track.h"
+
+namespace mp4stbl::cli {
+
+constexpr int kFailure = 1;
+
+struct Options {
+  std::string file;
+  bool json = false;
+  bool verbose = false;
+  std::string entries = "5";
+  uint32_t track = 0;
+  double time = -1;
+  uint32_t sample = 0;
+  double endTime = -1;
+  uint32_t endSample = 0;
+};
+
+// Prints "mp4stbl: FILE: what" on stderr; returns kFailure.
+int fail(const Options& options, const std::string& what);
+
+// A file read with its tracks.
+struct Opened {
+  Mp4File file;
+  std::vector<Track> tracks;
+};
+
+// Null after a failure message.
+std::unique_ptr<Opened> open(const Options& options);
+
+// The track asked for; without --track, the first video track, else the
+// first track. Null after a failure message.
+const Track* findTrack(const Options& options, const Opened& opened);
+
+double seconds(uint64_t units, uint32_t timescale);
+void printJson(const nlohmann::json& document);
+
+int info(const Options& options);
+int dump(const Options& options);
+int samples(const Options& options);
+int seek(const Options& options);
+int verify(const Options& options);
+
+}  // namespace mp4stbl::cli

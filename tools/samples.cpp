@@ -1,0 +1,52 @@
+// mp4stbl samples: one row per sample of a track.
+#include <cstdio>
+
+#include "command.h"
+
+namespace mp4stbl::cli {
+
+namespace {
+
+void printRow(const SampleInfo& s, bool json, bool first) {
+  if (json) {
+    std::printf("%s\n  {\"number\": %u, \"chunk\": %u, \"offset\": %llu, \"size\": %u, "
+                "\"decodeTime\": %llu, \"duration\": %u, \"sync\": %s}",
+                first ? "" : ",", s.number, s.chunk, static_cast<unsigned long long>(s.offset),
+                s.size, static_cast<unsigned long long>(s.decodeTime), s.duration,
+                s.sync ? "true" : "false");
+  } else {
+    std::printf("%10u %8u %14llu %10u %14llu %10u %5s\n", s.number, s.chunk,
+                static_cast<unsigned long long>(s.offset), s.size,
+                static_cast<unsigned long long>(s.decodeTime), s.duration, s.sync ? "yes" : "");
+  }
+}
+
+}  // namespace
+
+int samples(const Options& options) {
+  const auto opened = open(options);
+  if (!opened) return kFailure;
+  const Track* track = findTrack(options, *opened);
+  if (track == nullptr) return kFailure;
+  // Rows are streamed: a long recording holds millions of samples.
+  if (options.json) {
+    std::printf("{\"file\": %s, \"track\": %u, \"timescale\": %u, \"samples\": [",
+                nlohmann::json(options.file).dump(-1, ' ', false,
+                                                  nlohmann::json::error_handler_t::replace)
+                    .c_str(),
+                track->id(), track->timescale());
+  } else {
+    std::printf("%10s %8s %14s %10s %14s %10s %5s\n", "sample", "chunk", "offset", "size",
+                "decode time", "duration", "sync");
+  }
+  SampleWalker walker(*track);
+  Result<const SampleInfo*> step = walker.next();
+  for (bool first = true; step.ok() && *step != nullptr; step = walker.next(), first = false) {
+    printRow(**step, options.json, first);
+  }
+  if (options.json) std::printf("\n]}\n");
+  if (!step.ok()) return fail(options, step.message());
+  return 0;
+}
+
+}  // namespace mp4stbl::cli

@@ -1,0 +1,97 @@
+// mp4stbl seek: the key frame to start playing from, and the bytes to read.
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+#include "command.h"
+
+namespace mp4stbl::cli {
+
+namespace {
+
+using nlohmann::json;
+
+// Walks to sample `number`; null after a failure message.
+std::unique_ptr<SampleInfo> sampleAt(const Options& options, const Track& track,
+                                     uint32_t number) {
+  SampleWalker walker(track);
+  Result<const SampleInfo*> step = walker.next();
+  for (; step.ok() && *step != nullptr; step = walker.next()) {
+    if ((*step)->number == number) return std::make_unique<SampleInfo>(**step);
+  }
+  fail(options, step.ok() ? "no sample " + std::to_string(number) : step.message());
+  return nullptr;
+}
+
+uint32_t sampleFor(const Track& track, double time, uint32_t sample) {
+  if (time < 0) return sample;
+  return sampleAtTime(track, static_cast<uint64_t>(std::llround(time * track.timescale())));
+}
+
+// The distance from the first byte of the start chunk to that of the end
+// chunk, as the offset table gives it.
+uint64_t chunkDistance(const Track& track, uint32_t startChunk, uint32_t endChunk,
+                       unsigned long long* chunkStart) {
+  if (track.stco() != nullptr) {
+    uint32_t distance = 0;
+    track.stco()->getFramePos(startChunk, endChunk, chunkStart, &distance);
+    return distance;
+  }
+  unsigned long long endPos = 0;
+  track.co64()->getPosByNO(startChunk, chunkStart);
+  track.co64()->getPosByNO(endChunk, &endPos);
+  return endPos - *chunkStart;
+}
+
+}  // namespace
+
+int seek(const Options& options) {
+  const auto opened = open(options);
+  if (!opened) return kFailure;
+  const Track* track = findTrack(options, *opened);
+  if (track == nullptr) return kFailure;
+  const uint32_t asked = sampleFor(*track, options.time, options.sample);
+  if (asked == 0 || asked > track->sampleCount()) return fail(options, "no such sample");
+  uint32_t key = asked;
+  if (track->stss() != nullptr) track->stss()->getIFrameNumber(&key);
+  const auto start = sampleAt(options, *track, key);
+  if (!start) return kFailure;
+  if (!start->sync) {
+    return fail(options, "no key frame at or after sample " + std::to_string(asked));
+  }
+  uint32_t last = sampleFor(*track, options.endTime, options.endSample);
+  last = last == 0 ? track->sampleCount() : std::min(last, track->sampleCount());
+  const auto end = sampleAt(options, *track, std::max(last, key));
+  if (!end) return kFailure;
+
+  unsigned long long chunkStart = 0;
+  const uint64_t distance = chunkDistance(*track, start->chunk, end->chunk, &chunkStart);
+  const uint64_t rangeEnd = end->offset + end->size;
+  const double keyTime = seconds(start->decodeTime, track->timescale());
+  if (options.json) {
+    printJson({
+        {"file", options.file},
+        {"track", track->id()},
+        {"requestedSample", asked},
+        {"keyFrame", key},
+        {"keyFrameTime", keyTime},
+        {"chunk", start->chunk},
+        {"offset", start->offset},
+        {"chunkOffset", chunkStart},
+        {"chunkDistance", distance},
+        {"endSample", end->number},
+        {"rangeStart", chunkStart},
+        {"rangeLength", rangeEnd - chunkStart},
+    });
+    return 0;
+  }
+  std::printf("track %u: sample %u -> key frame %u at %.3f s, chunk %u, offset %llu\n",
+              track->id(), asked, key, keyTime, start->chunk,
+              static_cast<unsigned long long>(start->offset));
+  std::printf("read bytes %llu..%llu (%llu bytes) to play through sample %u\n", chunkStart,
+              static_cast<unsigned long long>(rangeEnd),
+              static_cast<unsigned long long>(rangeEnd - chunkStart), end->number);
+  return 0;
+}
+
+}  // namespace mp4stbl::cli

@@ -1,0 +1,128 @@
+// mp4stbl verify: writes the file back and compares it, block by block,
+// with the file on disk; memory stays that of the tables.
+#include <algorithm>
+#include <cstdio>
+#include <set>
+#include <vector>
+
+#include "box/file_stream.h"
+#include "command.h"
+
+namespace mp4stbl::cli {
+
+namespace {
+
+using nlohmann::json;
+
+// A write-only stream that compares what is written with the original file
+// as it goes. Box headers are written with a size of 0 and patched when
+// the box is complete; a short write (a header field) that differs is kept
+// aside until the end, so a later patch can settle it. Memory grows only
+// with the small writes that differ.
+class ComparingStream : public IOStream {
+ public:
+  explicit ComparingStream(IOStream* original) : original_(original) {}
+
+  int read(unsigned char*, unsigned) override { return -1; }
+  int write(const unsigned char* buffer, unsigned count) override {
+    const bool patch = position_ < end_;
+    if (patch && (position_ + count > end_ || original_->seek(offset(position_)) != 0)) return -1;
+    block_.resize(count);
+    const unsigned got =
+        static_cast<unsigned>(std::max(original_->readBytes(block_.data(), count), 0));
+    if (patch || count <= kShortWrite) {
+      for (unsigned i = 0; i < count; ++i) {
+        if (i < got && buffer[i] == block_[i]) {
+          differing_.erase(position_ + i);
+        } else {
+          differing_.insert(position_ + i);
+        }
+      }
+    } else {
+      const auto* differs = std::mismatch(buffer, buffer + got, block_.data()).first;
+      if (differs != buffer + got || got < count) {
+        firstLong_ = std::min(firstLong_, position_ + static_cast<uint64_t>(differs - buffer));
+      }
+    }
+    position_ += count;
+    end_ = std::max(end_, position_);
+    if (patch && position_ != end_ && original_->seek(offset(end_)) != 0) return -1;
+    return static_cast<int>(count);
+  }
+  int seek(long long to) override {
+    if (to < 0 || static_cast<uint64_t>(to) > end_) return -1;
+    if (static_cast<uint64_t>(to) == end_ && original_->seek(offset(end_)) != 0) return -1;
+    position_ = static_cast<uint64_t>(to);
+    return 0;
+  }
+  long long getOffset() override { return offset(position_); }
+  long long getLength() override { return offset(end_); }
+
+  static constexpr uint64_t kNone = UINT64_MAX;
+  // The first offset that differs, kNone when none does.
+  uint64_t mismatch() const {
+    return differing_.empty() ? firstLong_ : std::min(firstLong_, *differing_.begin());
+  }
+  uint64_t written() const { return end_; }
+
+ private:
+  static constexpr unsigned kShortWrite = 16;
+  static long long offset(uint64_t at) { return static_cast<long long>(at); }
+
+  IOStream* original_;
+  std::vector<unsigned char> block_;
+  uint64_t position_ = 0;
+  uint64_t end_ = 0;
+  uint64_t firstLong_ = kNone;
+  std::set<uint64_t> differing_;
+};
+
+// The innermost box whose bytes hold `offset`.
+std::string boxAt(const Atom& parent, uint64_t offset, const std::string& path) {
+  for (const Atom* box : parent.children) {
+    const uint64_t start = box->header.headerOffset;
+    if (offset >= start && offset - start < box->header.boxLength()) {
+      return boxAt(*box, offset, path.empty() ? box->header.type : path + "/" + box->header.type);
+    }
+  }
+  return path;
+}
+
+}  // namespace
+
+int verify(const Options& options) {
+  const auto opened = open(options);
+  if (!opened) return kFailure;
+  FileStream original;
+  if (original.open(options.file, FileStream::Mode::Read) != 0) {
+    return fail(options, "cannot open the file");
+  }
+  ComparingStream compared(&original);
+  const Status written = opened->file.write(&compared);
+  if (!written.ok()) return fail(options, "cannot be written back (" + written.message() + ")");
+  const uint64_t length = opened->file.length();
+  uint64_t mismatch = compared.mismatch();
+  if (mismatch == ComparingStream::kNone && compared.written() != length) {
+    mismatch = std::min(compared.written(), length);
+  }
+  const bool same = mismatch == ComparingStream::kNone;
+  const std::string box = same ? "" : boxAt(opened->file.root, mismatch, "");
+  if (options.json) {
+    json result = {{"file", options.file}, {"identical", same}, {"bytes", length}};
+    if (!same) {
+      result["firstDifference"] = mismatch;
+      result["box"] = box;
+    }
+    printJson(result);
+  } else if (same) {
+    std::printf("%s: identical when written back (%llu bytes)\n", options.file.c_str(),
+                static_cast<unsigned long long>(length));
+  } else {
+    std::printf("%s: differs when written back, first at offset %llu, in %s\n",
+                options.file.c_str(), static_cast<unsigned long long>(mismatch),
+                box.empty() ? "no box" : box.c_str());
+  }
+  return same ? 0 : kFailure;
+}
+
+}  // namespace mp4stbl::cli
