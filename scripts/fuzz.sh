@@ -18,7 +18,17 @@ target="$1"
 seconds="$2"
 
 ensure_packages "${BUILD_PACKAGES[@]}" "${FUZZ_PACKAGES[@]}"
-cmake --preset fuzz >/dev/null
+# clang++ if there is one, else the newest clang++-N on PATH (Debian installs
+# only the versioned name).
+cxx="$(command -v clang++ || true)"
+if [ -z "$cxx" ]; then
+  cxx="$(compgen -c clang++- | grep -E '^clang\+\+-[0-9]+$' | sort -t- -k2,2n | tail -n 1 || true)"
+fi
+if [ -z "$cxx" ]; then
+  echo "$0: no clang++ on PATH" >&2
+  exit 1
+fi
+cmake --preset fuzz -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
 cmake --build --preset fuzz --target "$target"
 
 scratch="$(mktemp -d)"
