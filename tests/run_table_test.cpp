@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -21,56 +22,49 @@ void record(StscAtom& table, const StscEntry& r) {
   table.addEntry(r.firstChunk, r.samplesPerChunk, r.sampleDescriptionIndex);
 }
 
-// Passes each case's runs to addEntry; the box grows by `width` per run kept.
+// Each case's runs, recorded one by one with addEntry, fold into `expected`;
+// merging them from a source table gives the same runs, whether into an
+// empty table or after the first run was recorded (folding at the seam). The
+// box grows by `width` per run kept, silently.
 template <class Box, class Runs>
-void expectRecorded(unsigned width, std::initializer_list<std::pair<Runs, Runs>> cases) {
+void expectRuns(unsigned width, std::initializer_list<std::pair<Runs, Runs>> cases) {
   for (const auto& [calls, expected] : cases) {
-    SCOPED_TRACE(::testing::PrintToString(calls));
-    Held<Box> table(Runs{});
-    for (const auto& run : calls) record(table, run);
-    EXPECT_EQ(table.entries, expected);
-    EXPECT_EQ(table.header.size, 16 + width * expected.size());
+    const Held<Box> source(calls);
+    const auto n = static_cast<uint32_t>(calls.size());
+    for (uint32_t recorded : {n, 0u, 1u}) {
+      SCOPED_TRACE(::testing::PrintToString(calls) + " recorded " + std::to_string(recorded));
+      Held<Box> table(Runs{});
+      LogCapture log;
+      for (uint32_t i = 0; i < recorded; ++i) record(table, calls[i]);
+      if (recorded < n) table.merge(&source, recorded + 1, n);
+      EXPECT_EQ(table.entries, expected);
+      EXPECT_EQ(table.header.size, 16 + width * expected.size());
+      EXPECT_TRUE(log.lines().empty());
+    }
   }
 }
 
-template <class Runs>
-struct MergeCase { Runs destination; uint32_t first, last; Runs expected; };
-
-// Merges runs first..last of `source` into each case's destination; the box
-// grows by `width` per run it gains, silently.
-template <class Box, class Runs>
-void expectMerged(const Runs& runs, unsigned width, std::initializer_list<MergeCase<Runs>> cases) {
-  const Held<Box> source(runs);
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::to_string(c.first) + ".." + std::to_string(c.last));
-    Held<Box> table(c.destination);
-    LogCapture log;
-    table.merge(&source, c.first, c.last);
-    EXPECT_EQ(table.entries, c.expected);
-    EXPECT_EQ(table.header.size, 16 + width * (c.expected.size() - c.destination.size()));
-    EXPECT_TRUE(log.lines().empty());
-  }
-}
-
-TEST(SttsRecord, FoldsIntoTheLastRunWhenTheDeltaMatches) {
-  expectRecorded<SttsAtom, Times>(8, {
+TEST(SttsRuns, FoldIntoTheLastRunWhenTheDeltaMatches) {
+  expectRuns<SttsAtom, Times>(8, {
       {{{1, 3000}, {1, 3000}, {1, 3000}}, {{3, 3000}}},
       {{{1, 3000}, {1, 3001}, {1, 3000}}, {{1, 3000}, {1, 3001}, {1, 3000}}},
+      {{{5, 3000}, {2, 1500}, {1, 1500}, {4, 20}}, {{5, 3000}, {3, 1500}, {4, 20}}},
       {{{2, 40}, {0, 40}, {0, 41}}, {{2, 40}, {0, 41}}},  // a zero count still opens a run
       {{{0xFFFFFFFF, 7}, {2, 7}}, {{1, 7}}},              // the count wraps at 32 bits
   });
 }
 
-TEST(SttsMerge, TakesTheOrdinalRangeAndFoldsAsItGoes) {
-  // The middle two runs fold together when copied.
-  const Times source{{5, 3000}, {2, 1500}, {1, 1500}, {4, 20}};
-  expectMerged<SttsAtom, Times>(source, 8, {
-      {{{10, 3000}}, 1, 1, {{15, 3000}}},  // folds at the seam
-      {{}, 2, 100, {{3, 1500}, {4, 20}}},  // last past the end
-      {{}, 0, 1, {{5, 3000}}},             // first 0 counts as 1
-      {{{1, 1}}, 2, 1, {{1, 1}}},          // first after last
-      {{{1, 1}}, 5, 9, {{1, 1}}},          // first past the end
-  });
+// Record ranges are 1-based and inclusive, clamped to the source; first 0
+// counts as 1. A table may be its own source.
+TEST(SttsMerge, TakesTheOrdinalRange) {
+  const Held<SttsAtom> source(Times{{5, 3000}, {2, 1500}, {4, 20}});
+  const std::tuple<uint32_t, uint32_t, Times> cases[] = {
+      {2, 100, {{2, 1500}, {4, 20}}}, {0, 1, {{5, 3000}}}, {2, 1, {}}, {4, 9, {}}};
+  for (const auto& [first, last, expected] : cases) {
+    Held<SttsAtom> table(Times{});
+    table.merge(&source, first, last);
+    EXPECT_EQ(table.entries, expected) << first << ".." << last;
+  }
   Held<SttsAtom> self(Times{{1, 10}, {1, 20}});
   self.merge(&self, 1, 2);
   EXPECT_EQ(self.entries, (Times{{1, 10}, {1, 20}, {1, 10}, {1, 20}}));
@@ -82,37 +76,21 @@ TEST(SttsDuration, SumsRunsEachCutTo32Bits) {
   EXPECT_EQ(Held<SttsAtom>(Times(4, {0xFFFF, 0xFFFF})).totalDuration(), 4ull * 0xFFFE0001ull);
 }
 
-TEST(StscRecord, OpensARunOnlyWhenTheGroupingChanges) {
-  expectRecorded<StscAtom, Groups>(12, {
+// First chunks are passed through as they stand, never checked or renumbered.
+TEST(StscRuns, OpenOnlyWhenTheGroupingChangesAndCropToOnePerChunk) {
+  expectRuns<StscAtom, Groups>(12, {
       {{{1, 1, 1}, {2, 1, 1}}, {{1, 1, 1}}},
       {{{1, 1, 1}, {5, 2, 1}, {9, 1, 1}}, {{1, 1, 1}, {5, 2, 1}, {9, 1, 1}}},
-      {{{1, 4, 1}, {3, 4, 2}}, {{1, 4, 1}, {3, 4, 2}}},              // a new description
-      {{{7, 4, 1}, {2, 5, 1}, {1, 5, 1}}, {{7, 4, 1}, {2, 5, 1}}},  // first chunks unchecked
+      {{{1, 4, 1}, {3, 4, 2}}, {{1, 4, 1}, {3, 4, 2}}},  // a new description
+      {{{7, 4, 1}, {2, 5, 1}, {1, 5, 1}, {9, 5, 2}}, {{7, 4, 1}, {2, 5, 1}, {9, 5, 2}}},
   });
-}
-
-TEST(StscMerge, PassesTheOrdinalRangeThroughRecording) {
-  // Runs 2 and 3 share a grouping; first chunks are copied as they stand.
-  const Groups source{{1, 1, 1}, {4, 12, 1}, {6, 12, 1}, {9, 12, 2}};
-  expectMerged<StscAtom, Groups>(source, 12, {
-      {{{1, 1, 1}}, 1, 1, {{1, 1, 1}}},
-      {{{1, 1, 1}}, 2, 0xFFFFFFFF, {{1, 1, 1}, {4, 12, 1}, {9, 12, 2}}},
-      {{}, 0, 1, {{1, 1, 1}}},
-      {{{1, 1, 1}}, 3, 2, {{1, 1, 1}}},
-      {{{1, 1, 1}}, 5, 9, {{1, 1, 1}}},
-  });
-}
-
-// A trimmed track holds one sample per chunk: the run {1, 1, 1} is appended
-// unfolded, whatever the source, which is never read.
-TEST(StscCrop, AppendsOneSamplePerChunkWhateverTheSource) {
-  Held<StscAtom> table({});
-  LogCapture log;
-  table.crop2new(nullptr);
-  table.crop2new(&table);
-  EXPECT_EQ(table.entries, (Groups{{1, 1, 1}, {1, 1, 1}}));
-  EXPECT_EQ(table.header.size, 16u + 24);
-  EXPECT_TRUE(log.lines().empty());
+  // A trimmed track holds one sample per chunk: crop2new appends {1, 1, 1}
+  // unfolded, whatever the source, which it never reads.
+  Held<StscAtom> cropped({});
+  cropped.crop2new(nullptr);
+  cropped.crop2new(&cropped);
+  EXPECT_EQ(cropped.entries, (Groups{{1, 1, 1}, {1, 1, 1}}));
+  EXPECT_EQ(cropped.header.size, 16u + 24);
 }
 
 }  // namespace

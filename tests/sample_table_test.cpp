@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "stbl.h"
@@ -53,102 +55,95 @@ TEST(StszCount, FollowsReadsAndRecordsAndIsWrittenAsKept) {
   EXPECT_EQ(recorded.header.size, 16u + 12);
 }
 
-// What crop2new or merge appended to a table holding {1}, with the box's
-// growth and crop2new's trace: one line per number, `trace` + number + `end`.
-template <class Box>
-void expectAppended(const Box& table, const LogCapture& log, bool crop, const Numbers& appended,
-                    const std::string& trace, const std::string& end) {
-  Numbers expected{1};
-  Lines lines;
-  for (uint32_t no : appended) {
-    expected.push_back(no);
-    if (crop) lines.push_back({"MP4", 0, trace + std::to_string(no) + end});
-  }
-  EXPECT_EQ(table.entries, expected);
-  EXPECT_EQ(table.header.size, 16 + 4 * appended.size());
-  EXPECT_EQ(log.lines(), lines);
-}
+struct CopyCase {
+  uint32_t start, end, offset;
+  Numbers cropped, merged;
+};
 
-// Both append the inclusive range of samples; crop2new traces each size.
-TEST(StszRange, AppendsTheInclusiveSampleRange) {
-  Held<StszAtom> source({10, 20, 30, 40, 50, 60, 70, 80, 90, 100});
-  source.sample_size = 0x55;
-  const struct {
-    uint32_t start, end;
-    Numbers copied;
-  } cases[] = {
-      {3, 5, {30, 40, 50}}, {0, 2, {10, 20}}, {5, 4, {}}, {9, 0xFFFFFFFF, {90, 100}}, {11, 20, {}}};
-  for (const auto& c : cases) {
+// Copies samples start..end of `numbers` into a table holding {1}, with
+// crop2new and with merge (stss's after `offset` samples). The box grows by 4
+// per number appended; crop2new traces each: `trace` + number + `end`.
+template <class Box>
+void expectCopies(const Numbers& numbers, std::initializer_list<CopyCase> cases,
+                  const std::string& trace, const std::string& end) {
+  const Held<Box> source(numbers);
+  for (const CopyCase& c : cases) {
     for (bool crop : {true, false}) {
-      SCOPED_TRACE(std::to_string(c.start) + (crop ? " crop2new" : " merge"));
-      Held<StszAtom> table({1});
-      table.sample_size = 0x99;
+      SCOPED_TRACE(std::to_string(c.start) + ".." + std::to_string(c.end) + (crop ? " crop" : ""));
+      Held<Box> table({1});
       LogCapture log;
-      crop ? table.crop2new(&source, c.start, c.end) : table.merge(&source, c.start, c.end);
-      expectAppended(table, log, crop, c.copied, "stsz ", "\n");
-      EXPECT_EQ(table.sample_count, 1 + c.copied.size());
-      EXPECT_EQ(table.sample_size, 0x99u);
+      if (crop) {
+        table.crop2new(&source, c.start, c.end);
+      } else if constexpr (std::is_same_v<Box, StssAtom>) {
+        table.merge(&source, c.start, c.end, c.offset);
+      } else {
+        table.merge(&source, c.start, c.end);
+      }
+      Numbers expected{1};
+      Lines lines;
+      for (uint32_t no : crop ? c.cropped : c.merged) {
+        expected.push_back(no);
+        if (crop) lines.push_back({"MP4", 0, trace + std::to_string(no) + end});
+      }
+      EXPECT_EQ(table.entries, expected);
+      EXPECT_EQ(table.header.size, 12 + 4 * expected.size());
+      EXPECT_EQ(log.lines(), lines);
+      if constexpr (std::is_same_v<Box, StszAtom>) {
+        EXPECT_EQ(table.sample_count, expected.size());
+      }
     }
   }
-  source.merge(&source, 9, 10);  // a table may be its own source
-  EXPECT_EQ(source.entries.size(), 12u);
-  EXPECT_EQ(source.entries.back(), 100u);
 }
 
-TEST(StszLookup, SizeByNumberIsTracedWhenFoundAndTotalIs64Bit) {
-  Held<StszAtom> table({5, 0, 9});
-  table.sample_size = 1234;  // never consulted
-  const std::pair<uint32_t, uint32_t> cases[] = {{1, 5}, {2, 0}, {3, 9}, {0, 0}, {4, 0}};
-  for (const auto& [no, size] : cases) {
+// Both append the inclusive range of samples, sample_count with them.
+TEST(StszRange, AppendsTheInclusiveSampleRange) {
+  expectCopies<StszAtom>({10, 20, 30, 40, 50, 60, 70, 80, 90, 100}, {
+      {3, 5, 0, {30, 40, 50}, {30, 40, 50}},
+      {0, 2, 0, {10, 20}, {10, 20}},
+      {5, 4, 0, {}, {}},
+      {9, 0xFFFFFFFF, 0, {90, 100}, {90, 100}},
+      {11, 20, 0, {}, {}},
+  }, "stsz ", "\n");
+  Held<StszAtom> self({10, 20});  // a table may be its own source
+  self.merge(&self, 2, 2);
+  EXPECT_EQ(self.entries, (Numbers{10, 20, 20}));
+}
+
+// crop2new renumbers from 1 at start, merge to follow `offset` samples of the
+// joined track. The walk stops at the first number past the end: 50, after
+// 1000, is never copied.
+TEST(StssRange, RenumbersTheKeyFramesWithinTheRange) {
+  expectCopies<StssAtom>({1, 31, 61, 91, 1000, 50}, {
+      {1, 91, 500, {1, 31, 61, 91}, {501, 531, 561, 591}},
+      {31, 61, 500, {1, 31}, {501, 531}},  // both ends on key frames
+      {30, 70, 500, {2, 32}, {502, 532}},
+      {0, 40, 10, {2, 32}, {12, 42}},    // start 0 renumbers from 0
+      {31, 61, 0, {1, 31}, {1, 31}},       // the shift wraps backwards
+      {92, 200, 500, {}, {}},
+  }, "stss ", " \n");
+  Held<StssAtom> self({1, 31});  // a table may be its own source
+  self.crop2new(&self, 1, 40);
+  self.merge(&self, 1, 40, 100);
+  EXPECT_EQ(self.entries, (Numbers{1, 31, 1, 31, 101, 131, 101, 131}));
+}
+
+// Size by number is traced when found; the total is 64-bit. A key frame
+// lookup moves to the first sync sample at or after the one asked for.
+TEST(SampleLookup, SizeByNumberAndKeyFrameAtOrAfterASample) {
+  const Held<StszAtom> sizes({5, 0, 9});
+  for (const auto& [no, size] : {std::pair{1u, 5u}, {2u, 0u}, {3u, 9u}, {0u, 0u}, {4u, 0u}}) {
     LogCapture log;
-    EXPECT_EQ(table.getSizeByNO(no), size);
+    EXPECT_EQ(sizes.getSizeByNO(no), size);
     const LogLine trace{"MP4", 0, "frame no " + std::to_string(no) + " frame size " +
                                       std::to_string(size) + "\n"};
     EXPECT_EQ(log.lines(), (no >= 1 && no <= 3 ? Lines{trace} : Lines{})) << no;
   }
   EXPECT_EQ(Held<StszAtom>({0xFFFFFFFF, 0xFFFFFFFF}).TotalSampleSize(), (1ull << 33) - 2);
-}
-
-TEST(StssLookup, FirstKeyFrameAtOrAfterTheSample) {
-  const Held<StssAtom> table({1, 31, 61, 91});
-  const std::pair<uint32_t, uint32_t> cases[] = {
-      {0, 1}, {1, 1}, {31, 31}, {32, 61}, {91, 91}, {92, 92}};
-  for (auto [asked, found] : cases) {
-    table.getIFrameNumber(&asked);
+  const Held<StssAtom> keys({1, 31, 61, 91});
+  for (auto [asked, found] : {std::pair{0u, 1u}, {31u, 31u}, {32u, 61u}, {91u, 91u}, {92u, 92u}}) {
+    keys.getIFrameNumber(&asked);
     EXPECT_EQ(asked, found);
   }
-}
-
-// crop2new renumbers from 1 at start, merge to follow `offset` samples of the
-// joined track; crop2new traces each number it appends.
-TEST(StssRange, RenumbersTheKeyFramesWithinTheRange) {
-  const Numbers keys{1, 31, 61, 91};
-  const struct { Numbers source; uint32_t start, end, offset; Numbers cropped, merged; } cases[] = {
-      {keys, 1, 100, 500, {1, 31, 61, 91}, {501, 531, 561, 591}},
-      {keys, 31, 61, 500, {1, 31}, {501, 531}},  // both ends on key frames
-      {keys, 30, 70, 500, {2, 32}, {502, 532}},
-      {keys, 92, 200, 500, {}, {}},
-      {keys, 70, 30, 500, {}, {}},
-      {{1, 31}, 0, 100, 10, {2, 32}, {12, 42}},
-      {keys, 31, 61, 0, {1, 31}, {1, 31}},  // the shift wraps backwards
-      {{1, 100, 5}, 1, 50, 0, {1}, {1}},    // the walk stops at the first number past the end
-  };
-  for (const auto& c : cases) {
-    const Held<StssAtom> source(c.source);
-    for (bool crop : {true, false}) {
-      SCOPED_TRACE(std::to_string(c.start) + (crop ? " crop2new" : " merge"));
-      Held<StssAtom> table({1});
-      LogCapture log;
-      crop ? table.crop2new(&source, c.start, c.end)
-           : table.merge(&source, c.start, c.end, c.offset);
-      expectAppended(table, log, crop, crop ? c.cropped : c.merged, "stss ", " \n");
-    }
-  }
-  // A table may be its own source.
-  Held<StssAtom> self({1, 31});
-  self.crop2new(&self, 1, 40);
-  self.merge(&self, 1, 40, 100);
-  EXPECT_EQ(self.entries, (Numbers{1, 31, 1, 31, 101, 131, 101, 131}));
 }
 
 }  // namespace
