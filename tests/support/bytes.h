@@ -33,4 +33,8 @@ struct ByteWriter {
   static Bytes box(const std::string& type, const Bytes& body) {
     return ByteWriter().u32(static_cast<uint32_t>(8 + body.size())).text(type).append(body).bytes;
   }
+  // The same box with a 16-byte header: size field 1, then the 64-bit size.
+  static Bytes largeBox(const std::string& type, const Bytes& body) {
+    return ByteWriter().u32(1).text(type).u64(16 + body.size()).append(body).bytes;
+  }
 };
