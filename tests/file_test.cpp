@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <set>
 #include <string>
@@ -22,11 +21,6 @@
 using namespace mp4stbl;
 
 namespace {
-
-Bytes slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 // A sample entry's coding and the fields that ffmpeg or a test sets.
 std::string describe(Atom* entry) {
@@ -62,7 +56,7 @@ TEST(RealFiles, ShippedFilesRoundTripWithTypedEntries) {
     ASSERT_TRUE(file.open(path).ok());
     MemoryStream out;
     ASSERT_TRUE(file.write(&out).ok());
-    const Bytes original = slurp(path);
+    const Bytes original = readFile(path);
     const auto diff =
         std::mismatch(original.begin(), original.end(), out.data().begin(), out.data().end());
     EXPECT_TRUE(diff.first == original.end() && diff.second == out.data().end())
@@ -85,7 +79,7 @@ TEST(RealFiles, SaveWritesANewFileOrNothing) {
   fs::create_directories(dir + "/adir");
   fs::copy_file(std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4", source);
   std::ofstream(dir + "/old.mp4") << "old";
-  const Bytes original = slurp(source);
+  const Bytes original = readFile(source);
   Mp4File file;
   ASSERT_TRUE(file.open(source).ok());
   const std::pair<std::string, bool> cases[] = {
@@ -95,14 +89,14 @@ TEST(RealFiles, SaveWritesANewFileOrNothing) {
   };
   for (const auto& [target, ok] : cases) {
     EXPECT_EQ(file.save(target).ok(), ok) << target;
-    EXPECT_EQ(slurp(source), original) << target;
+    EXPECT_EQ(readFile(source), original) << target;
   }
-  EXPECT_EQ(slurp(dir + "/copy.mp4"), original);
+  EXPECT_EQ(readFile(dir + "/copy.mp4"), original);
   EXPECT_TRUE(fs::is_directory(dir + "/adir"));
   // A tree that cannot be written leaves the file it would replace as it was.
   file.root.children.front()->header.type = "ftyp!";
   EXPECT_FALSE(file.save(dir + "/old.mp4").ok());
-  EXPECT_EQ(slurp(dir + "/old.mp4"), (Bytes{'o', 'l', 'd'}));
+  EXPECT_EQ(readFile(dir + "/old.mp4"), (Bytes{'o', 'l', 'd'}));
   std::set<std::string> left;
   for (const auto& entry : fs::directory_iterator(dir)) left.insert(entry.path().filename());
   EXPECT_EQ(left, (std::set<std::string>{"adir", "clip.mp4", "copy.mp4", "old.mp4"}));

@@ -2,10 +2,7 @@
 // no more memory than a small multiple of its own size.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-
-#include <fstream>
-#include <iterator>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -21,18 +18,11 @@ namespace {
 
 std::vector<std::string> filesIn(const std::string& folder) {
   std::vector<std::string> paths;
-  if (DIR* dir = opendir(folder.c_str())) {
-    while (dirent* entry = readdir(dir)) {
-      if (entry->d_name[0] != '.') paths.push_back(folder + "/" + entry->d_name);
-    }
-    closedir(dir);
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
+    if (entry.path().filename().string()[0] != '.') paths.push_back(entry.path());
   }
   return paths;
-}
-
-Bytes load(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), {});
 }
 
 // Reads, checks every track and walks every sample, as a player would; a
@@ -69,7 +59,7 @@ TEST(Hostile, EveryKnownBadFileEndsCleanlyWithinMemory) {
   LogCapture quiet;
   for (const std::string& path : paths) {
     SCOPED_TRACE(path);
-    const Bytes input = load(path);
+    const Bytes input = readFile(path);
     alloc_tracker::reset();
     survives(input);
     EXPECT_LE(alloc_tracker::peak(), allowance(input.size()));

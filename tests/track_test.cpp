@@ -58,10 +58,7 @@ struct OneTrack {
   Result<std::vector<Track>> find() {
     MemoryStream out;
     EXPECT_TRUE(file.write(&out).ok());
-    Bytes bytes = out.data();
-    const uint32_t pad = static_cast<uint32_t>(fileLength - bytes.size());
-    for (unsigned shift : {24u, 16u, 8u, 0u}) bytes.push_back(static_cast<uint8_t>(pad >> shift));
-    bytes.insert(bytes.end(), {'f', 'r', 'e', 'e'});
+    Bytes bytes = ByteWriter().append(out.data()).u32(uint32_t(fileLength - out.data().size())).text("free").bytes;
     bytes.resize(fileLength);
     stored = std::make_unique<MemoryStream>(bytes);
     reread = std::make_unique<Mp4File>();

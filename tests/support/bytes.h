@@ -2,11 +2,19 @@
 #pragma once
 
 #include <cstdint>
+#include <fstream>
 #include <initializer_list>
+#include <iterator>
 #include <string>
 #include <vector>
 
 using Bytes = std::vector<unsigned char>;
+
+// The whole content of a file; empty when it cannot be read.
+inline Bytes readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
 
 struct ByteWriter {
   Bytes bytes;
