@@ -1,12 +1,16 @@
-// The box layer: headers, the generic box reader and writer, and the log.
+// The box layer: headers, the generic box reader and writer, the movie
+// headers, and the log.
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <memory>
 #include <string>
-#include <vector>
 #include <tuple>
+#include <vector>
 
 #include "box/file_stream.h"
 #include "box/log.h"
+#include "box/movie_boxes.h"
 #include "box/mp4file.h"
 #include "stbl.h"
 #include "support/bytes.h"
@@ -17,38 +21,41 @@ using namespace mp4stbl;
 
 namespace {
 
+// Each header read at offset 4, or refused with its one log line.
 TEST(AtomHeader, ParsesOrRefusesWithOneLine) {
+  const std::string at = "box abcd at offset 4 ";
   const struct {
-    const char* name;
     Bytes bytes;
-    int result;
     uint32_t size;
     uint64_t largeSize, boxLength;
+    LogLine refusal;
   } cases[] = {
-      {"compact", ByteWriter().u32(12).text("abcd").u32(0).bytes, 0, 12, 0, 12},
-      {"large", ByteWriter().u32(1).text("abcd").u64(20).u32(0).bytes, 0, 1, 20, 20},
-      {"to the end", ByteWriter().u32(0).text("abcd").append(Bytes(6, 0)).bytes, 0, 0, 14, 14},
-      {"empty body", ByteWriter().u32(8).text("abcd").bytes, 0, 8, 0, 8},
-      {"size below header", ByteWriter().u32(7).text("abcd").bytes, -1, 0, 0, 0},
-      {"large below header", ByteWriter().u32(1).text("abcd").u64(15).bytes, -1, 0, 0, 0},
-      {"past the end", ByteWriter().u32(13).text("abcd").u32(0).bytes, -1, 0, 0, 0},
-      {"large past the end", ByteWriter().u32(1).text("abcd").u64(1ull << 62).bytes, -1, 0, 0, 0},
-      {"truncated", ByteWriter().u32(16).text("ab").bytes, -1, 0, 0, 0},
-      {"truncated large size", ByteWriter().u32(1).text("abcd").u32(0).bytes, -1, 0, 0, 0},
+      {ByteWriter().u32(12).text("abcd").u32(0).bytes, 12, 0, 12, {}},
+      {ByteWriter().u32(1).text("abcd").u64(20).u32(0).bytes, 1, 20, 20, {}},
+      {ByteWriter().u32(0).text("abcd").append(Bytes(6, 0)).bytes, 0, 14, 14, {}},
+      {ByteWriter().u32(8).text("abcd").bytes, 8, 0, 8, {}},
+      {ByteWriter().u32(7).text("abcd").bytes, 0, 0, 0, {"MP4", 3, at + "has a bad size 7\n"}},
+      {ByteWriter().u32(1).text("abcd").u64(15).bytes, 0, 0, 0, {"MP4", 3, at + "has a bad size 15\n"}},
+      {ByteWriter().u32(13).text("abcd").u32(0).bytes, 0, 0, 0,
+       {"MP4", 3, at + "claims 13 bytes, only 12 remain\n"}},
+      {ByteWriter().u32(1).text("abcd").u64(1ull << 62).bytes, 0, 0, 0,
+       {"MP4", 3, at + "claims 4611686018427387904 bytes, only 16 remain\n"}},
+      {ByteWriter().u32(16).text("ab").bytes, 0, 0, 0, {"IO", 3, "offset:10, readBytes fail\n"}},
+      {ByteWriter().u32(1).text("abcd").u32(0).bytes, 0, 0, 0, {"IO", 3, "offset:16, readBe64 fail\n"}},
   };
   for (const auto& c : cases) {
     LogCapture log;
     MemoryStream stream(ByteWriter().text("pad!").append(c.bytes).bytes);
     stream.seek(4);
     AtomHeader header;
-    EXPECT_EQ(header.Read(&stream), c.result) << c.name;
-    // Nothing is stored on failure, and it is told in one line.
-    const bool ok = c.result == 0;
+    const bool ok = c.refusal.text.empty();
+    EXPECT_EQ(header.Read(&stream), ok ? 0 : -1) << c.refusal;
+    // Nothing is stored on failure.
     EXPECT_EQ(std::make_tuple(header.type, header.size, header.largeSize, header.boxLength(),
-                              header.headerOffset, log.lines().size()),
+                              header.headerOffset),
               std::make_tuple(std::string(ok ? "abcd" : "0000"), c.size, c.largeSize, c.boxLength,
-                              uint64_t{ok ? 4u : 0u}, size_t{ok ? 0u : 1u}))
-        << c.name;
+                              uint64_t{ok ? 4u : 0u}));
+    EXPECT_EQ(log.lines(), ok ? std::vector<LogLine>{} : std::vector<LogLine>{c.refusal});
   }
 }
 
@@ -61,7 +68,7 @@ TEST(Atom, ReadsATreeWritesItBackByteForByteAndDumpsIt) {
                          .append(ByteWriter::box("trak", ByteWriter::box("stbl", stts)))
                          .bytes;
   const Bytes image =
-      ByteWriter().u32(1).text("moov").u64(16 + body.size()).append(body).u32(0).text("free").bytes;
+      ByteWriter().append(ByteWriter::largeBox("moov", body)).u32(0).text("free").bytes;
   MemoryStream in(image), out, dump;
   Mp4File file;
   ASSERT_TRUE(file.read(&in).ok());
@@ -98,7 +105,6 @@ TEST(Atom, BodyEndsAtItsBoxWhateverItReads) {
   SttsAtom table{AtomHeader()};
   ASSERT_EQ(table.Read(&in), 0);
   EXPECT_EQ(in.getOffset(), static_cast<long long>(stts.size()));
-
   const Bytes broken[] = {
       ByteWriter().u32(100).text("aaaa").bytes,                    // child larger than parent
       ByteWriter().u32(4).text("aaaa").bytes,                      // child size below its header
@@ -120,12 +126,113 @@ TEST(Atom, BodyEndsAtItsBoxWhateverItReads) {
   EXPECT_EQ(log.only().level, 3);
 }
 
-TEST(Log, HandlerGetsTagLevelAndWholeTextAndNullRestoresTheDefault) {
+// A table read with a 16-byte header and grown in memory keeps that header:
+// its 64-bit size grows by the records added and is what is written.
+TEST(Atom, LargeHeaderGrowsItsLargeSizeAndIsWrittenLarge) {
+  const Bytes full = ByteWriter().u32(0).bytes;  // version and flags
+  Held<StszAtom> sizes({5, 6});
+  Held<Co64Atom> chunks({7, 9});
+  const struct {
+    const char* type;
+    Bytes prefix, records;
+    std::function<void(Atom&)> grow;
+    uint32_t count;
+    Bytes added;
+  } cases[] = {
+      {"stts", full, ByteWriter().u32(2).u32(10).bytes,
+       [](Atom& b) { dynamic_cast<SttsAtom&>(b).addEntry(1, 20); }, 2, ByteWriter().u32(1).u32(20).bytes},
+      {"stsc", full, ByteWriter().u32(1).u32(1).u32(1).bytes,
+       [](Atom& b) { dynamic_cast<StscAtom&>(b).addEntry(2, 5, 1); }, 2, ByteWriter().u32(2).u32(5).u32(1).bytes},
+      {"stsz", ByteWriter().u32(0).u32(0).bytes, ByteWriter().u32(7).bytes,
+       [&](Atom& b) { dynamic_cast<StszAtom&>(b).merge(&sizes, 1, 2); }, 3, ByteWriter().u32(5).u32(6).bytes},
+      {"co64", full, ByteWriter().u64(1ull << 33).bytes,
+       [](Atom& b) { dynamic_cast<Co64Atom&>(b).addEntry(3); }, 2, ByteWriter().u64(3).bytes},
+      {"co64", full, ByteWriter().u64(1ull << 33).bytes,
+       [&](Atom& b) { dynamic_cast<Co64Atom&>(b).merge(&chunks, 1, 2, 1ull << 34); }, 3,
+       ByteWriter().u64(1ull << 34).u64((1ull << 34) + 2).bytes},
+  };
+  for (const auto& c : cases) {
+    auto body = [&](uint32_t count, const Bytes& added) {
+      return ByteWriter().append(c.prefix).u32(count).append(c.records).append(added).bytes;
+    };
+    MemoryStream in(ByteWriter::largeBox(c.type, body(1, {}))), out;
+    StblAtom stbl{AtomHeader()};
+    std::unique_ptr<Atom> box(stbl.ReadChild(&in));
+    ASSERT_NE(box, nullptr) << c.type;
+    c.grow(*box);
+    const Bytes grown = ByteWriter::largeBox(c.type, body(c.count, c.added));
+    EXPECT_EQ(std::make_tuple(box->header.size, box->header.largeSize),
+              std::make_tuple(1u, uint64_t{grown.size()})) << c.type;
+    ASSERT_EQ(box->Write(&out), 0);
+    EXPECT_EQ(out.data(), grown) << c.type;
+  }
+}
+
+// The movie, track and media headers: 64-bit times in version 1, 32-bit in
+// version 0, the body of another version kept whole; all written back.
+TEST(MovieBoxes, VersionsReadIntoFieldsAndWriteBackByteForByte) {
+  const uint64_t t1 = 0x100000001, t2 = 0x200000002, t3 = 0x300000003;
+  const Bytes tail = {0, 1, 0, 0};
+  auto fieldsOf = [](Atom* box) -> std::vector<uint64_t> {
+    if (auto* b = dynamic_cast<MvhdAtom*>(box)) {
+      return {b->version, b->creationTime, b->modificationTime, b->timescale, b->duration, b->rest.size()};
+    }
+    if (auto* b = dynamic_cast<TkhdAtom*>(box)) {
+      return {b->version, b->creationTime, b->modificationTime, b->trackId, b->reserved, b->duration,
+              b->rest.size()};
+    }
+    auto* b = dynamic_cast<MdhdAtom*>(box);
+    if (b == nullptr) return {};
+    return {b->version, b->creationTime, b->modificationTime, b->timescale, b->duration, b->language,
+            b->rest.size()};
+  };
+  const struct {
+    Bytes box;
+    std::vector<uint64_t> fields;
+  } cases[] = {
+      {ByteWriter::box("mvhd", ByteWriter().u32(0x01000000).u64(t1).u64(t2).u32(90000).u64(t3).append(tail).bytes),
+       {1, t1, t2, 90000, t3, 4}},
+      {ByteWriter::box("mvhd", ByteWriter().u32(0).u32(1).u32(2).u32(600).u32(0xFFFFFFFF).append(tail).bytes),
+       {0, 1, 2, 600, 0xFFFFFFFF, 4}},
+      {ByteWriter::box("mvhd", ByteWriter().u32(0x02000000).u64(t1).u64(t2).bytes), {2, 0, 0, 0, 0, 16}},
+      {ByteWriter::box("tkhd", ByteWriter().u32(0x01000003).u64(t1).u64(t2).u32(7).u32(0xEE).u64(t3).append(tail).bytes),
+       {1, t1, t2, 7, 0xEE, t3, 4}},
+      {ByteWriter::box("tkhd", ByteWriter().u32(3).u32(1).u32(2).u32(7).u32(0xEE).u32(9).append(tail).bytes),
+       {0, 1, 2, 7, 0xEE, 9, 4}},
+      {ByteWriter::box("mdhd", ByteWriter().u32(0x01000000).u64(t1).u64(t2).u32(48000).u64(t3).be(0x55C4, 2).be(0, 2).bytes),
+       {1, t1, t2, 48000, t3, 0x55C4, 2}},
+      {ByteWriter::box("mdhd", ByteWriter().u32(0).u32(1).u32(2).u32(48000).u32(3).be(0x55C4, 2).be(0, 2).bytes),
+       {0, 1, 2, 48000, 3, 0x55C4, 2}},
+  };
+  for (const auto& c : cases) {
+    MemoryStream in(c.box), out;
+    Mp4File file;
+    ASSERT_TRUE(file.read(&in).ok());
+    EXPECT_EQ(fieldsOf(file.root.children.front()), c.fields);
+    ASSERT_TRUE(file.write(&out).ok());
+    EXPECT_EQ(out.data(), c.box);
+  }
+}
+
+TEST(Log, SinkLevelsFailureNoteAndTheDefault) {
   {
     LogCapture log;
     const std::string longText(1000, 'x');  // longer than the formatting buffer
     QX_LOG_Printf("MP4", 0, "%s|%d\n", longText.c_str(), 42);
     EXPECT_EQ(log.only(), (LogLine{"MP4", 0, longText + "|42\n"}));
+  }
+  for (int lowest : {0, 3}) {
+    LogCapture log(lowest);
+    FailureNote note;
+    EXPECT_EQ(logEnabled(0), lowest == 0);
+    QX_LOG_Printf("MP4", 0, "trace\n");
+    QX_LOG_Printf("MP4", 1, "notice\n");
+    QX_LOG_Printf("MP4", 3, "first %d \n", 1);
+    QX_LOG_Printf("IO", 3, "second\n");
+    std::vector<LogLine> expected = {{"MP4", 3, "first 1 \n"}, {"IO", 3, "second\n"}};
+    if (lowest == 0) expected.insert(expected.begin(), {{"MP4", 0, "trace\n"}, {"MP4", 1, "notice\n"}});
+    EXPECT_EQ(log.lines(), expected);
+    EXPECT_EQ(note.text(), "first 1");
   }
   auto first = [](const char*, int, const char*) {};
   EXPECT_EQ(setLogSink({first, 0}).handler, nullptr);

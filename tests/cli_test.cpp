@@ -1,20 +1,27 @@
 // The mp4stbl command run as a user runs it: its samples and summaries
-// against ffprobe on every real file, seeking and verify on the shipped clip,
-// exit codes and messages.
+// against ffprobe on every real file, seeking (through stco and co64),
+// verify and dump on the shipped clips, exit codes and messages.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iomanip>
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "box/mp4file.h"
+#include "stbl.h"
+
+using mp4stbl::Mp4File;
 using nlohmann::json;
 namespace fs = std::filesystem;
 constexpr auto npos = std::string::npos;
@@ -96,8 +103,9 @@ void compareWithFfprobe(const std::string& path) {
   const Outcome info = cli({"info", path, "--json"});
   ASSERT_EQ(info.status, 0) << info.err;
   const json tracks = info.doc()["tracks"];
+  const std::string text = cli({"info", path}).out;
   const Outcome probed =
-      run("ffprobe", {"-v", "error", "-show_entries", "stream=index,id,nb_frames", "-of", "json",
+      run("ffprobe", {"-v", "error", "-show_entries", "stream=index,id,nb_frames,time_base", "-of", "json",
                       path});
   ASSERT_EQ(probed.status, 0) << probed.err;
   const json streams = json::parse(probed.out)["streams"];
@@ -113,7 +121,7 @@ void compareWithFfprobe(const std::string& path) {
     const json packets = json::parse(packetRun.out)["packets"];
     const json samples = samplesOf(path, id);
     ASSERT_EQ(samples.size(), packets.size());
-    long long elapsed = 0;
+    long long elapsed = 0, bytes = 0;
     for (size_t i = 0; i < samples.size(); ++i) {
       const json &ours = samples[i], &theirs = packets[i];
       SCOPED_TRACE("sample " + std::to_string(i + 1));
@@ -124,9 +132,28 @@ void compareWithFfprobe(const std::string& path) {
       EXPECT_EQ(ours["duration"], number(theirs.value("duration", json(-1))));
       EXPECT_EQ(ours["decodeTime"], elapsed);
       elapsed += number(theirs.value("duration", json(0)));
+      bytes += number(theirs["size"]);
     }
     EXPECT_EQ(tracks[index]["samples"], number(streams[index]["nb_frames"]));
     EXPECT_EQ(tracks[index]["duration"], elapsed);
+    // Seconds are the duration over the time scale; the bit rate is bits
+    // over seconds, shown in the text as kbit/s.
+    const std::string base = streams[index]["time_base"];
+    const double seconds = static_cast<double>(elapsed) / std::stoll(base.substr(base.find('/') + 1));
+    const double bitrate = seconds > 0 ? std::round(bytes * 8 / seconds) : 0;
+    EXPECT_EQ(tracks[index]["bytes"], bytes);
+    EXPECT_DOUBLE_EQ(tracks[index]["seconds"].get<double>(), seconds);
+    EXPECT_DOUBLE_EQ(tracks[index]["bitrate"].get<double>(), bitrate);
+    std::istringstream table(text);
+    std::string row;
+    for (size_t line = 0; line < index + 3; ++line) std::getline(table, row);  // past two heads
+    std::istringstream cells(row);
+    std::vector<std::string> word{std::istream_iterator<std::string>(cells), {}};
+    std::ostringstream shown;
+    shown << std::fixed << std::setprecision(3) << seconds << " " << bytes << " "
+          << std::setprecision(1) << bitrate / 1000;
+    word.resize(9);
+    EXPECT_EQ(word[6] + " " + word[7] + " " + word[8], shown.str()) << row;
   }
   const Outcome verified = cli({"verify", path, "--json"});
   EXPECT_EQ(verified.status, 0) << verified.out << verified.err;
@@ -145,72 +172,131 @@ TEST(CliAgainstFfprobe, WideCorpus) {
   for (const std::string& path : files) compareWithFfprobe(path);
 }
 
-// The written stsd count is the number of entries held, so a stored count of
-// 7 over one entry comes back as 1: verify names its low byte and the box.
-TEST(CliVerify, NamesTheFirstDifferenceAndItsBox) {
-  std::string bytes = slurp(std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4");
+
+// The shipped clip with its stco tables replaced by co64 tables of the same
+// offsets (moov follows mdat, so no sample moves).
+std::string withCo64(const std::string& clip) {
+  Mp4File file;
+  EXPECT_TRUE(file.open(clip).ok());
+  for (Atom* stbl : file.find("moov/trak/mdia/minf/stbl")) {
+    for (Atom*& child : stbl->children) {
+      if (auto* stco = dynamic_cast<StcoAtom*>(child)) {
+        AtomHeader header;
+        header.type = "co64";
+        auto* co64 = new Co64Atom(header);
+        for (uint32_t offset : stco->entries) co64->addEntry(offset);
+        delete child;
+        child = co64;
+      }
+    }
+  }
+  const std::string path = scratch("co64.mp4");
+  EXPECT_TRUE(file.save(path).ok());
+  return path;
+}
+
+// Seeking in the shipped clip (video key frames 1, 5 and 9; samples 8 and 9
+// share chunk 8): the key frame to decode from and the bytes to read, which
+// start with the key frame's chunk; the same through co64 tables.
+TEST(CliSeek, FindsTheKeyFrameAndTheBytesToReadThroughStcoOrCo64) {
+  const std::string clip = std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4";
+  const std::string co64 = withCo64(clip);
+  compareWithFfprobe(co64);
+  const std::pair<std::vector<std::string>, json> cases[] = {
+      {{"--sample", "6", "--end-sample", "7"},
+       {{"track", 1}, {"requestedSample", 6}, {"keyFrame", 9}, {"keyFrameTime", 4096.0 / 12800},
+        {"chunk", 8}, {"offset", 10400}, {"chunkOffset", 9677}, {"chunkDistance", 0},
+        {"endSample", 9}, {"rangeStart", 9677}, {"rangeLength", 3193}}},
+      {{"--sample", "2"},
+       {{"track", 1}, {"requestedSample", 2}, {"keyFrame", 5}, {"keyFrameTime", 2048.0 / 12800},
+        {"chunk", 5}, {"offset", 5731}, {"chunkOffset", 5731}, {"chunkDistance", 13050 - 5731},
+        {"endSample", 10}, {"rangeStart", 5731}, {"rangeLength", 7771}}},
+  };
+  for (const std::string& file : {clip, co64}) {
+    for (const auto& [position, answer] : cases) {
+      std::vector<std::string> args = {"seek", file, "--json"};
+      args.insert(args.end(), position.begin(), position.end());
+      json doc = cli(args).doc();
+      EXPECT_EQ(doc["file"], file);
+      doc.erase("file");
+      EXPECT_EQ(doc, answer) << file << " " << position[1];
+    }
+  }
+  std::remove(co64.c_str());
+}
+
+// Text output, exit codes and messages: unreadable files and failed checks
+// exit with 1 and a message naming the file; bad arguments exit with 2.
+TEST(CliRuns, TextOutputExitCodesAndMessages) {
+  const std::string clip = std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4";
+  const std::string missing = scratch("missing.mp4"), text = scratch("notes.txt");
+  std::ofstream(text) << "these are not the boxes you are looking for\n";
+  // The written stsd count is the number of entries held, so a stored count
+  // of 7 over one entry comes back as 1: verify names its low byte and box.
+  std::string bytes = slurp(clip);
   const size_t at = bytes.find("stsd") + 11;
   ASSERT_EQ(bytes.substr(at - 3, 4), std::string("\0\0\0\1", 4));
   bytes[at] = 7;
   const std::string altered = scratch("altered.mp4");
   std::ofstream(altered, std::ios::binary) << bytes;
-  const Outcome verified = cli({"verify", altered});
-  EXPECT_EQ(verified.status, 1);
-  EXPECT_EQ(verified.out, altered + ": differs when written back, first at offset " +
-                              std::to_string(at) + ", in moov/trak/mdia/minf/stbl/stsd\n");
-  std::remove(altered.c_str());
-}
-
-// Seeking in the shipped clip (video key frames 1, 5 and 9; samples 8 and 9
-// share chunk 8): the key frame to decode from and the bytes to read.
-TEST(CliSeek, FindsTheNextKeyFrameAndTheBytesToRead) {
-  const std::string clip = std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4";
   const std::string through10 = " to play through sample 10\n";
-  const std::pair<std::vector<std::string>, std::string> cases[] = {
-      {{"--sample", "1"}, "sample 1 -> key frame 1 at 0.000 s, chunk 1, offset 315\n"
-                          "read bytes 315..13502 (13187 bytes)" + through10},
-      {{"--sample", "2"}, "sample 2 -> key frame 5 at 0.160 s, chunk 5, offset 5731\n"
-                          "read bytes 5731..13502 (7771 bytes)" + through10},
-      {{"--time", "0.25"}, "sample 7 -> key frame 9 at 0.320 s, chunk 8, offset 10400\n"
-                           "read bytes 9677..13502 (3825 bytes)" + through10},
-  };
-  for (const auto& [position, answer] : cases) {
-    std::vector<std::string> args = {"seek", clip};
-    args.insert(args.end(), position.begin(), position.end());
-    const Outcome sought = cli(args);
-    EXPECT_EQ(sought.status, 0) << sought.err;
-    EXPECT_EQ(sought.out, "track 1: " + answer);
-  }
-  const Outcome none = cli({"seek", clip, "--sample", "10"});
-  EXPECT_EQ(none.status, 1);
-  EXPECT_EQ(none.err, "mp4stbl: " + clip + ": no key frame at or after sample 10\n");
-  // A key frame that does not start its chunk: the bytes start with the chunk.
-  const Outcome late = cli({"seek", clip, "--sample", "6", "--end-sample", "7", "--json"});
-  EXPECT_EQ(late.doc(), json({{"file", clip}, {"track", 1}, {"requestedSample", 6},
-                              {"keyFrame", 9}, {"keyFrameTime", 4096.0 / 12800}, {"chunk", 8},
-                              {"offset", 10400}, {"chunkOffset", 9677}, {"chunkDistance", 0},
-                              {"endSample", 9}, {"rangeStart", 9677}, {"rangeLength", 3193}}));
-}
-
-// Unreadable files and failed checks exit with 1 and a message naming the
-// file; bad arguments exit with 2.
-TEST(CliErrors, ExitCodesAndMessages) {
-  const std::string good = std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4";
-  const std::string missing = scratch("missing.mp4"), text = scratch("notes.txt");
-  std::ofstream(text) << "these are not the boxes you are looking for\n";
-  const struct { std::vector<std::string> args; int status; std::string err; } cases[] = {
-      {{"info", missing}, 1, "mp4stbl: " + missing + ": cannot open the file\n"},
-      {{"dump", text}, 1, "mp4stbl: " + text + ": not an MP4 file"},
-      {{"seek", good, "--sample", "999"}, 1, "mp4stbl: " + good + ": no such sample\n"},
-      {{"info", good, "--bogus"}, 2, "--bogus"},
+  const struct {
+    std::vector<std::string> args;
+    int status;
+    std::string out, err;
+  } cases[] = {
+      {{"seek", clip, "--sample", "1"}, 0,
+       "track 1: sample 1 -> key frame 1 at 0.000 s, chunk 1, offset 315\n"
+       "read bytes 315..13502 (13187 bytes)" + through10, ""},
+      {{"seek", clip, "--time", "0.25"}, 0,
+       "track 1: sample 7 -> key frame 9 at 0.320 s, chunk 8, offset 10400\n"
+       "read bytes 9677..13502 (3825 bytes)" + through10, ""},
+      {{"seek", clip, "--sample", "10"}, 1, "",
+       "mp4stbl: " + clip + ": no key frame at or after sample 10\n"},
+      {{"seek", clip, "--sample", "999"}, 1, "", "mp4stbl: " + clip + ": no such sample\n"},
+      {{"verify", altered}, 1, altered + ": differs when written back, first at offset " +
+       std::to_string(at) + ", in moov/trak/mdia/minf/stbl/stsd\n", ""},
+      {{"info", missing}, 1, "", "mp4stbl: " + missing + ": cannot open the file\n"},
+      {{"dump", text}, 1, "", "mp4stbl: " + text + ": not an MP4 file"},
+      {{"info", clip, "--bogus"}, 2, "", "--bogus"},
+      {{"dump", std::string(MP4STBL_TEST_DATA) + "/hevc.mp4", "--entries", "3"}, 0, R"(ftyp  size 28  offset 0
+free  size 8  offset 28
+mdat  size 1125  offset 36
+moov  size 3366  offset 1161
+  mvhd  size 108  offset 1169
+  trak  size 3152  offset 1277
+    tkhd  size 92  offset 1285
+    edts  size 36  offset 1377
+    mdia  size 3016  offset 1413
+      mdhd  size 32  offset 1421
+      hdlr  size 45  offset 1453
+      minf  size 2931  offset 1498
+        vmhd  size 20  offset 1506
+        dinf  size 36  offset 1526
+        stbl  size 2867  offset 1562
+          stsd  size 2589  offset 1570  count 1  flags 0  version 0
+            hvc1  size 2573  offset 1586
+              hvcC  size 2441  offset 1672
+              fiel  size 10  offset 4113
+              pasp  size 16  offset 4123
+              btrt  size 20  offset 4139
+          stts  size 24  offset 4159  count 1  flags 0  version 0  [[10,512]]
+          stss  size 20  offset 4183  count 1  flags 0  version 0  [1]
+          sdtp  size 22  offset 4203
+          ctts  size 96  offset 4225
+          stsc  size 28  offset 4321  count 1  flags 0  version 0  [[1,10,1]]
+          stsz  size 60  offset 4349  count 10  flags 0  sample_count 10  sample_size 0  version 0  [906 54 30 ...]
+          stco  size 20  offset 4409  count 1  flags 0  version 0  [44]
+  udta  size 98  offset 4429
+)", ""},
   };
   for (const auto& c : cases) {
     const Outcome result = cli(c.args);
     EXPECT_EQ(result.status, c.status) << json(c.args).dump();
-    EXPECT_EQ(result.out, "");
-    EXPECT_NE(result.err.find(c.err), npos) << result.err;
+    EXPECT_EQ(result.out, c.out);
+    EXPECT_TRUE(c.err.empty() ? result.err.empty() : result.err.find(c.err) != npos) << result.err;
   }
-  std::remove(text.c_str());
+  for (const std::string& made : {text, altered}) std::remove(made.c_str());
 }
 
 }  // namespace

@@ -1,14 +1,14 @@
 // Whole files: the shipped encoder output read and written back byte for
 // byte with its entries typed (the wider corpus runs in cli_test.cpp against
-// ffprobe), and a file built past 4 GiB.
+// ffprobe), saved to disk, and files built past 4 GiB.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <map>
-#include <sstream>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -16,28 +16,24 @@
 #include "box/mp4file.h"
 #include "stbl.h"
 #include "support/bytes.h"
+#include "support/log_capture.h"
 
 using namespace mp4stbl;
 
 namespace {
 
-Bytes slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 // A sample entry's coding and the fields that ffmpeg or a test sets.
 std::string describe(Atom* entry) {
-  std::ostringstream out;
-  out << entry->header.type;
+  std::string out = entry->header.type;
   if (auto* video = dynamic_cast<VisualSampleEntry*>(entry)) {
-    out << " " << video->width << "x" << video->height << " ref" << video->dataReferenceIndex;
+    out += " " + std::to_string(video->width) + "x" + std::to_string(video->height) + " ref" +
+           std::to_string(video->dataReferenceIndex);
   } else if (auto* audio = dynamic_cast<AudioSampleEntry*>(entry)) {
-    out << " " << audio->channelCount << "ch " << (audio->sampleRate >> 16) << "Hz "
-        << audio->sampleSize << "bit v" << audio->soundVersion << " ref"
-        << audio->dataReferenceIndex;
+    out += " " + std::to_string(audio->channelCount) + "ch " + std::to_string(audio->sampleRate >> 16) +
+           "Hz " + std::to_string(audio->sampleSize) + "bit v" + std::to_string(audio->soundVersion) +
+           " ref" + std::to_string(audio->dataReferenceIndex);
   }
-  return out.str();
+  return out;
 }
 
 // The sample entries of the shipped files, track by track. ffmpeg writes the
@@ -60,7 +56,7 @@ TEST(RealFiles, ShippedFilesRoundTripWithTypedEntries) {
     ASSERT_TRUE(file.open(path).ok());
     MemoryStream out;
     ASSERT_TRUE(file.write(&out).ok());
-    const Bytes original = slurp(path);
+    const Bytes original = readFile(path);
     const auto diff =
         std::mismatch(original.begin(), original.end(), out.data().begin(), out.data().end());
     EXPECT_TRUE(diff.first == original.end() && diff.second == out.data().end())
@@ -71,6 +67,40 @@ TEST(RealFiles, ShippedFilesRoundTripWithTypedEntries) {
     }
     EXPECT_EQ(seen, entries);
   }
+}
+
+// A save writes a new file whole, through a temporary beside it; it refuses
+// the file being read, however spelled, and leaves no partial file behind.
+TEST(RealFiles, SaveWritesANewFileOrNothing) {
+  namespace fs = std::filesystem;
+  const std::string dir = ::testing::TempDir() + "mp4stbl_save", source = dir + "/clip.mp4";
+  LogCapture quiet;
+  fs::remove_all(dir);
+  fs::create_directories(dir + "/adir");
+  fs::copy_file(std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4", source);
+  std::ofstream(dir + "/old.mp4") << "old";
+  const Bytes original = readFile(source);
+  Mp4File file;
+  ASSERT_TRUE(file.open(source).ok());
+  const std::pair<std::string, bool> cases[] = {
+      {dir + "/copy.mp4", true},          {source, false},
+      {dir + "/./clip.mp4", false},       {dir + "/adir/../clip.mp4", false},
+      {dir + "/missing/out.mp4", false},  {dir + "/adir", false},
+  };
+  for (const auto& [target, ok] : cases) {
+    EXPECT_EQ(file.save(target).ok(), ok) << target;
+    EXPECT_EQ(readFile(source), original) << target;
+  }
+  EXPECT_EQ(readFile(dir + "/copy.mp4"), original);
+  EXPECT_TRUE(fs::is_directory(dir + "/adir"));
+  // A tree that cannot be written leaves the file it would replace as it was.
+  file.root.children.front()->header.type = "ftyp!";
+  EXPECT_FALSE(file.save(dir + "/old.mp4").ok());
+  EXPECT_EQ(readFile(dir + "/old.mp4"), (Bytes{'o', 'l', 'd'}));
+  std::set<std::string> left;
+  for (const auto& entry : fs::directory_iterator(dir)) left.insert(entry.path().filename());
+  EXPECT_EQ(left, (std::set<std::string>{"adir", "clip.mp4", "copy.mp4", "old.mp4"}));
+  fs::remove_all(dir);
 }
 
 // Wraps `inner` in boxes of the given types, the last type innermost.
@@ -98,6 +128,40 @@ class SparseMedia : public Atom {
  private:
   std::vector<uint64_t> chunks_;
 };
+
+// Takes writes and seeks anywhere and keeps only the offsets.
+class CountingStream : public IOStream {
+ public:
+  int read(unsigned char*, unsigned) override { return -1; }
+  int write(const unsigned char*, unsigned count) override {
+    return seek(at_ + count) == 0 ? static_cast<int>(count) : -1;
+  }
+  int seek(long long offset) override {
+    at_ = offset;
+    end_ = std::max(end_, at_);
+    return 0;
+  }
+  long long getOffset() override { return at_; }
+  long long getLength() override { return end_; }
+
+ private:
+  long long at_ = 0, end_ = 0;
+};
+
+// A box past 4 GiB is written with a 16-byte header or refused.
+TEST(BuiltFile, BoxPastFourGigabytesNeedsALargeHeader) {
+  for (uint32_t size : {0u, 1u}) {
+    AtomHeader header;
+    header.type = "mdat";
+    header.size = size;
+    SparseMedia media(header, {1ull << 32});
+    CountingStream out;
+    LogCapture log;
+    EXPECT_EQ(media.Write(&out), size == 1 ? 0 : -1);
+    const LogLine refusal{"MP4", 3, "box mdat of 4294967300 bytes needs a 64-bit size\n"};
+    EXPECT_EQ(log.lines(), size == 1 ? std::vector<LogLine>() : std::vector<LogLine>{refusal});
+  }
+}
 
 // A file built with the library, its media data box large and sparse with a
 // marker at each chunk past 4 GiB: the co64 read back must find every one.

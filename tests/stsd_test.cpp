@@ -11,6 +11,7 @@
 
 #include "stbl.h"
 #include "support/bytes.h"
+#include "support/fault_stream.h"
 #include "support/log_capture.h"
 
 using namespace mp4stbl;
@@ -143,6 +144,14 @@ TEST(ChildFactories, FailuresYieldNullWithOneLine) {
     EXPECT_EQ(in.getOffset(), 8);
     log.clear();
   }
+  // A gpmd preamble refused after n bytes names the word at offset n.
+  for (unsigned n : {0u, 4u, 8u}) {
+    FaultStream out;
+    out.refuseWritesPast(n);
+    EXPECT_EQ(gpmd.writeData(&out), -1);
+    EXPECT_EQ(log.only(), (LogLine{"IO", 3, "offset:" + std::to_string(n) + ", writeBe32 fail\n"}));
+    log.clear();
+  }
   // Three runs claimed, two held: the half-read table is deleted, not leaked.
   const Bytes body = ByteWriter().u32(0).u32(3).u32(1).u32(10).u32(1).u32(20).bytes;
   MemoryStream in(join({ByteWriter::box("stts", body), ByteWriter::box("free", Bytes(16, 0))}));
@@ -190,7 +199,15 @@ TEST(SampleEntry, FieldsAndWhatFollowsThemRoundTrip) {
   const Bytes v2 = ByteWriter().u32(72).u64(0x40E7700000000000).u32(6).u32(0x7F000000).u32(24)
                        .u32(0x0C).u32(18).u32(1).bytes;
   auto mp4a = readEntry<Mp4aAtom>(ByteWriter::box("mp4a", join({audioFields(2, 3, 0x10000), v2})));
-  ASSERT_TRUE(avc1 && hvc1 && mp4a);
+  // Sound version 1: 1024 samples a packet, 6 bytes a packet, 12 a frame, 2
+  // a sample; then a wave box holding frma and esds, and a chan box.
+  const Bytes wave = ByteWriter::box("wave", join({ByteWriter::box("frma", ByteWriter().text("mp4a").bytes),
+                                                   ByteWriter::box("esds", Bytes{0, 0, 0, 0, 3, 0x19})}));
+  const Bytes chan = ByteWriter::box("chan", Bytes(12, 0));
+  auto v1 = readEntry<Mp4aAtom>(ByteWriter::box(
+      "mp4a", join({audioFields(1, 2, 44100u << 16), ByteWriter().u32(1024).u32(6).u32(12).u32(2).bytes,
+                    wave, chan})));
+  ASSERT_TRUE(avc1 && hvc1 && mp4a && v1);
   EXPECT_EQ(std::make_tuple(avc1->width, avc1->height, avc1->vendor, avc1->spatialQuality,
                             avc1->compressorName[1], avc1->colorTableId),
             std::make_tuple(1920, 1080, 0x6170706Cu, 0x300u, 'A', 0xFFFF));
@@ -205,6 +222,11 @@ TEST(SampleEntry, FieldsAndWhatFollowsThemRoundTrip) {
             std::make_tuple(3, 0x10000u, 0xFFFE, 72u, 0x40E7700000000000u));
   EXPECT_EQ(mp4a->v2, (std::array<uint32_t, 6>{6, 0x7F000000, 24, 0x0C, 18, 1}));
   EXPECT_TRUE(mp4a->children.empty() && mp4a->tail.empty());
+  EXPECT_EQ(std::make_tuple(v1->soundVersion, v1->channelCount, v1->sampleRate, v1->v1, v1->tail.size()),
+            std::make_tuple(1, 2, 44100u << 16, std::array<uint32_t, 4>{1024, 6, 12, 2}, size_t{0}));
+  ASSERT_EQ(v1->children.size(), 2u);
+  EXPECT_EQ(dynamic_cast<UserDefAtom&>(*v1->children.front()).body, Bytes(wave.begin() + 8, wave.end()));
+  EXPECT_EQ(v1->children.back()->header.type, "chan");
 }
 
 // A body cut short fails at the offset reached, never reading into the next box.

@@ -25,8 +25,10 @@ Box* attach(Atom* parent, const char* type) {
   return box;
 }
 
-// One video track in memory: six samples of 10..60 bytes, 100 units each,
-// two samples in chunks 1 and 2 and one in chunks 3 and 4, key frames 1, 4.
+// One video track in memory: six samples of 10..60 bytes, 100 units each
+// (in time runs that include empty ones), two samples in chunks 1 and 2 and
+// one in chunks 3 and 4, the last ending where the file ends; key frames 1,
+// 4 and 6.
 struct OneTrack {
   Mp4File file;
   Atom* trak = attach<ContainerAtom>(attach<ContainerAtom>(&file.root, "moov"), "trak");
@@ -44,11 +46,11 @@ struct OneTrack {
     attach<MdhdAtom>(mdia, "mdhd")->timescale = 1000;
     attach<HdlrAtom>(mdia, "hdlr")->handler = {'v', 'i', 'd', 'e'};
     attach<Avc1Atom>(attach<StsdAtom>(stbl, "stsd"), "avc1");
-    stts->entries = {{6, 100}};
+    stts->entries = {{0, 9}, {2, 100}, {0, 7}, {4, 100}};
     stsc->entries = {{1, 2, 1}, {3, 1, 1}};
     for (uint32_t size : {10, 20, 30, 40, 50, 60}) stsz->addEntry(size);
-    stss->entries = {1, 4};
-    stco->entries = {100, 200, 300, 400};
+    stss->entries = {1, 4, 6};
+    stco->entries = {100, 200, 300, 940};
   }
 
   // The tracks of the built file as a reader finds them: the tree is written
@@ -56,10 +58,7 @@ struct OneTrack {
   Result<std::vector<Track>> find() {
     MemoryStream out;
     EXPECT_TRUE(file.write(&out).ok());
-    Bytes bytes = out.data();
-    const uint32_t pad = static_cast<uint32_t>(fileLength - bytes.size());
-    for (unsigned shift : {24u, 16u, 8u, 0u}) bytes.push_back(static_cast<uint8_t>(pad >> shift));
-    bytes.insert(bytes.end(), {'f', 'r', 'e', 'e'});
+    Bytes bytes = ByteWriter().append(out.data()).u32(uint32_t(fileLength - out.data().size())).text("free").bytes;
     bytes.resize(fileLength);
     stored = std::make_unique<MemoryStream>(bytes);
     reread = std::make_unique<Mp4File>();
@@ -98,13 +97,23 @@ TEST(Track, WalkFollowsRunsChunksAndSyncSamples) {
   EXPECT_EQ(track.id(), 7u);
   EXPECT_STREQ(track.kind(), "video");
   EXPECT_EQ(track.entryType(), "avc1");
+  // The bytes a seek reads: from the start of the key frame's chunk through
+  // the end chunk.
+  const struct { uint32_t start, end; unsigned long long pos; uint32_t length; } ranges[] = {
+      {1, 1, 100, 0}, {2, 4, 200, 740}, {1, 3, 100, 200}};
+  for (const auto& r : ranges) {
+    unsigned long long pos = 0;
+    uint32_t length = 9;
+    track.stco()->getFramePos(r.start, r.end, &pos, &length);
+    EXPECT_EQ(std::make_pair(pos, length), std::make_pair(r.pos, r.length)) << r.start << ".." << r.end;
+  }
   EXPECT_EQ(built.walk(), (std::vector<std::string>{
                               "1 chunk 1 at 100+10 time 0+100 key entry 1",
                               "2 chunk 1 at 110+20 time 100+100 entry 1",
                               "3 chunk 2 at 200+30 time 200+100 entry 1",
                               "4 chunk 2 at 230+40 time 300+100 key entry 1",
                               "5 chunk 3 at 300+50 time 400+100 entry 1",
-                              "6 chunk 4 at 400+60 time 500+100 entry 1",
+                              "6 chunk 4 at 940+60 time 500+100 key entry 1",
                           }));
   // Without stss every sample is a sync sample.
   built.stbl->children.remove(built.stss);
@@ -147,13 +156,13 @@ TEST(Track, TablesThatDisagreeGiveAnErrorNamingTrackAndTable) {
       {[](OneTrack& t) { t.stsc->entries.clear(); }, "stsc is empty"},
       {[](OneTrack& t) { t.stsc->entries = {{1, 1, 1}}; },
        "sample 5 lies in chunk 5, past the 4 chunks of stco"},
-      {[](OneTrack& t) { t.stts->entries[0].sampleCount = 7; },
+      {[](OneTrack& t) { t.stts->entries[3].sampleCount = 5; },
        "stts times 7 samples, stsz sizes 6"},
       {[](OneTrack& t) { t.stss->entries = {0, 4}; }, "stss entry 0" + late},
       {[](OneTrack& t) { t.stss->entries = {4, 1}; }, "stss entry 1" + late},
       {[](OneTrack& t) { t.stss->entries = {1, 7}; }, "stss entry 7" + late},
-      {[](OneTrack& t) { t.stco->entries[3] = 950; },
-       "sample 6 at offset 950 runs past the end of the file"},
+      {[](OneTrack& t) { t.stco->entries[3] = 941; },
+       "sample 6 at offset 941 runs past the end of the file"},
       {[](OneTrack& t) {
          t.stbl->children.remove(t.stco);
          delete t.stco;

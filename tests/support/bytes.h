@@ -2,11 +2,19 @@
 #pragma once
 
 #include <cstdint>
+#include <fstream>
 #include <initializer_list>
+#include <iterator>
 #include <string>
 #include <vector>
 
 using Bytes = std::vector<unsigned char>;
+
+// The whole content of a file; empty when it cannot be read.
+inline Bytes readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
 
 struct ByteWriter {
   Bytes bytes;
@@ -32,5 +40,9 @@ struct ByteWriter {
   // A box around `body` with an 8-byte header.
   static Bytes box(const std::string& type, const Bytes& body) {
     return ByteWriter().u32(static_cast<uint32_t>(8 + body.size())).text(type).append(body).bytes;
+  }
+  // The same box with a 16-byte header: size field 1, then the 64-bit size.
+  static Bytes largeBox(const std::string& type, const Bytes& body) {
+    return ByteWriter().u32(1).text(type).u64(16 + body.size()).append(body).bytes;
   }
 };

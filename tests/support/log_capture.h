@@ -22,7 +22,11 @@ inline std::ostream& operator<<(std::ostream& out, const LogLine& line) {
 
 class LogCapture {
  public:
-  LogCapture() : previous_(mp4stbl::setLogSink({&capture, 0})) { captured().clear(); }
+  // Takes the lines of lowestLevel and above (all of them by default).
+  explicit LogCapture(int lowestLevel = 0)
+      : previous_(mp4stbl::setLogSink({&capture, lowestLevel})) {
+    captured().clear();
+  }
   ~LogCapture() {
     mp4stbl::setLogSink(previous_);
     captured().clear();
