@@ -35,6 +35,7 @@ int fail(const Options& options, const std::string& what);
 struct Opened {
   Mp4File file;
   std::vector<Track> tracks;
+  std::vector<std::string> unreadable;  // why each other track cannot be walked
 };
 
 // Null after a failure message.

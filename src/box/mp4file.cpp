@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <iterator>
 
+#include "box/byte_order.h"
 #include "box/file_stream.h"
 #include "box/log.h"
 #include "box/movie_boxes.h"
@@ -17,7 +18,7 @@ namespace {
 constexpr AtomType kFileBoxes[] = {
     {"moov", &makeAtom<ContainerAtom>}, {"trak", &makeAtom<ContainerAtom>},
     {"mdia", &makeAtom<ContainerAtom>}, {"minf", &makeAtom<ContainerAtom>},
-    {"stbl", &makeAtom<StblAtom>},      {"mdat", &makeAtom<MdatAtom>},
+    {"stbl", &makeAtom<FileStblAtom>},      {"mdat", &makeAtom<MdatAtom>},
     {"mvhd", &makeAtom<MvhdAtom>},      {"tkhd", &makeAtom<TkhdAtom>},
     {"mdhd", &makeAtom<MdhdAtom>},      {"hdlr", &makeAtom<HdlrAtom>},
 };
@@ -27,12 +28,76 @@ Atom* readFileBox(IOStream* stream) {
 }
 
 constexpr unsigned kCopyBlock = 1u << 20;
+// Version and flags, the default size and the sample count.
+constexpr size_t kStszFields = 12;
 
 }  // namespace
 
 ContainerAtom::ContainerAtom(const AtomHeader& from) : Atom(from) {}
 
 Atom* ContainerAtom::ReadChild(IOStream* stream) { return readFileBox(stream); }
+
+ConstantSizeStszAtom::ConstantSizeStszAtom(const AtomHeader& from) : UserDefAtom(from) {}
+
+int ConstantSizeStszAtom::readData(IOStream* stream) {
+  if (UserDefAtom::readData(stream) != 0) return -1;
+  if (body.size() < kStszFields) {
+    QX_LOG_Printf("MP4", 3, "stsz at offset %llu: body of %zu bytes\n",
+                  static_cast<unsigned long long>(header.headerOffset), body.size());
+    return -1;
+  }
+  sampleSize = byte_order::load<uint32_t>(body.data() + 4);
+  sampleCount = byte_order::load<uint32_t>(body.data() + 8);
+  return 0;
+}
+
+void ConstantSizeStszAtom::describe(FieldSink& sink) const {
+  sink.field("version", body[0]);
+  sink.field("flags", byte_order::load<uint32_t>(body.data()) & 0xFFFFFFu);
+  sink.field("sample_size", sampleSize);
+  sink.field("sample_count", sampleCount);
+}
+
+FileStblAtom::FileStblAtom(const AtomHeader& from) : StblAtom(from) {}
+
+namespace {
+
+constexpr AtomType kConstantSizeStsz[] = {{"stsz", &makeAtom<ConstantSizeStszAtom>}};
+
+// Whether the box at the stream's position is an "stsz" whose samples all
+// have one size and no table follows. Leaves the stream where it was.
+bool isConstantSizeStsz(IOStream* stream, long long start) {
+  AtomHeader header;
+  uint32_t versionFlags = 0, sampleSize = 0, sampleCount = 0;
+  const bool constant = header.Read(stream) == 0 && header.type == "stsz" &&
+                        stream->readBe32(&versionFlags) == 4 &&
+                        stream->readBe32(&sampleSize) == 4 &&
+                        stream->readBe32(&sampleCount) == 4 && sampleSize != 0 &&
+                        sampleCount != 0;
+  return stream->seek(start) == 0 && constant;
+}
+
+}  // namespace
+
+Atom* FileStblAtom::readAs(IOStream* stream, long long start, const AtomType* types,
+                           size_t count) {
+  if (stream->seek(start) != 0) return nullptr;
+  return ReadTypedChild(stream, types, count);
+}
+
+Atom* FileStblAtom::ReadChild(IOStream* stream) {
+  if (stream == nullptr) return StblAtom::ReadChild(stream);
+  const long long start = stream->getOffset();
+  if (isConstantSizeStsz(stream, start)) {
+    return readAs(stream, start, kConstantSizeStsz, std::size(kConstantSizeStsz));
+  }
+  FailureNote note;
+  if (Atom* child = StblAtom::ReadChild(stream)) return child;
+  // Kept as bytes when its header at least holds: the stbl stays whole.
+  Atom* kept = readAs(stream, start, nullptr, 0);
+  if (kept != nullptr) unreadable.push_back(kept->header.type + ": " + note.text());
+  return kept;
+}
 
 MdatAtom::MdatAtom(const AtomHeader& from) : Atom(from) {}
 

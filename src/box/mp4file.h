@@ -9,6 +9,7 @@
 #include "box/atom.h"
 #include "box/result.h"
 #include "box/stream.h"
+#include "stbl.h"
 
 namespace mp4stbl {
 
@@ -20,6 +21,35 @@ class ContainerAtom : public Atom {
  public:
   explicit ContainerAtom(const AtomHeader& header);
   Atom* ReadChild(IOStream* stream) override;
+};
+
+// "stsz" with one size for every sample and no table, as writers store PCM
+// and other constant-size audio, timecode and one-frame tracks. The body is
+// kept as read, so it writes back unchanged; the walk takes the size and
+// count from its fields.
+class ConstantSizeStszAtom : public UserDefAtom {
+ public:
+  explicit ConstantSizeStszAtom(const AtomHeader& header);
+  int readData(IOStream* stream) override;
+  void describe(FieldSink& sink) const override;
+
+  uint32_t sampleSize = 0;
+  uint32_t sampleCount = 0;
+};
+
+// The sample table of a file being read. A constant-size "stsz" is read as
+// such; a table that cannot be read is kept as its bytes, with the reason,
+// so the file still reads and writes back and only its own track is lost.
+class FileStblAtom : public StblAtom {
+ public:
+  explicit FileStblAtom(const AtomHeader& header);
+  Atom* ReadChild(IOStream* stream) override;
+
+  // "stts: <reason>" for every child kept as bytes because it failed.
+  std::vector<std::string> unreadable;
+
+ private:
+  Atom* readAs(IOStream* stream, long long start, const AtomType* types, size_t count);
 };
 
 // Media data. The body is never loaded: the box remembers where it lies in
