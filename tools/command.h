@@ -26,6 +26,7 @@ struct Options {
   uint32_t sample = 0;
   double endTime = -1;
   uint32_t endSample = 0;
+  bool after = false;
 };
 
 // Prints "mp4stbl: FILE: what" on stderr; returns kFailure.
