@@ -20,6 +20,9 @@ std::unique_ptr<Opened> open(const Options& options) {
                                 read.message() + ")");
     return nullptr;
   }
+  for (const std::string& warning : opened->file.warnings()) {
+    std::fprintf(stderr, "mp4stbl: %s: warning: %s\n", options.file.c_str(), warning.c_str());
+  }
   if (opened->file.find("moov").empty()) {
     fail(options, "not an MP4 file (no moov box)");
     return nullptr;

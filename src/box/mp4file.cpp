@@ -148,6 +148,34 @@ int MdatAtom::writeData(IOStream* stream) {
   return 0;
 }
 
+int MdatAtom::Write(IOStream* stream) {
+  if (!cutShort) return Atom::Write(stream);
+  if (stream == nullptr) {
+    QX_LOG_NULL_PARAM("Write");
+    return -1;
+  }
+  // The header as read: its size still claims the bytes that were lost.
+  const bool written =
+      stream->writeBe32(header.size) == 4 &&
+      stream->writeBytes(reinterpret_cast<const unsigned char*>("mdat"), 4) == 4 &&
+      (!header.isLarge() || stream->write64(header.largeSize) == 8);
+  if (!written) {
+    logStreamFailure(stream, "writeBe32");
+    return -1;
+  }
+  return writeData(stream);
+}
+
+TrailingBytesAtom::TrailingBytesAtom(const AtomHeader& from) : MdatAtom(from) {}
+
+int TrailingBytesAtom::Write(IOStream* stream) {
+  if (stream == nullptr) {
+    QX_LOG_NULL_PARAM("Write");
+    return -1;
+  }
+  return writeData(stream);
+}
+
 Mp4File::Mp4File() : root(AtomHeader()) {}
 
 Mp4File::~Mp4File() = default;
@@ -182,11 +210,66 @@ Status Mp4File::read(IOStream* stream) {
   if (length < 0) return Status::failure("a file is read from a stream of known length");
   length_ = static_cast<uint64_t>(length);
   while (stream->getOffset() < length) {
+    const long long start = stream->getOffset();
     Atom* box = readFileBox(stream);
+    // Past the first box, a header that does not fit the file is the end of
+    // a recording cut short, or bytes that are not a box.
+    if (box == nullptr && !root.children.empty()) {
+      box = readTail(stream, start);
+      if (box != nullptr && stream->seek(length) != 0) {
+        delete box;
+        box = nullptr;
+      }
+    }
     if (box == nullptr) return statusOf(-1, note, "a box cannot be read");
     root.children.push_back(box);
   }
   return Status();
+}
+
+Atom* Mp4File::readTail(IOStream* stream, long long start) {
+  const long long length = stream->getLength();
+  uint32_t size32 = 0;
+  unsigned char type[4] = {};
+  unsigned long long large = 0;
+  if (stream->seek(start) != 0) return nullptr;
+  const bool header = stream->readBe32(&size32) == 4 && stream->readBytes(type, 4) == 4 &&
+                      (size32 != 1 || stream->readBe64(&large) == 8);
+  const bool isMdat = header && std::string(reinterpret_cast<char*>(type), 4) == "mdat";
+  // A box that fits, or a size that cannot be a box, is not a cut: it failed.
+  const unsigned long long claimed = size32 == 1 ? large : size32;
+  if (isMdat && claimed > static_cast<unsigned long long>(length - start)) {
+    AtomHeader cut;
+    cut.type = "mdat";
+    cut.size = size32;
+    cut.largeSize = large;
+    cut.headerOffset = static_cast<uint64_t>(start);
+    auto* mdat = new (std::nothrow) MdatAtom(cut);
+    if (mdat == nullptr || mdat->readData(stream) != 0) {
+      delete mdat;
+      return nullptr;
+    }
+    mdat->cutShort = true;
+    warnings_.push_back("mdat at offset " + std::to_string(start) + " claims " +
+                        std::to_string(claimed) + " bytes, the file holds " +
+                        std::to_string(length - start) + ": it was cut short");
+    return mdat;
+  }
+  if (header && size32 >= 8 && claimed <= static_cast<unsigned long long>(length - start)) {
+    return nullptr;
+  }
+  AtomHeader rest;
+  rest.type = "trailing bytes";
+  rest.headerOffset = static_cast<uint64_t>(start);
+  rest.largeSize = static_cast<uint64_t>(length - start);
+  auto* tail = new (std::nothrow) TrailingBytesAtom(rest);
+  if (tail == nullptr || stream->seek(start) != 0 || tail->readData(stream) != 0) {
+    delete tail;
+    return nullptr;
+  }
+  warnings_.push_back(std::to_string(length - start) + " bytes at offset " +
+                      std::to_string(start) + " are not a box: kept as they are");
+  return tail;
 }
 
 Status Mp4File::write(IOStream* out) {

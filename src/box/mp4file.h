@@ -61,9 +61,22 @@ class MdatAtom : public Atom {
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
 
+  // A recording cut short: the header claims more bytes than the file
+  // holds. It is written back as read, its claim included.
+  int Write(IOStream* stream) override;
+
   IOStream* source = nullptr;
   uint64_t bodyOffset = 0;
   uint64_t bodyLength = 0;
+  bool cutShort = false;
+};
+
+// Bytes after the last box that are not a box themselves (padding, a
+// partial header): kept and written back as they are, with no header.
+class TrailingBytesAtom : public MdatAtom {
+ public:
+  explicit TrailingBytesAtom(const AtomHeader& header);
+  int Write(IOStream* stream) override;
 };
 
 // A whole file as a tree of boxes. Failures come back as a Status whose
@@ -87,6 +100,8 @@ class Mp4File {
 
   // The length of the stream read, in bytes.
   uint64_t length() const { return length_; }
+  // What was read with a warning: a file cut short, bytes after the boxes.
+  const std::vector<std::string>& warnings() const { return warnings_; }
 
   // Every box at a path of types below the top level, e.g.
   // "moov/trak/mdia/minf/stbl".
@@ -97,8 +112,11 @@ class Mp4File {
 
  private:
   std::unique_ptr<FileStream> file_;
+  Atom* readTail(IOStream* stream, long long start);
+
   std::string path_;
   uint64_t length_ = 0;
+  std::vector<std::string> warnings_;
 };
 
 }  // namespace mp4stbl

@@ -216,9 +216,9 @@ Result<const SampleInfo*> SampleWalker::next() {
     leftInTimeRun_ = times[timeRun_++].sampleCount;
   }
   const uint32_t size = track_.sampleSize(number_ + 1);
-  if (position_ > UINT64_MAX - size || position_ + size > track_.fileLength()) {
+  if (position_ > UINT64_MAX - size) {
     return fail("sample " + std::to_string(number_ + 1) + " at offset " +
-                std::to_string(position_) + " runs past the end of the file");
+                std::to_string(position_) + " runs past the end of any file");
   }
   SampleInfo& sample = sample_;
   sample.number = ++number_;
@@ -228,6 +228,7 @@ Result<const SampleInfo*> SampleWalker::next() {
   sample.decodeTime = time_;
   sample.duration = times[timeRun_ - 1].sampleDelta;
   sample.descriptionIndex = track_.stsc().entries[run_].sampleDescriptionIndex;
+  sample.missing = position_ + size > track_.fileLength();
   const std::vector<uint32_t>& syncs = syncSamples(track_);
   while (sync_ < syncs.size() && syncs[sync_] < number_) ++sync_;
   sample.sync = track_.stss() == nullptr || (sync_ < syncs.size() && syncs[sync_] == number_);

@@ -23,6 +23,7 @@ struct SampleInfo {
   uint32_t duration = 0;
   bool sync = false;
   uint32_t descriptionIndex = 0;  // 1-based, into stsd
+  bool missing = false;  // its bytes lie past the end of the file (a file cut short)
 };
 
 class Track;
@@ -97,7 +98,8 @@ class SampleWalker {
   explicit SampleWalker(const Track& track);
 
   // The next sample; null at the end. A failure (a sample past its chunks
-  // or past the end of the file) ends the walk.
+  // or past 2^64) ends the walk; a sample past the end of the file is
+  // returned as missing.
   Result<const SampleInfo*> next();
 
  private:
