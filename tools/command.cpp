@@ -20,16 +20,16 @@ std::unique_ptr<Opened> open(const Options& options) {
                                 read.message() + ")");
     return nullptr;
   }
+  for (const std::string& warning : opened->file.warnings()) {
+    std::fprintf(stderr, "mp4stbl: %s: warning: %s\n", options.file.c_str(), warning.c_str());
+  }
   if (opened->file.find("moov").empty()) {
     fail(options, "not an MP4 file (no moov box)");
     return nullptr;
   }
-  Result<std::vector<Track>> tracks = findTracks(opened->file);
-  if (!tracks.ok()) {
-    fail(options, tracks.message());
-    return nullptr;
-  }
-  opened->tracks = std::move(*tracks);
+  FoundTracks found = findTracks(opened->file);
+  opened->tracks = std::move(found.tracks);
+  opened->unreadable = std::move(found.unreadable);
   return opened;
 }
 
@@ -43,7 +43,16 @@ const Track* findTrack(const Options& options, const Opened& opened) {
     }
     if (!opened.tracks.empty()) return &opened.tracks.front();
   }
-  fail(options, "no track " + std::to_string(options.track));
+  // A track that is there but cannot be walked says why.
+  const std::string wanted = "track " + std::to_string(options.track) + " ";
+  for (const std::string& reason : opened.unreadable) {
+    if (options.track != 0 && reason.compare(0, wanted.size(), wanted) == 0) {
+      fail(options, reason);
+      return nullptr;
+    }
+  }
+  fail(options, opened.tracks.empty() && !opened.unreadable.empty() ? opened.unreadable.front()
+                                                                    : "no track " + std::to_string(options.track));
   return nullptr;
 }
 

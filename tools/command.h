@@ -26,6 +26,7 @@ struct Options {
   uint32_t sample = 0;
   double endTime = -1;
   uint32_t endSample = 0;
+  bool after = false;
 };
 
 // Prints "mp4stbl: FILE: what" on stderr; returns kFailure.
@@ -35,6 +36,7 @@ int fail(const Options& options, const std::string& what);
 struct Opened {
   Mp4File file;
   std::vector<Track> tracks;
+  std::vector<std::string> unreadable;  // why each other track cannot be walked
 };
 
 // Null after a failure message.

@@ -30,7 +30,7 @@ ChunkGrouping groupingOf(const Track& track) {
 json trackSummary(const Track& track) {
   const uint64_t duration = track.stts().totalDuration();
   const double length = seconds(duration, track.timescale());
-  const uint64_t bytes = track.stsz().TotalSampleSize();
+  const uint64_t bytes = track.totalSampleBytes();
   const ChunkGrouping grouping = groupingOf(track);
   json summary = {
       {"id", track.id()},
@@ -45,6 +45,8 @@ json trackSummary(const Track& track) {
       {"chunks", track.chunkCount()},
       {"offsets", track.stco() != nullptr ? "stco" : "co64"},
       {"samplesPerChunk", {{"min", grouping.least}, {"max", grouping.most}}},
+      {"sampleSize", track.constantSampleSize() != 0 ? json(track.constantSampleSize())
+                                                     : json("table")},
   };
   summary["keyFrames"] =
       track.stss() != nullptr ? json(track.stss()->entries.size()) : json("all");
@@ -53,7 +55,8 @@ json trackSummary(const Track& track) {
 
 void printTracks(const json& tracks) {
   TextTable table({"track", "handler", "entry", "timescale", "samples", "duration", "seconds",
-                   "bytes", "kbit/s", "key frames", "chunks", "offsets", "samples/chunk"});
+                   "bytes", "kbit/s", "key frames", "chunks", "offsets", "samples/chunk",
+                   "sample size"});
   for (const json& t : tracks) {
     const auto least = t["samplesPerChunk"]["min"].get<uint32_t>();
     const auto most = t["samplesPerChunk"]["max"].get<uint32_t>();
@@ -63,7 +66,8 @@ void printTracks(const json& tracks) {
                format("%.1f", t["bitrate"].get<double>() / 1000),
                t["keyFrames"].is_string() ? "all samples are sync" : t["keyFrames"].dump(),
                t["chunks"].dump(), t["offsets"],
-               least == most ? std::to_string(least) : format("%u-%u", least, most)});
+               least == most ? std::to_string(least) : format("%u-%u", least, most),
+               t["sampleSize"].is_string() ? "table" : "all " + t["sampleSize"].dump()});
   }
   table.print(stdout);
 }
@@ -76,8 +80,12 @@ int info(const Options& options) {
   json tracks = json::array();
   for (const Track& track : opened->tracks) tracks.push_back(trackSummary(track));
   const uint64_t length = opened->file.length();
+  for (const std::string& reason : opened->unreadable) {
+    std::fprintf(stderr, "mp4stbl: %s: %s\n", options.file.c_str(), reason.c_str());
+  }
   if (options.json) {
-    printJson({{"file", options.file}, {"bytes", length}, {"tracks", tracks}});
+    printJson({{"file", options.file}, {"bytes", length}, {"tracks", tracks},
+               {"unreadable", opened->unreadable}});
     return 0;
   }
   std::printf("%s: %llu bytes, %zu tracks\n", options.file.c_str(),

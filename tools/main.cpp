@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 
 #include <cctype>
+#include <cstdlib>
 #include <cstdio>
 #include <new>
 #include <stdexcept>
@@ -33,6 +34,30 @@ std::string digitsOrAll(std::string& value) {
                       value.find_first_not_of("0123456789") == std::string::npos &&
                       value.find_first_not_of('0') != std::string::npos;
   return digits ? "" : "expects a positive number or all";
+}
+
+// Seconds as "12.5", "1:02.5" or "0:01:02.500", rewritten to plain seconds
+// for the option's own conversion.
+std::string readClockTime(std::string& value) {
+  double total = 0;
+  size_t from = 0;
+  for (int part = 0; part < 3; ++part) {
+    const size_t colon = value.find(':', from);
+    const std::string field = value.substr(from, colon == std::string::npos ? colon : colon - from);
+    const bool last = colon == std::string::npos;
+    const bool digits = !field.empty() && field.size() <= 18 &&
+                        field.find_first_not_of(last ? "0123456789." : "0123456789") ==
+                            std::string::npos &&
+                        field.find('.') == field.rfind('.') && field != ".";
+    if (!digits) break;
+    total = total * 60 + std::strtod(field.c_str(), nullptr);
+    if (last) {
+      value = std::to_string(total);
+      return "";
+    }
+    from = colon + 1;
+  }
+  return "expects seconds (12.5) or hh:mm:ss.mmm";
 }
 
 struct Commands {
@@ -67,11 +92,14 @@ Commands declare(CLI::App& app, Options& options) {
   commands.seek = command("seek", "the key frame to start playing from");
   trackOption(commands.seek, false);
   auto* at = commands.seek->add_option_group("position")->require_option(1);
-  at->add_option("--time", options.time, "seconds")->check(CLI::NonNegativeNumber);
+  const CLI::Validator clockTime(readClockTime, "S|hh:mm:ss.mmm");
+  at->add_option("--time", options.time, "seconds, or hh:mm:ss.mmm")->transform(clockTime);
   at->add_option("--sample", options.sample, "1-based sample number")->check(CLI::PositiveNumber);
   auto* to = commands.seek->add_option_group("end")->require_option(0, 1);
-  to->add_option("--end-time", options.endTime, "play through this time (seconds)")
-      ->check(CLI::NonNegativeNumber);
+  to->add_option("--end-time", options.endTime, "play through this time (seconds, or hh:mm:ss.mmm)")
+      ->transform(clockTime);
+  commands.seek->add_flag("--after", options.after,
+                          "the first key frame at or after the time, not the one before it");
   to->add_option("--end-sample", options.endSample, "play through this sample")
       ->check(CLI::PositiveNumber);
   commands.verify = command("verify", "write the file back and compare the bytes");

@@ -28,6 +28,19 @@ uint32_t sampleFor(const Track& track, double time, uint32_t sample) {
   return sampleAtTime(track, static_cast<uint64_t>(std::llround(time * track.timescale())));
 }
 
+// The key frame a player starts decoding from to show sample `asked`: the
+// last one at or before it; with `after`, the first one at or after it
+// (which may not exist: then `asked` itself, not a key frame).
+uint32_t keyFrameFor(const Track& track, uint32_t asked, bool after) {
+  uint32_t key = asked;
+  if (track.stss() == nullptr) return key;
+  const std::vector<uint32_t>& syncs = track.stss()->entries;  // ascending, checked
+  const auto past = std::upper_bound(syncs.begin(), syncs.end(), asked);
+  if (!after && past != syncs.begin()) return *(past - 1);
+  track.stss()->getIFrameNumber(&key);
+  return key;
+}
+
 // The distance from the first byte of the start chunk to that of the end
 // chunk, as the offset table gives it.
 uint64_t chunkDistance(const Track& track, uint32_t startChunk, uint32_t endChunk,
@@ -52,12 +65,12 @@ int seek(const Options& options) {
   if (track == nullptr) return kFailure;
   const uint32_t asked = sampleFor(*track, options.time, options.sample);
   if (asked == 0 || asked > track->sampleCount()) return fail(options, "no such sample");
-  uint32_t key = asked;
-  if (track->stss() != nullptr) track->stss()->getIFrameNumber(&key);
+  const uint32_t key = keyFrameFor(*track, asked, options.after);
   const auto start = sampleAt(options, *track, key);
   if (!start) return kFailure;
   if (!start->sync) {
-    return fail(options, "no key frame at or after sample " + std::to_string(asked));
+    return fail(options, "no key frame at or after sample " + std::to_string(asked) +
+                             "; the last one is sample " + std::to_string(keyFrameFor(*track, asked, false)));
   }
   uint32_t last = sampleFor(*track, options.endTime, options.endSample);
   last = last == 0 ? track->sampleCount() : std::min(last, track->sampleCount());

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <iterator>
 
+#include "box/byte_order.h"
 #include "box/file_stream.h"
 #include "box/log.h"
 #include "box/movie_boxes.h"
@@ -17,7 +18,7 @@ namespace {
 constexpr AtomType kFileBoxes[] = {
     {"moov", &makeAtom<ContainerAtom>}, {"trak", &makeAtom<ContainerAtom>},
     {"mdia", &makeAtom<ContainerAtom>}, {"minf", &makeAtom<ContainerAtom>},
-    {"stbl", &makeAtom<StblAtom>},      {"mdat", &makeAtom<MdatAtom>},
+    {"stbl", &makeAtom<FileStblAtom>},      {"mdat", &makeAtom<MdatAtom>},
     {"mvhd", &makeAtom<MvhdAtom>},      {"tkhd", &makeAtom<TkhdAtom>},
     {"mdhd", &makeAtom<MdhdAtom>},      {"hdlr", &makeAtom<HdlrAtom>},
 };
@@ -27,12 +28,76 @@ Atom* readFileBox(IOStream* stream) {
 }
 
 constexpr unsigned kCopyBlock = 1u << 20;
+// Version and flags, the default size and the sample count.
+constexpr size_t kStszFields = 12;
 
 }  // namespace
 
 ContainerAtom::ContainerAtom(const AtomHeader& from) : Atom(from) {}
 
 Atom* ContainerAtom::ReadChild(IOStream* stream) { return readFileBox(stream); }
+
+ConstantSizeStszAtom::ConstantSizeStszAtom(const AtomHeader& from) : UserDefAtom(from) {}
+
+int ConstantSizeStszAtom::readData(IOStream* stream) {
+  if (UserDefAtom::readData(stream) != 0) return -1;
+  if (body.size() < kStszFields) {
+    QX_LOG_Printf("MP4", 3, "stsz at offset %llu: body of %zu bytes\n",
+                  static_cast<unsigned long long>(header.headerOffset), body.size());
+    return -1;
+  }
+  sampleSize = byte_order::load<uint32_t>(body.data() + 4);
+  sampleCount = byte_order::load<uint32_t>(body.data() + 8);
+  return 0;
+}
+
+void ConstantSizeStszAtom::describe(FieldSink& sink) const {
+  sink.field("version", body[0]);
+  sink.field("flags", byte_order::load<uint32_t>(body.data()) & 0xFFFFFFu);
+  sink.field("sample_size", sampleSize);
+  sink.field("sample_count", sampleCount);
+}
+
+FileStblAtom::FileStblAtom(const AtomHeader& from) : StblAtom(from) {}
+
+namespace {
+
+constexpr AtomType kConstantSizeStsz[] = {{"stsz", &makeAtom<ConstantSizeStszAtom>}};
+
+// Whether the box at the stream's position is an "stsz" whose samples all
+// have one size and no table follows. Leaves the stream where it was.
+bool isConstantSizeStsz(IOStream* stream, long long start) {
+  AtomHeader header;
+  uint32_t versionFlags = 0, sampleSize = 0, sampleCount = 0;
+  const bool constant = header.Read(stream) == 0 && header.type == "stsz" &&
+                        stream->readBe32(&versionFlags) == 4 &&
+                        stream->readBe32(&sampleSize) == 4 &&
+                        stream->readBe32(&sampleCount) == 4 && sampleSize != 0 &&
+                        sampleCount != 0;
+  return stream->seek(start) == 0 && constant;
+}
+
+}  // namespace
+
+Atom* FileStblAtom::readAs(IOStream* stream, long long start, const AtomType* types,
+                           size_t count) {
+  if (stream->seek(start) != 0) return nullptr;
+  return ReadTypedChild(stream, types, count);
+}
+
+Atom* FileStblAtom::ReadChild(IOStream* stream) {
+  if (stream == nullptr) return StblAtom::ReadChild(stream);
+  const long long start = stream->getOffset();
+  if (isConstantSizeStsz(stream, start)) {
+    return readAs(stream, start, kConstantSizeStsz, std::size(kConstantSizeStsz));
+  }
+  FailureNote note;
+  if (Atom* child = StblAtom::ReadChild(stream)) return child;
+  // Kept as bytes when its header at least holds: the stbl stays whole.
+  Atom* kept = readAs(stream, start, nullptr, 0);
+  if (kept != nullptr) unreadable.push_back(kept->header.type + ": " + note.text());
+  return kept;
+}
 
 MdatAtom::MdatAtom(const AtomHeader& from) : Atom(from) {}
 
@@ -83,6 +148,34 @@ int MdatAtom::writeData(IOStream* stream) {
   return 0;
 }
 
+int MdatAtom::Write(IOStream* stream) {
+  if (!cutShort) return Atom::Write(stream);
+  if (stream == nullptr) {
+    QX_LOG_NULL_PARAM("Write");
+    return -1;
+  }
+  // The header as read: its size still claims the bytes that were lost.
+  const bool written =
+      stream->writeBe32(header.size) == 4 &&
+      stream->writeBytes(reinterpret_cast<const unsigned char*>("mdat"), 4) == 4 &&
+      (!header.isLarge() || stream->write64(header.largeSize) == 8);
+  if (!written) {
+    logStreamFailure(stream, "writeBe32");
+    return -1;
+  }
+  return writeData(stream);
+}
+
+TrailingBytesAtom::TrailingBytesAtom(const AtomHeader& from) : MdatAtom(from) {}
+
+int TrailingBytesAtom::Write(IOStream* stream) {
+  if (stream == nullptr) {
+    QX_LOG_NULL_PARAM("Write");
+    return -1;
+  }
+  return writeData(stream);
+}
+
 Mp4File::Mp4File() : root(AtomHeader()) {}
 
 Mp4File::~Mp4File() = default;
@@ -117,11 +210,66 @@ Status Mp4File::read(IOStream* stream) {
   if (length < 0) return Status::failure("a file is read from a stream of known length");
   length_ = static_cast<uint64_t>(length);
   while (stream->getOffset() < length) {
+    const long long start = stream->getOffset();
     Atom* box = readFileBox(stream);
+    // Past the first box, a header that does not fit the file is the end of
+    // a recording cut short, or bytes that are not a box.
+    if (box == nullptr && !root.children.empty()) {
+      box = readTail(stream, start);
+      if (box != nullptr && stream->seek(length) != 0) {
+        delete box;
+        box = nullptr;
+      }
+    }
     if (box == nullptr) return statusOf(-1, note, "a box cannot be read");
     root.children.push_back(box);
   }
   return Status();
+}
+
+Atom* Mp4File::readTail(IOStream* stream, long long start) {
+  const long long length = stream->getLength();
+  uint32_t size32 = 0;
+  unsigned char type[4] = {};
+  unsigned long long large = 0;
+  if (stream->seek(start) != 0) return nullptr;
+  const bool header = stream->readBe32(&size32) == 4 && stream->readBytes(type, 4) == 4 &&
+                      (size32 != 1 || stream->readBe64(&large) == 8);
+  const bool isMdat = header && std::string(reinterpret_cast<char*>(type), 4) == "mdat";
+  // A box that fits, or a size that cannot be a box, is not a cut: it failed.
+  const unsigned long long claimed = size32 == 1 ? large : size32;
+  if (isMdat && claimed > static_cast<unsigned long long>(length - start)) {
+    AtomHeader cut;
+    cut.type = "mdat";
+    cut.size = size32;
+    cut.largeSize = large;
+    cut.headerOffset = static_cast<uint64_t>(start);
+    auto* mdat = new (std::nothrow) MdatAtom(cut);
+    if (mdat == nullptr || mdat->readData(stream) != 0) {
+      delete mdat;
+      return nullptr;
+    }
+    mdat->cutShort = true;
+    warnings_.push_back("mdat at offset " + std::to_string(start) + " claims " +
+                        std::to_string(claimed) + " bytes, the file holds " +
+                        std::to_string(length - start) + ": it was cut short");
+    return mdat;
+  }
+  if (header && size32 >= 8 && claimed <= static_cast<unsigned long long>(length - start)) {
+    return nullptr;
+  }
+  AtomHeader rest;
+  rest.type = "trailing bytes";
+  rest.headerOffset = static_cast<uint64_t>(start);
+  rest.largeSize = static_cast<uint64_t>(length - start);
+  auto* tail = new (std::nothrow) TrailingBytesAtom(rest);
+  if (tail == nullptr || stream->seek(start) != 0 || tail->readData(stream) != 0) {
+    delete tail;
+    return nullptr;
+  }
+  warnings_.push_back(std::to_string(length - start) + " bytes at offset " +
+                      std::to_string(start) + " are not a box: kept as they are");
+  return tail;
 }
 
 Status Mp4File::write(IOStream* out) {

@@ -9,6 +9,7 @@
 #include "box/atom.h"
 #include "box/result.h"
 #include "box/stream.h"
+#include "stbl.h"
 
 namespace mp4stbl {
 
@@ -22,6 +23,35 @@ class ContainerAtom : public Atom {
   Atom* ReadChild(IOStream* stream) override;
 };
 
+// "stsz" with one size for every sample and no table, as writers store PCM
+// and other constant-size audio, timecode and one-frame tracks. The body is
+// kept as read, so it writes back unchanged; the walk takes the size and
+// count from its fields.
+class ConstantSizeStszAtom : public UserDefAtom {
+ public:
+  explicit ConstantSizeStszAtom(const AtomHeader& header);
+  int readData(IOStream* stream) override;
+  void describe(FieldSink& sink) const override;
+
+  uint32_t sampleSize = 0;
+  uint32_t sampleCount = 0;
+};
+
+// The sample table of a file being read. A constant-size "stsz" is read as
+// such; a table that cannot be read is kept as its bytes, with the reason,
+// so the file still reads and writes back and only its own track is lost.
+class FileStblAtom : public StblAtom {
+ public:
+  explicit FileStblAtom(const AtomHeader& header);
+  Atom* ReadChild(IOStream* stream) override;
+
+  // "stts: <reason>" for every child kept as bytes because it failed.
+  std::vector<std::string> unreadable;
+
+ private:
+  Atom* readAs(IOStream* stream, long long start, const AtomType* types, size_t count);
+};
+
 // Media data. The body is never loaded: the box remembers where it lies in
 // the stream it was read from and copies it across in bounded blocks when
 // it is written, so that stream must outlive the box.
@@ -31,9 +61,22 @@ class MdatAtom : public Atom {
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
 
+  // A recording cut short: the header claims more bytes than the file
+  // holds. It is written back as read, its claim included.
+  int Write(IOStream* stream) override;
+
   IOStream* source = nullptr;
   uint64_t bodyOffset = 0;
   uint64_t bodyLength = 0;
+  bool cutShort = false;
+};
+
+// Bytes after the last box that are not a box themselves (padding, a
+// partial header): kept and written back as they are, with no header.
+class TrailingBytesAtom : public MdatAtom {
+ public:
+  explicit TrailingBytesAtom(const AtomHeader& header);
+  int Write(IOStream* stream) override;
 };
 
 // A whole file as a tree of boxes. Failures come back as a Status whose
@@ -57,6 +100,8 @@ class Mp4File {
 
   // The length of the stream read, in bytes.
   uint64_t length() const { return length_; }
+  // What was read with a warning: a file cut short, bytes after the boxes.
+  const std::vector<std::string>& warnings() const { return warnings_; }
 
   // Every box at a path of types below the top level, e.g.
   // "moov/trak/mdia/minf/stbl".
@@ -67,8 +112,11 @@ class Mp4File {
 
  private:
   std::unique_ptr<FileStream> file_;
+  Atom* readTail(IOStream* stream, long long start);
+
   std::string path_;
   uint64_t length_ = 0;
+  std::vector<std::string> warnings_;
 };
 
 }  // namespace mp4stbl

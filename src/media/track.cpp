@@ -11,13 +11,13 @@ namespace {
 // The one child of `parent` of class Box; null when there is none, a
 // failure when there are two.
 template <class Box>
-Result<const Box*> only(const Atom* parent, const char* type, uint32_t trackId) {
+Result<const Box*> only(const Atom* parent, const char* type, const Track& track) {
   const Box* found = nullptr;
   for (const Atom* child : parent->children) {
     const auto* box = dynamic_cast<const Box*>(child);
     if (box == nullptr) continue;
     if (found != nullptr) {
-      return Status::failure("track " + std::to_string(trackId) + ": two " + type + " boxes");
+      return track.fail(std::string("two ") + type + " boxes");
     }
     found = box;
   }
@@ -44,10 +44,6 @@ const std::vector<uint32_t>& syncSamples(const Track& track) {
   return track.stss() != nullptr ? track.stss()->entries : none;
 }
 
-Status trackError(uint32_t id, const std::string& what) {
-  return Status::failure("track " + std::to_string(id) + ": " + what);
-}
-
 }  // namespace
 
 uint64_t Track::chunkCount() const {
@@ -57,6 +53,24 @@ uint64_t Track::chunkCount() const {
 uint64_t Track::chunkOffset(uint64_t chunk) const {
   if (chunk == 0 || chunk > chunkCount()) return 0;
   return stco_ != nullptr ? stco_->entries[chunk - 1] : co64_->entries[chunk - 1];
+}
+
+uint32_t Track::sampleSize(uint32_t number) const {
+  if (number == 0 || number > sampleCount_) return 0;
+  return stsz_ != nullptr ? stsz_->entries[number - 1] : constantSize_;
+}
+
+uint64_t Track::totalSampleBytes() const {
+  return stsz_ != nullptr ? stsz_->TotalSampleSize() : uint64_t{constantSize_} * sampleCount_;
+}
+
+Status Track::fail(const std::string& what) const {
+  std::string name = "track " + std::to_string(id_);
+  const std::string entry = stsd_ != nullptr ? entryType() : "";
+  if (!handler_.empty() || !entry.empty()) {
+    name += " (" + (handler_.empty() ? "?" : handler_) + (entry.empty() ? "" : ", " + entry) + ")";
+  }
+  return Status::failure(name + ": " + what);
 }
 
 std::string Track::entryType() const {
@@ -77,19 +91,19 @@ Status Track::check() const {
   uint64_t timed = 0;
   for (const SttsEntry& run : stts_->entries) timed += run.sampleCount;
   if (timed != sampleCount()) {
-    return trackError(id_, "stts times " + std::to_string(timed) + " samples, stsz sizes " +
+    return fail("stts times " + std::to_string(timed) + " samples, stsz sizes " +
                                std::to_string(sampleCount()));
   }
-  if (sampleCount() > 0 && stsc_->entries.empty()) return trackError(id_, "stsc is empty");
+  if (sampleCount() > 0 && stsc_->entries.empty()) return fail("stsc is empty");
   uint64_t previous = 0;
   for (const StscEntry& run : stsc_->entries) {
     if (run.firstChunk <= previous || (previous == 0 && run.firstChunk != 1)) {
-      return trackError(id_, "stsc first chunks must start at 1 and rise, found " +
+      return fail("stsc first chunks must start at 1 and rise, found " +
                                  std::to_string(run.firstChunk));
     }
-    if (run.samplesPerChunk == 0) return trackError(id_, "stsc run with 0 samples per chunk");
+    if (run.samplesPerChunk == 0) return fail("stsc run with 0 samples per chunk");
     if (run.sampleDescriptionIndex == 0 || run.sampleDescriptionIndex > stsd_->children.size()) {
-      return trackError(id_, "stsc names sample description " +
+      return fail("stsc names sample description " +
                                  std::to_string(run.sampleDescriptionIndex) + " of " +
                                  std::to_string(stsd_->children.size()) + " in stsd");
     }
@@ -98,7 +112,7 @@ Status Track::check() const {
   uint32_t last = 0;
   for (uint32_t sync : syncSamples(*this)) {
     if (sync <= last || sync > sampleCount()) {
-      return trackError(id_, "stss entry " + std::to_string(sync) +
+      return fail("stss entry " + std::to_string(sync) +
                                  " is out of order or past the sample count");
     }
     last = sync;
@@ -106,38 +120,44 @@ Status Track::check() const {
   return Status();
 }
 
-namespace {
-
-// Fills the table pointers of `track` from its stbl: one of each, stss
-// optional, exactly one of stco and co64.
-Status findTables(const Atom* stbl, uint32_t id, const StsdAtom** stsd, const SttsAtom** stts,
-                  const StscAtom** stsc, const StszAtom** stsz, const StssAtom** stss,
-                  const StcoAtom** stco, const Co64Atom** co64) {
+Status Track::takeTables(const Atom* stbl) {
   auto take = [&](auto** slot, auto found) {
     if (found.ok()) *slot = *found;
     return found.status();
   };
+  const ConstantSizeStszAtom* constant = nullptr;
   for (const Status& status :
-       {take(stsd, only<StsdAtom>(stbl, "stsd", id)), take(stts, only<SttsAtom>(stbl, "stts", id)),
-        take(stsc, only<StscAtom>(stbl, "stsc", id)), take(stsz, only<StszAtom>(stbl, "stsz", id)),
-        take(stss, only<StssAtom>(stbl, "stss", id)), take(stco, only<StcoAtom>(stbl, "stco", id)),
-        take(co64, only<Co64Atom>(stbl, "co64", id))}) {
+       {take(&stsd_, only<StsdAtom>(stbl, "stsd", *this)),
+        take(&stts_, only<SttsAtom>(stbl, "stts", *this)),
+        take(&stsc_, only<StscAtom>(stbl, "stsc", *this)),
+        take(&stsz_, only<StszAtom>(stbl, "stsz", *this)),
+        take(&constant, only<ConstantSizeStszAtom>(stbl, "stsz", *this)),
+        take(&stss_, only<StssAtom>(stbl, "stss", *this)),
+        take(&stco_, only<StcoAtom>(stbl, "stco", *this)),
+        take(&co64_, only<Co64Atom>(stbl, "co64", *this))}) {
     if (!status.ok()) return status;
   }
-  const char* missing = *stsd == nullptr   ? "stsd"
-                        : *stts == nullptr ? "stts"
-                        : *stsc == nullptr ? "stsc"
-                        : *stsz == nullptr ? "stsz"
-                        : (*stco == nullptr) == (*co64 == nullptr) ? "stco or co64"
-                                                                   : nullptr;
-  if (missing != nullptr) return trackError(id, std::string("needs exactly one ") + missing);
+  if (const auto* file = dynamic_cast<const FileStblAtom*>(stbl); file && !file->unreadable.empty()) {
+    return fail(file->unreadable.front());
+  }
+  const char* missing = stsd_ == nullptr                       ? "stsd"
+                        : stts_ == nullptr                     ? "stts"
+                        : stsc_ == nullptr                     ? "stsc"
+                        : (stsz_ == nullptr) == (constant == nullptr) ? "stsz"
+                        : (stco_ == nullptr) == (co64_ == nullptr)    ? "stco or co64"
+                                                                      : nullptr;
+  if (missing != nullptr) return fail(std::string("needs exactly one ") + missing);
+  if (constant != nullptr) {
+    constantSize_ = constant->sampleSize;
+    sampleCount_ = constant->sampleCount;
+  } else {
+    sampleCount_ = static_cast<uint32_t>(stsz_->entries.size());
+  }
   return Status();
 }
 
-}  // namespace
-
-Result<std::vector<Track>> findTracks(Mp4File& file) {
-  std::vector<Track> tracks;
+FoundTracks findTracks(Mp4File& file) {
+  FoundTracks found;
   for (Atom* trak : file.find("moov/trak")) {
     Track track;
     track.fileLength_ = file.length();
@@ -145,24 +165,26 @@ Result<std::vector<Track>> findTracks(Mp4File& file) {
     const Atom* mdia = childNamed(trak, "mdia");
     const Atom* minf = mdia != nullptr ? childNamed(mdia, "minf") : nullptr;
     const Atom* stbl = minf != nullptr ? childOf<StblAtom>(minf) : nullptr;
-    if (stbl == nullptr) return trackError(track.id_, "no stbl");
-    if (const auto* mdhd = childOf<MdhdAtom>(mdia)) track.timescale_ = mdhd->timescale;
-    if (const auto* hdlr = childOf<HdlrAtom>(mdia)) track.handler_ = hdlr->handlerType();
-    Status found = findTables(stbl, track.id_, &track.stsd_, &track.stts_, &track.stsc_,
-                              &track.stsz_, &track.stss_, &track.stco_, &track.co64_);
-    if (!found.ok()) return found;
-    Status checked = track.check();
-    if (!checked.ok()) return checked;
-    tracks.push_back(track);
+    if (mdia != nullptr) {
+      if (const auto* mdhd = childOf<MdhdAtom>(mdia)) track.timescale_ = mdhd->timescale;
+      if (const auto* hdlr = childOf<HdlrAtom>(mdia)) track.handler_ = hdlr->handlerType();
+    }
+    Status status = stbl == nullptr ? track.fail("no stbl") : track.takeTables(stbl);
+    if (status.ok()) status = track.check();
+    if (status.ok()) {
+      found.tracks.push_back(track);
+    } else {
+      found.unreadable.push_back(status.message());
+    }
   }
-  return tracks;
+  return found;
 }
 
 SampleWalker::SampleWalker(const Track& track) : track_(track) {}
 
 Status SampleWalker::fail(const std::string& message) {
   number_ = track_.sampleCount();  // nothing more is walked
-  return trackError(track_.id(), message);
+  return track_.fail(message);
 }
 
 Status SampleWalker::enterChunk() {
@@ -193,10 +215,10 @@ Result<const SampleInfo*> SampleWalker::next() {
     }
     leftInTimeRun_ = times[timeRun_++].sampleCount;
   }
-  const uint32_t size = track_.stsz().entries[number_];
-  if (position_ > UINT64_MAX - size || position_ + size > track_.fileLength()) {
+  const uint32_t size = track_.sampleSize(number_ + 1);
+  if (position_ > UINT64_MAX - size) {
     return fail("sample " + std::to_string(number_ + 1) + " at offset " +
-                std::to_string(position_) + " runs past the end of the file");
+                std::to_string(position_) + " runs past the end of any file");
   }
   SampleInfo& sample = sample_;
   sample.number = ++number_;
@@ -206,6 +228,7 @@ Result<const SampleInfo*> SampleWalker::next() {
   sample.decodeTime = time_;
   sample.duration = times[timeRun_ - 1].sampleDelta;
   sample.descriptionIndex = track_.stsc().entries[run_].sampleDescriptionIndex;
+  sample.missing = position_ + size > track_.fileLength();
   const std::vector<uint32_t>& syncs = syncSamples(track_);
   while (sync_ < syncs.size() && syncs[sync_] < number_) ++sync_;
   sample.sync = track_.stss() == nullptr || (sync_ < syncs.size() && syncs[sync_] == number_);

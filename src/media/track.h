@@ -23,13 +23,20 @@ struct SampleInfo {
   uint32_t duration = 0;
   bool sync = false;
   uint32_t descriptionIndex = 0;  // 1-based, into stsd
+  bool missing = false;  // its bytes lie past the end of the file (a file cut short)
 };
 
 class Track;
 
-// Every track of a file, its tables checked against each other. A failure
-// names the track and the table.
-Result<std::vector<Track>> findTracks(Mp4File& file);
+// The tracks of a file whose tables agree with each other, and why each
+// other track cannot be walked ("track 2 (soun, mp4a): ..."): one track's
+// tables never make the others unreadable.
+struct FoundTracks {
+  std::vector<Track> tracks;
+  std::vector<std::string> unreadable;
+};
+
+FoundTracks findTracks(Mp4File& file);
 
 // The boxes of one track, known to agree with each other: only findTracks
 // makes one. Pointers into the file's tree: a Track lives no longer than its
@@ -44,21 +51,30 @@ class Track {
   const StsdAtom& stsd() const { return *stsd_; }
   const SttsAtom& stts() const { return *stts_; }
   const StscAtom& stsc() const { return *stsc_; }
-  const StszAtom& stsz() const { return *stsz_; }
+  // The sample size table; null when every sample has one size.
+  const StszAtom* stsz() const { return stsz_; }
+  // The one size of every sample, 0 when stsz holds a table.
+  uint32_t constantSampleSize() const { return constantSize_; }
   const StssAtom* stss() const { return stss_; }  // none: every sample is a sync sample
   const StcoAtom* stco() const { return stco_; }  // exactly one of stco and co64
   const Co64Atom* co64() const { return co64_; }
 
-  uint32_t sampleCount() const { return static_cast<uint32_t>(stsz_->entries.size()); }
+  uint32_t sampleCount() const { return sampleCount_; }
+  uint32_t sampleSize(uint32_t number) const;  // 1-based; 0 past the end
+  uint64_t totalSampleBytes() const;
   uint64_t chunkCount() const;
   uint64_t chunkOffset(uint64_t chunk) const;  // 1-based; 0 past the end
   std::string entryType() const;               // of the first sample entry
   const char* kind() const;                    // "video", "audio", "metadata", ...
+  // A failure that names the track: "track 2 (soun, mp4a): what".
+  Status fail(const std::string& what) const;
 
  private:
-  friend Result<std::vector<Track>> findTracks(Mp4File& file);
+  friend FoundTracks findTracks(Mp4File& file);
   Track() = default;
+  Status takeTables(const Atom* stbl);
   Status check() const;
+
 
   uint32_t id_ = 0;
   std::string handler_;
@@ -68,6 +84,8 @@ class Track {
   const SttsAtom* stts_ = nullptr;
   const StscAtom* stsc_ = nullptr;
   const StszAtom* stsz_ = nullptr;
+  uint32_t constantSize_ = 0;
+  uint32_t sampleCount_ = 0;
   const StssAtom* stss_ = nullptr;
   const StcoAtom* stco_ = nullptr;
   const Co64Atom* co64_ = nullptr;
@@ -80,7 +98,8 @@ class SampleWalker {
   explicit SampleWalker(const Track& track);
 
   // The next sample; null at the end. A failure (a sample past its chunks
-  // or past the end of the file) ends the walk.
+  // or past 2^64) ends the walk; a sample past the end of the file is
+  // returned as missing.
   Result<const SampleInfo*> next();
 
  private:
