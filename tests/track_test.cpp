@@ -63,7 +63,9 @@ struct OneTrack {
     stored = std::make_unique<MemoryStream>(bytes);
     reread = std::make_unique<Mp4File>();
     EXPECT_TRUE(reread->read(stored.get()).ok());
-    return findTracks(*reread);
+    FoundTracks found = findTracks(*reread);
+    if (!found.unreadable.empty()) return Status::failure(found.unreadable.front());
+    return std::move(found.tracks);
   }
 
   // Every sample as a row, or the error the walk ended on as the last row.
@@ -79,7 +81,8 @@ struct OneTrack {
       rows.push_back(std::to_string(s.number) + " chunk " + std::to_string(s.chunk) + " at " +
                      std::to_string(s.offset) + "+" + std::to_string(s.size) + " time " +
                      std::to_string(s.decodeTime) + "+" + std::to_string(s.duration) +
-                     (s.sync ? " key" : "") + " entry " + std::to_string(s.descriptionIndex));
+                     (s.sync ? " key" : "") + " entry " + std::to_string(s.descriptionIndex) +
+                     (s.missing ? " missing" : ""));
     }
     if (!step.ok()) rows.push_back(step.message());
     return rows;
@@ -115,6 +118,9 @@ TEST(Track, WalkFollowsRunsChunksAndSyncSamples) {
                               "5 chunk 3 at 300+50 time 400+100 entry 1",
                               "6 chunk 4 at 940+60 time 500+100 key entry 1",
                           }));
+  // One byte further, the last sample lies past the end: a file cut short.
+  built.stco->entries[3] = 941;
+  EXPECT_EQ(built.walk().back(), "6 chunk 4 at 941+60 time 500+100 key entry 1 missing");
   // Without stss every sample is a sync sample.
   built.stbl->children.remove(built.stss);
   delete built.stss;
@@ -143,7 +149,7 @@ TEST(Track, TablesThatDisagreeGiveAnErrorNamingTrackAndTable) {
   const std::string late = " is out of order or past the sample count";
   const struct {
     std::function<void(OneTrack&)> change;
-    std::string error;  // after "track 7: "
+    std::string error;  // after "track 7 (vide, avc1): "
   } cases[] = {
       {[](OneTrack& t) { t.stsc->entries[0].firstChunk = 2; }, order + "2"},
       {[](OneTrack& t) { t.stsc->entries[1].firstChunk = 1; }, order + "1"},
@@ -161,14 +167,12 @@ TEST(Track, TablesThatDisagreeGiveAnErrorNamingTrackAndTable) {
       {[](OneTrack& t) { t.stss->entries = {0, 4}; }, "stss entry 0" + late},
       {[](OneTrack& t) { t.stss->entries = {4, 1}; }, "stss entry 1" + late},
       {[](OneTrack& t) { t.stss->entries = {1, 7}; }, "stss entry 7" + late},
-      {[](OneTrack& t) { t.stco->entries[3] = 941; },
-       "sample 6 at offset 941 runs past the end of the file"},
       {[](OneTrack& t) {
          t.stbl->children.remove(t.stco);
          delete t.stco;
          attach<Co64Atom>(t.stbl, "co64")->entries = {100, 200, 300, UINT64_MAX - 20};
        },
-       "sample 6 at offset 18446744073709551595 runs past the end of the file"},
+       "sample 6 at offset 18446744073709551595 runs past the end of any file"},
       {[](OneTrack& t) { attach<StszAtom>(t.stbl, "stsz"); }, "two stsz boxes"},
       {[](OneTrack& t) { attach<Co64Atom>(t.stbl, "co64"); }, "needs exactly one stco or co64"},
       {[](OneTrack& t) {
@@ -180,7 +184,7 @@ TEST(Track, TablesThatDisagreeGiveAnErrorNamingTrackAndTable) {
   for (const auto& c : cases) {
     OneTrack built;
     c.change(built);
-    EXPECT_EQ(built.walk().back(), "track 7: " + c.error);
+    EXPECT_EQ(built.walk().back(), "track 7 (vide, avc1): " + c.error);
   }
 }
 
