@@ -189,3 +189,56 @@ TEST(Track, TablesThatDisagreeGiveAnErrorNamingTrackAndTable) {
 }
 
 }  // namespace
+
+namespace {
+
+// A recording cut short inside its mdat, and a file with bytes after its
+// last box: both read with one warning and write back as they were; a cut
+// short before the first box ends is still refused.
+TEST(Track, FilesCutShortOrPaddedReadWithAWarning) {
+  const Bytes moov = ByteWriter::box("moov", ByteWriter::box("free", Bytes(4)));
+  const Bytes cut = ByteWriter().append(moov).u32(100).text("mdat").append(Bytes(10)).bytes;
+  const Bytes padded = ByteWriter().append(moov).text("abc").bytes;
+  const std::pair<Bytes, std::string> cases[] = {
+      {cut, "mdat at offset 20 claims 100 bytes, the file holds 18: it was cut short"},
+      {padded, "3 bytes at offset 20 are not a box: kept as they are"},
+  };
+  for (const auto& [bytes, warning] : cases) {
+    MemoryStream in(bytes);
+    Mp4File file;
+    ASSERT_TRUE(file.read(&in).ok());
+    EXPECT_EQ(file.warnings(), std::vector<std::string>{warning});
+    MemoryStream out;
+    ASSERT_TRUE(file.write(&out).ok());
+    EXPECT_EQ(out.data(), bytes);
+  }
+  MemoryStream alone(Bytes(cut.begin() + 20, cut.end()));
+  EXPECT_FALSE(Mp4File().read(&alone).ok());
+}
+
+}  // namespace
+
+namespace {
+
+// An stsz with one size for every sample and no table: the track reads and
+// walks with that size; a table that cannot be read costs only its track.
+TEST(Track, ConstantSampleSizeAndUnreadableTables) {
+  OneTrack built;
+  built.stbl->children.remove(built.stsz);
+  delete built.stsz;
+  attach<UserDefAtom>(built.stbl, "stsz")->body = ByteWriter().u32(0).u32(50).u32(6).bytes;
+  const Result<std::vector<Track>> tracks = built.find();
+  ASSERT_TRUE(tracks.ok()) << tracks.message();
+  EXPECT_EQ(tracks->at(0).constantSampleSize(), 50u);
+  EXPECT_EQ(tracks->at(0).totalSampleBytes(), 300u);
+  EXPECT_EQ(built.walk().at(1), "2 chunk 1 at 150+50 time 100+100 entry 1");
+  // An stss whose count passes its box: kept as bytes, the track is reported.
+  OneTrack broken;
+  broken.stbl->children.remove(broken.stss);
+  delete broken.stss;
+  attach<UserDefAtom>(broken.stbl, "stss")->body = ByteWriter().u32(0).u32(9).bytes;
+  EXPECT_EQ(broken.walk().back(),
+            "track 7 (vide, avc1): stss: read 36 bytes to stss buf failed");
+}
+
+}  // namespace

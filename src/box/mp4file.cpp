@@ -236,7 +236,6 @@ Atom* Mp4File::readTail(IOStream* stream, long long start) {
   const bool header = stream->readBe32(&size32) == 4 && stream->readBytes(type, 4) == 4 &&
                       (size32 != 1 || stream->readBe64(&large) == 8);
   const bool isMdat = header && std::string(reinterpret_cast<char*>(type), 4) == "mdat";
-  // A box that fits, or a size that cannot be a box, is not a cut: it failed.
   const unsigned long long claimed = size32 == 1 ? large : size32;
   if (isMdat && claimed > static_cast<unsigned long long>(length - start)) {
     AtomHeader cut;
@@ -255,9 +254,10 @@ Atom* Mp4File::readTail(IOStream* stream, long long start) {
                         std::to_string(length - start) + ": it was cut short");
     return mdat;
   }
-  if (header && size32 >= 8 && claimed <= static_cast<unsigned long long>(length - start)) {
-    return nullptr;
-  }
+  // A box that fits the file is not a cut: its content failed.
+  const bool fits = header && (size32 == 0 || (claimed >= 8 &&
+                                                claimed <= static_cast<unsigned long long>(length - start)));
+  if (fits) return nullptr;
   AtomHeader rest;
   rest.type = "trailing bytes";
   rest.headerOffset = static_cast<uint64_t>(start);
