@@ -287,7 +287,13 @@ Status Mp4File::save(const std::string& path) {
   if (!path_.empty() && (path == path_ || fs::equivalent(path, path_, ignored))) {
     return Status::failure(path + " cannot be written over while it is read");
   }
-  const std::string temporary = path + ".part";
+  // A name no file has yet: the temporary never replaces anything, the file
+  // being read included.
+  std::string temporary = path + ".part";
+  for (int n = 1; fs::exists(temporary, ignored) && n < 1000; ++n) {
+    temporary = path + ".part" + std::to_string(n);
+  }
+  if (fs::exists(temporary, ignored)) return Status::failure("no free name for " + temporary);
   Status written;
   {
     FailureNote note;
