@@ -3,13 +3,13 @@
 // ffprobe), saved to disk, and files built past 4 GiB.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "box/file_stream.h"
