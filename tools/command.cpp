@@ -51,8 +51,8 @@ const Track* findTrack(const Options& options, const Opened& opened) {
       return nullptr;
     }
   }
-  fail(options, opened.tracks.empty() && !opened.unreadable.empty() ? opened.unreadable.front()
-                                                                    : "no track " + std::to_string(options.track));
+  const bool noneReadable = opened.tracks.empty() && !opened.unreadable.empty();
+  fail(options, noneReadable ? opened.unreadable.front() : "no track " + std::to_string(options.track));
   return nullptr;
 }
 
@@ -61,7 +61,9 @@ double seconds(uint64_t units, uint32_t timescale) {
 }
 
 void printJson(const nlohmann::json& document) {
-  std::printf("%s\n", document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+  // Text that is not UTF-8 (a file name, a box type) is replaced, never fatal.
+  const auto replace = nlohmann::json::error_handler_t::replace;
+  std::printf("%s\n", document.dump(2, ' ', false, replace).c_str());
 }
 
 }  // namespace mp4stbl::cli

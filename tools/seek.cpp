@@ -70,7 +70,8 @@ int seek(const Options& options) {
   if (!start) return kFailure;
   if (!start->sync) {
     return fail(options, "no key frame at or after sample " + std::to_string(asked) +
-                             "; the last one is sample " + std::to_string(keyFrameFor(*track, asked, false)));
+                             "; the last one is sample " +
+                             std::to_string(keyFrameFor(*track, asked, false)));
   }
   uint32_t last = sampleFor(*track, options.endTime, options.endSample);
   last = last == 0 ? track->sampleCount() : std::min(last, track->sampleCount());

@@ -9,7 +9,9 @@ namespace mp4stbl {
 
 namespace {
 
-void printFailure(const char* tag, int, const char* text) { std::fprintf(stderr, "[%s] %s", tag, text); }
+void printFailure(const char* tag, int, const char* text) {
+  std::fprintf(stderr, "[%s] %s", tag, text);
+}
 
 std::atomic<LogHandler> currentHandler{&printFailure};
 std::atomic<int> currentLowest{3};

@@ -255,8 +255,8 @@ Atom* Mp4File::readTail(IOStream* stream, long long start) {
     return mdat;
   }
   // A box that fits the file is not a cut: its content failed.
-  const bool fits = header && (size32 == 0 || (claimed >= 8 &&
-                                                claimed <= static_cast<unsigned long long>(length - start)));
+  const auto remaining = static_cast<unsigned long long>(length - start);
+  const bool fits = header && (size32 == 0 || (claimed >= 8 && claimed <= remaining));
   if (fits) return nullptr;
   AtomHeader rest;
   rest.type = "trailing bytes";

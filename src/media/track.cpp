@@ -137,15 +137,15 @@ Status Track::takeTables(const Atom* stbl) {
         take(&co64_, only<Co64Atom>(stbl, "co64", *this))}) {
     if (!status.ok()) return status;
   }
-  if (const auto* file = dynamic_cast<const FileStblAtom*>(stbl); file && !file->unreadable.empty()) {
-    return fail(file->unreadable.front());
-  }
-  const char* missing = stsd_ == nullptr                       ? "stsd"
-                        : stts_ == nullptr                     ? "stts"
-                        : stsc_ == nullptr                     ? "stsc"
-                        : (stsz_ == nullptr) == (constant == nullptr) ? "stsz"
-                        : (stco_ == nullptr) == (co64_ == nullptr)    ? "stco or co64"
-                                                                      : nullptr;
+  // A table kept as bytes because it could not be read says why.
+  const auto* file = dynamic_cast<const FileStblAtom*>(stbl);
+  if (file != nullptr && !file->unreadable.empty()) return fail(file->unreadable.front());
+  const char* missing = stsd_ == nullptr                               ? "stsd"
+                        : stts_ == nullptr                             ? "stts"
+                        : stsc_ == nullptr                             ? "stsc"
+                        : (stsz_ == nullptr) == (constant == nullptr)  ? "stsz"
+                        : (stco_ == nullptr) == (co64_ == nullptr)     ? "stco or co64"
+                                                                       : nullptr;
   if (missing != nullptr) return fail(std::string("needs exactly one ") + missing);
   if (constant != nullptr) {
     constantSize_ = constant->sampleSize;

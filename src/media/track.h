@@ -75,7 +75,6 @@ class Track {
   Status takeTables(const Atom* stbl);
   Status check() const;
 
-
   uint32_t id_ = 0;
   std::string handler_;
   uint32_t timescale_ = 0;
