@@ -13,9 +13,8 @@ std::unique_ptr<Opened> open(const Options& options) {
   auto opened = std::make_unique<Opened>();
   const Status read = opened->file.open(options.file);
   if (!read.ok()) {
-    const bool opening = read.message().rfind("cannot open", 0) == 0;
     const bool atStart = opened->file.root.children.empty();
-    fail(options, opening ? read.message()
+    fail(options, !opened->file.isOpen() ? read.message()
                           : std::string(atStart ? "not an MP4 file" : "cannot be read") + " (" +
                                 read.message() + ")");
     return nullptr;

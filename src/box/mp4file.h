@@ -98,6 +98,8 @@ class Mp4File {
   // so a failure leaves no partial file. The file being read is refused.
   Status save(const std::string& path);
 
+  // Whether open() got as far as opening the file.
+  bool isOpen() const { return file_ != nullptr; }
   // The length of the stream read, in bytes.
   uint64_t length() const { return length_; }
   // What was read with a warning: a file cut short, bytes after the boxes.
