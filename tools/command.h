@@ -27,6 +27,12 @@ struct Options {
   double endTime = -1;
   uint32_t endSample = 0;
   bool after = false;
+  // trim and join
+  double from = 0;
+  double to = 0;
+  std::string output;
+  bool keyframe = false;
+  bool moovLast = false;
 };
 
 // Prints "mp4stbl: FILE: what" on stderr; returns kFailure.
@@ -54,5 +60,6 @@ int dump(const Options& options);
 int samples(const Options& options);
 int seek(const Options& options);
 int verify(const Options& options);
+int trim(const Options& options);
 
 }  // namespace mp4stbl::cli

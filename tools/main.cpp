@@ -66,6 +66,7 @@ struct Commands {
   CLI::App* samples;
   CLI::App* seek;
   CLI::App* verify;
+  CLI::App* trim;
 };
 
 Commands declare(CLI::App& app, Options& options) {
@@ -103,6 +104,17 @@ Commands declare(CLI::App& app, Options& options) {
   to->add_option("--end-sample", options.endSample, "play through this sample")
       ->check(CLI::PositiveNumber);
   commands.verify = command("verify", "write the file back and compare the bytes");
+  commands.trim = command("trim", "a new file holding what plays between two times");
+  commands.trim->add_option("--from", options.from, "start (seconds, or hh:mm:ss.mmm)")
+      ->required()
+      ->transform(clockTime);
+  commands.trim->add_option("--to", options.to, "end (seconds, or hh:mm:ss.mmm)")
+      ->required()
+      ->transform(clockTime);
+  commands.trim->add_option("-o,--output", options.output, "the new file")->required();
+  commands.trim->add_flag("--keyframe", options.keyframe,
+                          "start at the key frame before --from, with no edit list");
+  commands.trim->add_flag("--moov-last", options.moovLast, "movie box after the media data");
   return commands;
 }
 
@@ -114,6 +126,7 @@ int run(const Commands& commands, const Options& options) {
   if (commands.samples->parsed()) return cli::samples(options);
   if (commands.seek->parsed()) return cli::seek(options);
   if (commands.verify->parsed()) return cli::verify(options);
+  if (commands.trim->parsed()) return cli::trim(options);
   return 2;
 }
 

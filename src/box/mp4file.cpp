@@ -281,6 +281,8 @@ Status Mp4File::write(IOStream* out) {
   return statusOf(root.writeChildren(out), note, "cannot be written");
 }
 
+IOStream* Mp4File::stream() const { return file_.get(); }
+
 Status Mp4File::save(const std::string& path) {
   namespace fs = std::filesystem;
   std::error_code ignored;

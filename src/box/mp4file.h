@@ -100,6 +100,9 @@ class Mp4File {
 
   // Whether open() got as far as opening the file.
   bool isOpen() const { return file_ != nullptr; }
+  // The file open() read, which the media data is copied from; null
+  // before open().
+  IOStream* stream() const;
   // The length of the stream read, in bytes.
   uint64_t length() const { return length_; }
   // What was read with a warning: a file cut short, bytes after the boxes.

@@ -1,0 +1,106 @@
+#include "edit/media_copy.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "box/log.h"
+
+namespace mp4stbl::edit {
+
+namespace {
+
+// Large enough that the copy runs at the speed of the disk, small enough
+// to stay out of the way of the tables.
+constexpr uint64_t kCopyPiece = 4u << 20;
+
+bool before(const Layout::Block& a, const Layout::Block& b) {
+  return a.source != b.source ? a.source < b.source : a.from < b.from;
+}
+
+}  // namespace
+
+void Layout::add(size_t source, uint64_t offset, uint64_t length) {
+  if (!blocks_.empty()) {
+    Block& last = blocks_.back();
+    if (last.source == source && last.from + last.length == offset) {
+      last.length += length;  // the next sample of a chunk
+      return;
+    }
+  }
+  blocks_.push_back({source, offset, length, 0});
+}
+
+void Layout::finish() {
+  std::sort(blocks_.begin(), blocks_.end(), before);
+  std::vector<Block> joined;
+  for (const Block& block : blocks_) {
+    if (!joined.empty()) {
+      Block& last = joined.back();
+      const uint64_t end = last.from + last.length;
+      if (last.source == block.source && block.from <= end + kMaxGap) {
+        last.length = std::max(end, block.from + block.length) - last.from;
+        continue;
+      }
+    }
+    joined.push_back(block);
+  }
+  length_ = 0;
+  for (Block& block : joined) {
+    block.out = length_;
+    length_ += block.length;
+  }
+  blocks_ = std::move(joined);
+}
+
+uint64_t Layout::map(size_t source, uint64_t offset) const {
+  const Block key{source, offset, 0, 0};
+  auto after = std::upper_bound(blocks_.begin(), blocks_.end(), key, before);
+  if (after == blocks_.begin()) return 0;
+  const Block& block = *(after - 1);
+  return block.out + (offset - block.from);
+}
+
+unsigned CopyMdatAtom::headerLengthFor(uint64_t bodyLength) {
+  return bodyLength > UINT32_MAX - 8 ? 16 : 8;
+}
+
+CopyMdatAtom::CopyMdatAtom(const Layout& layout, std::vector<IOStream*> sources,
+                           std::function<bool(uint64_t, uint64_t)> progress)
+    : Atom(AtomHeader()), layout_(layout), sources_(std::move(sources)),
+      progress_(std::move(progress)) {
+  header.type = "mdat";
+  if (headerLengthFor(layout.length()) == 16) header.size = 1;
+}
+
+int CopyMdatAtom::writeData(IOStream* stream) {
+  std::vector<unsigned char> piece(std::min(layout_.length(), kCopyPiece));
+  uint64_t done = 0;
+  for (const Layout::Block& block : layout_.blocks()) {
+    IOStream* source = sources_.at(block.source);
+    if (source->seek(static_cast<long long>(block.from)) != 0) {
+      QX_LOG_Printf("MP4", 3, "media at offset %llu cannot be reached\n",
+                    static_cast<unsigned long long>(block.from));
+      return -1;
+    }
+    for (uint64_t left = block.length; left > 0;) {
+      const auto length = static_cast<unsigned>(std::min<uint64_t>(left, piece.size()));
+      if (static_cast<unsigned>(source->readBytes(piece.data(), length)) != length) {
+        logStreamFailure(source, "readBytes");
+        return -1;
+      }
+      if (static_cast<unsigned>(stream->writeBytes(piece.data(), length)) != length) {
+        logStreamFailure(stream, "writeBytes");
+        return -1;
+      }
+      left -= length;
+      done += length;
+      if (progress_ && !progress_(done, layout_.length())) {
+        QX_LOG_Printf("MP4", 3, "stopped\n");
+        return -1;
+      }
+    }
+  }
+  return 0;
+}
+
+}  // namespace mp4stbl::edit

@@ -1,0 +1,64 @@
+// The media data of an edited file: which byte ranges of which source go
+// where, and the box that copies them.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "box/atom.h"
+#include "box/result.h"
+
+namespace mp4stbl::edit {
+
+// Source byte ranges laid out one after the other in the new media data.
+// Ranges of one source are kept in their file order; a gap between two of
+// them is copied along when it is small, so that interleaved tracks come
+// across as one block and keep their distances.
+class Layout {
+ public:
+  struct Block {
+    size_t source = 0;
+    uint64_t from = 0;    // in the source
+    uint64_t length = 0;
+    uint64_t out = 0;     // from the start of the new media data
+  };
+
+  // A range that must be copied. Sources are laid out in the order of
+  // their numbers.
+  void add(size_t source, uint64_t offset, uint64_t length);
+  // Sorts and joins the ranges into blocks; call once, after the last add.
+  void finish();
+  // Where a source byte lands, from the start of the new media data. Only
+  // for bytes inside a range that was added.
+  uint64_t map(size_t source, uint64_t offset) const;
+
+  const std::vector<Block>& blocks() const { return blocks_; }
+  uint64_t length() const { return length_; }
+
+  // The largest gap copied along rather than skipped.
+  static constexpr uint64_t kMaxGap = 64 * 1024;
+
+ private:
+  std::vector<Block> blocks_;
+  uint64_t length_ = 0;
+};
+
+// "mdat" written from a layout: the blocks are read from their sources and
+// written in pieces of bounded size, never held whole.
+class CopyMdatAtom : public Atom {
+ public:
+  CopyMdatAtom(const Layout& layout, std::vector<IOStream*> sources,
+               std::function<bool(uint64_t, uint64_t)> progress);
+  int writeData(IOStream* stream) override;
+
+  // The length of the box's header for this much media data.
+  static unsigned headerLengthFor(uint64_t bodyLength);
+
+ private:
+  const Layout& layout_;
+  std::vector<IOStream*> sources_;
+  std::function<bool(uint64_t, uint64_t)> progress_;
+};
+
+}  // namespace mp4stbl::edit

@@ -1,0 +1,63 @@
+// The part of an edit that trim and join share: a tree taken from the
+// first source, its tracks given new tables, written to a new file with the
+// media data laid out anew, and checked once written.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "box/mp4file.h"
+#include "edit/editor.h"
+#include "edit/media_copy.h"
+#include "media/track.h"
+#include "stbl.h"
+
+namespace mp4stbl::edit {
+
+// One segment of an edit list: `duration` in the movie's time scale, from
+// `mediaTime` in the track's (-1: an empty segment, nothing plays).
+struct EditSegment {
+  uint64_t duration = 0;
+  int64_t mediaTime = 0;
+};
+
+// A track of the new file.
+struct NewTrack {
+  Atom* trak = nullptr;  // in the tree that is written
+  uint32_t timescale = 0;
+  uint32_t sampleCount = 0;
+  std::unique_ptr<SttsAtom> stts;
+  std::unique_ptr<StscAtom> stsc;
+  std::unique_ptr<Atom> stsz;  // a table, or one size for every sample
+  std::unique_ptr<StssAtom> stss;  // none: every sample is a sync sample
+  // Every chunk of the new file: the source it comes from and its offset there.
+  std::vector<size_t> chunkSources;
+  std::vector<uint64_t> chunkOffsets;
+  uint64_t mediaDuration = 0;  // the track's time scale
+  // Empty: the track plays its media as it is, for mediaDuration.
+  std::vector<EditSegment> edits;
+};
+
+// Writes `tree` (the first source's boxes) with `tracks` in place of its
+// tracks and the media of `layout` in place of its media data, to a new
+// file at `output`, then reads it back to check it. `inputs` are refused as
+// the output; a failure leaves no file.
+Status writeEdited(Mp4File& tree, std::vector<NewTrack>& tracks, const Layout& layout,
+                   const std::vector<IOStream*>& sources, const std::vector<std::string>& inputs,
+                   const std::string& output, const EditOptions& options);
+
+// The tracks of a source that an edit can take: all of them readable and
+// not fragmented; they come with their trak boxes, in file order.
+struct EditableTracks {
+  std::vector<Track> tracks;
+  std::vector<Atom*> traks;
+  uint32_t movieTimescale = 0;
+};
+Result<EditableTracks> editableTracks(Mp4File& file, const std::string& path);
+
+// A table of one size for every sample.
+std::unique_ptr<Atom> constantSizeStsz(uint32_t size, uint32_t count);
+
+}  // namespace mp4stbl::edit

@@ -1,0 +1,234 @@
+// Trimming: every track cut to one presentation window.
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+#include "edit/editor.h"
+#include "edit/output.h"
+
+namespace mp4stbl {
+
+namespace {
+
+using edit::EditSegment;
+using edit::NewTrack;
+
+// A window of presentation time in a track's time-scale units.
+struct Window {
+  int64_t from = 0;
+  int64_t to = 0;
+};
+
+int64_t presented(const SampleInfo& sample) { return static_cast<int64_t>(sample.decodeTime); }
+int64_t compositionOffset(const SampleInfo&) { return 0; }
+
+// The samples of one track that the window keeps: from the sync sample at
+// or before the window's start (for audio, the sample that holds it) to the
+// last sample that starts playing before its end.
+struct Cut {
+  uint32_t first = 0;
+  uint32_t last = 0;
+  int64_t firstPresented = 0;
+  int64_t firstComposition = 0;  // composition offset of the first sample
+  int64_t end = 0;               // when the last kept sample stops playing
+  uint64_t duration = 0;         // of the kept samples, in decode order
+  std::vector<uint64_t> offsets;
+  std::vector<uint32_t> descriptions;
+
+  bool empty() const { return first == 0 || last < first; }
+};
+
+Result<Cut> cutTrack(const Track& track, const Window& window) {
+  Cut cut;
+  std::vector<uint32_t> durations;
+  SampleWalker walk(track);
+  for (;;) {
+    Result<const SampleInfo*> next = walk.next();
+    if (!next.ok()) return next.status();
+    const SampleInfo* sample = *next;
+    if (sample == nullptr || presented(*sample) - compositionOffset(*sample) >= window.to) break;
+    const int64_t at = presented(*sample);
+    if (sample->sync && (at <= window.from || cut.first == 0)) {
+      cut.first = sample->number;
+      cut.firstPresented = at;
+      cut.firstComposition = compositionOffset(*sample);
+      cut.offsets.clear();
+      cut.descriptions.clear();
+      durations.clear();
+    }
+    if (cut.first == 0) continue;
+    if (sample->missing) {
+      return track.fail("sample " + std::to_string(sample->number) +
+                        " lies past the end of the file");
+    }
+    cut.offsets.push_back(sample->offset);
+    cut.descriptions.push_back(sample->descriptionIndex);
+    durations.push_back(sample->duration);
+    if (at < window.to) {
+      cut.last = sample->number;
+      cut.end = std::max(cut.end, at + sample->duration);
+    }
+  }
+  if (cut.empty()) return cut;
+  const size_t kept = cut.last - cut.first + 1;
+  cut.offsets.resize(kept);
+  cut.descriptions.resize(kept);
+  for (size_t i = 0; i < kept; ++i) cut.duration += durations[i];
+  return cut;
+}
+
+// The runs of samples first..last: whole runs are merged as they stand, a
+// run the window cuts is added with the part it keeps.
+std::unique_ptr<SttsAtom> cutTimes(const SttsAtom& source, uint32_t first, uint32_t last) {
+  auto stts = std::make_unique<SttsAtom>(AtomHeader());
+  stts->header.type = "stts";
+  uint64_t start = 1;  // the first sample of run r
+  for (size_t r = 0; r < source.entries.size() && start <= last; ++r) {
+    const SttsEntry& run = source.entries[r];
+    const uint64_t end = start + run.sampleCount;  // one past its last sample
+    if (run.sampleCount != 0 && end > first) {
+      if (start >= first && end - 1 <= last) {
+        stts->merge(&source, static_cast<uint32_t>(r + 1), static_cast<uint32_t>(r + 1));
+      } else {
+        const uint64_t kept = std::min<uint64_t>(end - 1, last) - std::max<uint64_t>(start, first);
+        stts->addEntry(static_cast<uint32_t>(kept + 1), run.sampleDelta);
+      }
+    }
+    start = end;
+  }
+  return stts;
+}
+
+// One sample per chunk. The table's own crop gives exactly that when every
+// sample uses the first description; otherwise each change of description
+// opens a run.
+std::unique_ptr<StscAtom> cutChunks(const StscAtom& source, const std::vector<uint32_t>& descriptions) {
+  auto stsc = std::make_unique<StscAtom>(AtomHeader());
+  stsc->header.type = "stsc";
+  const bool firstOnly = std::all_of(descriptions.begin(), descriptions.end(),
+                                     [](uint32_t index) { return index == 1; });
+  if (firstOnly) {
+    stsc->crop2new(&source);
+  } else {
+    for (size_t i = 0; i < descriptions.size(); ++i) {
+      stsc->addEntry(static_cast<uint32_t>(i + 1), 1, descriptions[i]);
+    }
+  }
+  return stsc;
+}
+
+uint64_t toMovie(int64_t units, uint32_t timescale, uint32_t movieTimescale) {
+  const double scaled = static_cast<double>(units) * movieTimescale / timescale;
+  return static_cast<uint64_t>(std::llround(std::max(0.0, scaled)));
+}
+
+// The edit list that shows the window and hides what the cut kept before
+// its start: media time `from` of the new track plays first, after an
+// empty segment when the track starts later than the window.
+std::vector<EditSegment> windowEdits(const Cut& cut, const Window& window, uint32_t timescale,
+                                     uint32_t movieTimescale) {
+  const int64_t length = std::min(window.to, cut.end) - window.from;
+  const int64_t mediaTime = window.from - cut.firstPresented + cut.firstComposition;
+  if (mediaTime >= 0) return {{toMovie(length, timescale, movieTimescale), mediaTime}};
+  return {{toMovie(-mediaTime, timescale, movieTimescale), -1},
+          {toMovie(length + mediaTime, timescale, movieTimescale), 0}};
+}
+
+NewTrack newTrack(const Track& track, Atom* trak, const Cut& cut) {
+  NewTrack made;
+  made.trak = trak;
+  made.timescale = track.timescale();
+  made.sampleCount = cut.last - cut.first + 1;
+  made.stts = cutTimes(track.stts(), cut.first, cut.last);
+  made.stsc = cutChunks(track.stsc(), cut.descriptions);
+  if (track.stsz() != nullptr) {
+    auto stsz = std::make_unique<StszAtom>(AtomHeader());
+    stsz->header.type = "stsz";
+    stsz->crop2new(track.stsz(), cut.first, cut.last);
+    made.stsz = std::move(stsz);
+  } else {
+    made.stsz = edit::constantSizeStsz(track.constantSampleSize(), made.sampleCount);
+  }
+  if (track.stss() != nullptr) {
+    made.stss = std::make_unique<StssAtom>(AtomHeader());
+    made.stss->header.type = "stss";
+    made.stss->crop2new(track.stss(), cut.first, cut.last);
+  }
+  made.chunkSources.assign(cut.offsets.size(), 0);
+  made.chunkOffsets = cut.offsets;
+  made.mediaDuration = cut.duration;
+  return made;
+}
+
+int64_t toUnits(double seconds, uint32_t timescale) {
+  // Far past any real file, and still far from overflowing.
+  constexpr double kLongest = 1e15;
+  return std::llround(std::min(seconds * timescale, kLongest));
+}
+
+Window windowOf(double from, double to, uint32_t timescale) {
+  return {toUnits(from, timescale), toUnits(to, timescale)};
+}
+
+// --keyframe: the window starts at the first video track's key frame at or
+// before `from`.
+Result<double> keyFrameStart(const std::vector<Track>& tracks, double from, double to) {
+  for (const Track& track : tracks) {
+    if (track.stss() == nullptr || std::string(track.kind()) != "video") continue;
+    Result<Cut> cut = cutTrack(track, windowOf(from, to, track.timescale()));
+    if (!cut.ok()) return cut.status();
+    if (!cut->empty()) return static_cast<double>(cut->firstPresented) / track.timescale();
+  }
+  return from;
+}
+
+std::string secondsText(double seconds) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.3f s", seconds);
+  return text;
+}
+
+}  // namespace
+
+Status trim(const std::string& input, double from, double to, const std::string& output,
+            const EditOptions& options) {
+  if (!(from >= 0) || !(to > from)) {
+    return Status::failure("the window from " + secondsText(from) + " to " + secondsText(to) +
+                           " is empty");
+  }
+  Mp4File file;
+  Result<edit::EditableTracks> source = edit::editableTracks(file, input);
+  if (!source.ok()) return source.status();
+  if (options.keyframe) {
+    Result<double> start = keyFrameStart(source->tracks, from, to);
+    if (!start.ok()) return start.status();
+    from = *start;
+  }
+  std::vector<NewTrack> tracks;
+  edit::Layout layout;
+  for (size_t t = 0; t < source->tracks.size(); ++t) {
+    const Track& track = source->tracks[t];
+    const Window window = windowOf(from, to, track.timescale());
+    Result<Cut> cut = cutTrack(track, window);
+    if (!cut.ok()) return cut.status();
+    Atom* trak = source->traks[t];
+    if (cut->empty() || cut->end <= window.from) {
+      // Nothing of this track plays in the window: the new file has no such track.
+      file.find("moov").front()->children.remove(trak);
+      delete trak;
+      continue;
+    }
+    for (size_t i = 0; i < cut->offsets.size(); ++i) {
+      layout.add(0, cut->offsets[i], track.sampleSize(cut->first + static_cast<uint32_t>(i)));
+    }
+    tracks.push_back(newTrack(track, trak, *cut));
+    if (!options.keyframe) {
+      tracks.back().edits = windowEdits(*cut, window, track.timescale(), source->movieTimescale);
+    }
+  }
+  if (tracks.empty()) return Status::failure("nothing plays from " + secondsText(from) + " on");
+  layout.finish();
+  return edit::writeEdited(file, tracks, layout, {file.stream()}, {input}, output, options);
+}
+
+}  // namespace mp4stbl

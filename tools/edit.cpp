@@ -1,0 +1,87 @@
+// mp4stbl trim and join: new files cut or joined from others, without
+// re-encoding. A progress bar goes to stderr when it is a terminal and the
+// job runs for more than a second; an interrupt stops the job and leaves
+// no output.
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+
+#include "command.h"
+#include "edit/editor.h"
+
+namespace mp4stbl::cli {
+
+namespace {
+
+volatile std::sig_atomic_t interrupted = 0;
+
+void onInterrupt(int) { interrupted = 1; }
+
+class Progress {
+ public:
+  Progress() : start_(std::chrono::steady_clock::now()), terminal_(isatty(STDERR_FILENO) != 0) {}
+  ~Progress() {
+    if (shown_) std::fputc('\n', stderr);
+  }
+
+  bool update(uint64_t done, uint64_t total) {
+    if (interrupted != 0) return false;
+    const auto now = std::chrono::steady_clock::now();
+    if (!terminal_ || total == 0 || now - start_ < std::chrono::seconds(1) ||
+        now - last_ < std::chrono::milliseconds(100)) {
+      return true;
+    }
+    last_ = now;
+    shown_ = true;
+    const int width = 40;
+    const int filled = static_cast<int>(width * done / total);
+    std::fprintf(stderr, "\r[%-*s] %3d%%", width, std::string(filled, '#').c_str(),
+                 static_cast<int>(100 * done / total));
+    return true;
+  }
+
+ private:
+  std::chrono::steady_clock::time_point start_;
+  std::chrono::steady_clock::time_point last_;
+  bool terminal_;
+  bool shown_ = false;
+};
+
+// Runs an edit with the progress bar and the interrupt in place; reports
+// the outcome as the other commands do.
+int runEdit(const Options& options, Status (*edit)(const Options&, const EditOptions&)) {
+  const auto previous = std::signal(SIGINT, &onInterrupt);
+  Status done;
+  {
+    Progress progress;
+    EditOptions editOptions;
+    editOptions.keyframe = options.keyframe;
+    editOptions.moovLast = options.moovLast;
+    editOptions.progress = [&progress](uint64_t copied, uint64_t total) {
+      return progress.update(copied, total);
+    };
+    done = edit(options, editOptions);
+  }
+  std::signal(SIGINT, previous);
+  if (!done.ok()) {
+    return fail(options, interrupted != 0 ? "interrupted; no file was written" : done.message());
+  }
+  if (options.json) {
+    printJson({{"output", options.output}, {"written", true}});
+  } else {
+    std::printf("wrote %s\n", options.output.c_str());
+  }
+  return 0;
+}
+
+}  // namespace
+
+int trim(const Options& options) {
+  return runEdit(options, [](const Options& o, const EditOptions& e) {
+    return mp4stbl::trim(o.file, o.from, o.to, o.output, e);
+  });
+}
+
+}  // namespace mp4stbl::cli
