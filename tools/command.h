@@ -33,6 +33,7 @@ struct Options {
   std::string output;
   bool keyframe = false;
   bool moovLast = false;
+  std::vector<std::string> inputs;
 };
 
 // Prints "mp4stbl: FILE: what" on stderr; returns kFailure.
@@ -61,5 +62,6 @@ int samples(const Options& options);
 int seek(const Options& options);
 int verify(const Options& options);
 int trim(const Options& options);
+int join(const Options& options);
 
 }  // namespace mp4stbl::cli

@@ -66,7 +66,10 @@ int runEdit(const Options& options, Status (*edit)(const Options&, const EditOpt
   }
   std::signal(SIGINT, previous);
   if (!done.ok()) {
-    return fail(options, interrupted != 0 ? "interrupted; no file was written" : done.message());
+    // Messages name the output; those about an input name the input themselves.
+    Options about = options;
+    if (about.file.empty()) about.file = options.output;
+    return fail(about, interrupted != 0 ? "interrupted; no file was written" : done.message());
   }
   if (options.json) {
     printJson({{"output", options.output}, {"written", true}});
@@ -81,6 +84,12 @@ int runEdit(const Options& options, Status (*edit)(const Options&, const EditOpt
 int trim(const Options& options) {
   return runEdit(options, [](const Options& o, const EditOptions& e) {
     return mp4stbl::trim(o.file, o.from, o.to, o.output, e);
+  });
+}
+
+int join(const Options& options) {
+  return runEdit(options, [](const Options& o, const EditOptions& e) {
+    return mp4stbl::join(o.inputs, o.output, e);
   });
 }
 

@@ -67,6 +67,7 @@ struct Commands {
   CLI::App* seek;
   CLI::App* verify;
   CLI::App* trim;
+  CLI::App* join;
 };
 
 Commands declare(CLI::App& app, Options& options) {
@@ -115,6 +116,14 @@ Commands declare(CLI::App& app, Options& options) {
   commands.trim->add_flag("--keyframe", options.keyframe,
                           "start at the key frame before --from, with no edit list");
   commands.trim->add_flag("--moov-last", options.moovLast, "movie box after the media data");
+  commands.join = app.add_subcommand("join", "a new file holding clips one after the other");
+  commands.join->add_option("FILES", options.inputs, "the clips, in playing order")
+      ->required()
+      ->expected(2, -1);
+  commands.join->add_option("-o,--output", options.output, "the new file")->required();
+  commands.join->add_flag("--json", options.json, "one JSON document on stdout");
+  commands.join->add_flag("-v,--verbose", options.verbose, "show the library's log lines");
+  commands.join->add_flag("--moov-last", options.moovLast, "movie box after the media data");
   return commands;
 }
 
@@ -127,6 +136,7 @@ int run(const Commands& commands, const Options& options) {
   if (commands.seek->parsed()) return cli::seek(options);
   if (commands.verify->parsed()) return cli::verify(options);
   if (commands.trim->parsed()) return cli::trim(options);
+  if (commands.join->parsed()) return cli::join(options);
   return 2;
 }
 

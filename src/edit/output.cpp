@@ -98,9 +98,7 @@ std::unique_ptr<Atom> editBox(const std::vector<EditSegment>& edits) {
 
 // The new tables go into the track's stbl; the old per-sample tables and
 // the old edit list go.
-Atom& sampleTable(const NewTrack& track) {
-  return *childNamed(childNamed(childNamed(track.trak, "mdia"), "minf"), "stbl");
-}
+Atom& sampleTable(const NewTrack& track) { return edit::sampleTable(track.trak); }
 
 void placeTables(NewTrack& track) {
   Atom& stbl = sampleTable(track);
@@ -253,6 +251,10 @@ Status checkOutput(const std::string& output, const std::vector<NewTrack>& plann
 }
 
 }  // namespace
+
+Atom& sampleTable(Atom* trak) {
+  return *childNamed(childNamed(childNamed(trak, "mdia"), "minf"), "stbl");
+}
 
 std::unique_ptr<Atom> constantSizeStsz(uint32_t size, uint32_t count) {
   AtomHeader header;

@@ -57,6 +57,9 @@ struct EditableTracks {
 };
 Result<EditableTracks> editableTracks(Mp4File& file, const std::string& path);
 
+// The stbl box of a trak.
+Atom& sampleTable(Atom* trak);
+
 // A table of one size for every sample.
 std::unique_ptr<Atom> constantSizeStsz(uint32_t size, uint32_t count);
 
