@@ -33,9 +33,10 @@ int FileStream::open(const std::string& path, Mode mode) {
   close();
   // The buffer is taken at the first open, so that a stream never opened
   // costs nothing.
-  if (buffer_.empty()) {
-    buffer_.resize(1 << 20);
-    file_.pubsetbuf(buffer_.data(), static_cast<std::streamsize>(buffer_.size()));
+  if (buffer_ == nullptr) {
+    constexpr std::streamsize kBuffer = 1 << 20;
+    buffer_.reset(new char[kBuffer]);
+    file_.pubsetbuf(buffer_.get(), kBuffer);
   }
   std::ios_base::openmode how = std::ios_base::binary;
   how |= mode == Mode::Read ? std::ios_base::in : std::ios_base::out | std::ios_base::trunc;
@@ -92,6 +93,8 @@ int FileStream::write(const unsigned char* buffer, unsigned count) {
 
 int FileStream::seek(long long offset) {
   if (!file_.is_open() || offset < 0) return -1;
+  // A seek of the file buffer drops what it holds; staying put keeps it.
+  if (offset == position_) return 0;
   if (mode_ == Mode::Read && offset > length_) return -1;
   std::ios_base::openmode which = mode_ == Mode::Read ? std::ios_base::in : std::ios_base::out;
   const std::streampos failed(-1);

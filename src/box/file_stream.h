@@ -2,8 +2,8 @@
 #pragma once
 
 #include <fstream>
+#include <memory>
 #include <string>
-#include <vector>
 
 #include "box/stream.h"
 
@@ -33,7 +33,8 @@ class FileStream : public IOStream {
 
  private:
   std::filebuf file_;
-  std::vector<char> buffer_;
+  // Left uninitialised: the file's bytes fill it before any is read.
+  std::unique_ptr<char[]> buffer_;
   Mode mode_ = Mode::Read;
   long long position_ = 0;
   long long length_ = 0;

@@ -1,0 +1,73 @@
+#!/usr/bin/env bash
+# Trim and join of a file of about 1 GB, side by side with cp (the same
+# bytes copied, nothing else) and with ffmpeg's stream copy (-c copy).
+#
+#   bench/edit.sh              RUNS=5 bench/edit.sh   (runs per figure; 3 by default)
+#
+# The clip is encoded once (lossless H.264 so that it is large, with AAC),
+# joined eight times over with mp4stbl into build/bench-data/big.mp4, and
+# kept. Every command runs once to warm the page cache, then RUNS times; the
+# figure is the median wall time. Outputs go to the same directory.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+source scripts/lib.sh
+ensure_packages "${BUILD_PACKAGES[@]}" "${BENCH_PACKAGES[@]}"
+
+RUNS="${RUNS:-3}"
+bin=build/release/tools/mp4stbl
+data=build/bench-data
+out="$data/edit-out.mp4"
+
+cmake --preset release >/dev/null
+cmake --build --preset release --target mp4stbl_cli
+mkdir -p "$data"
+trap 'rm -f "$out" "$data/concat.txt"' EXIT
+
+clip="$data/clip.mp4"
+if [ ! -s "$clip" ]; then
+  ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=size=1280x720:rate=30:duration=20 \
+    -f lavfi -i sine=frequency=440:sample_rate=48000:duration=20 \
+    -c:v libx264 -preset ultrafast -qp 0 -g 30 -c:a aac -b:a 128k "$clip.part.mp4"
+  mv -f "$clip.part.mp4" "$clip"
+fi
+big="$data/big.mp4"
+clips=("$clip" "$clip" "$clip" "$clip" "$clip" "$clip" "$clip" "$clip")
+if [ ! -s "$big" ]; then
+  "$bin" join "${clips[@]}" -o "$big"
+fi
+for c in "${clips[@]}"; do echo "file '$(realpath "$c")'"; done >"$data/concat.txt"
+
+# measure COMMAND...: prints the median wall time in ms over RUNS runs.
+measure() {
+  "$@" >/dev/null 2>&1 || { echo "failed: $*" >&2; exit 1; }
+  local times=() start end
+  for ((i = 0; i < RUNS; i++)); do
+    rm -f "$out"
+    start=$(date +%s%N)
+    "$@" >/dev/null 2>&1
+    end=$(date +%s%N)
+    times+=($(((end - start) / 1000000)))
+  done
+  printf '%s\n' "${times[@]}" | sort -n | awk '{a[NR] = $1} END {print a[int((NR + 1) / 2)]}'
+}
+
+# row NAME MP4STBL-MS OTHER-MS CP-MS
+row() {
+  awk -v n="$1" -v m="$2" -v f="$3" -v c="$4" 'BEGIN {
+    printf "%-34s %9d %9d %9d %10.2f %10.2f\n", n, m, f, c, c / m, f / m }'
+}
+
+echo "machine: $(nproc) CPUs, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ *//')"
+echo "file: $big, $(($(stat -c %s "$big") / 1048576)) MiB; runs per figure: $RUNS (median)"
+printf '%-34s %9s %9s %9s %10s %10s\n' job "mp4stbl" "ffmpeg" "cp" "vs cp" "ffmpeg/m"
+cp_ms=$(measure cp "$big" "$out")
+row "trim, whole file" "$(measure "$bin" trim "$big" --from 0 --to 100000 -o "$out")" \
+  "$(measure ffmpeg -nostdin -v error -y -i "$big" -c copy -map 0 "$out")" "$cp_ms"
+row "trim 30 s to 120 s" "$(measure "$bin" trim "$big" --from 30 --to 120 -o "$out")" \
+  "$(measure ffmpeg -nostdin -v error -y -ss 30 -to 120 -i "$big" -c copy -map 0 "$out")" "$cp_ms"
+row "join 8 clips" "$(measure "$bin" join "${clips[@]}" -o "$out")" \
+  "$(measure ffmpeg -nostdin -v error -y -f concat -safe 0 -i "$data/concat.txt" -c copy -map 0 "$out")" \
+  "$cp_ms"
+echo
+echo "columns: median ms; vs cp = cp's time / mp4stbl's (1.00 = as fast as cp);"
+echo "ffmpeg/m = ffmpeg's time / mp4stbl's. The partial trim copies less than cp."
