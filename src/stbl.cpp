@@ -10,6 +10,7 @@
 #include "box/byte_order.h"
 #include "box/log.h"
 #include "box/bounded_fill.h"
+#include "box/memory_hints.h"
 
 using mp4stbl::AtomType;
 using mp4stbl::FieldSink;
@@ -47,6 +48,7 @@ int ReadTableFromStream(IOStream* stream, unsigned char** out, uint32_t byteCoun
     QX_LOG_Printf("MP4", 3, "malloc %u bytes for building %s failed\n", byteCount, type.c_str());
     return -1;
   }
+  mp4stbl::adviseHugePages(*out, byteCount);
   const char* failure = nullptr;
   if (memset_s(*out, byteCount, 0, byteCount) != 0) {
     failure = "memset %u bytes for building %s failed\n";
@@ -168,7 +170,10 @@ template <class T>
 void reserveMore(std::vector<T>& entries, size_t extra) {
   if (extra > entries.max_size() - entries.size()) throw std::length_error("sample table too long");
   const size_t needed = entries.size() + extra;
-  if (needed > entries.capacity()) entries.reserve(std::max(needed, entries.size() * 2));
+  if (needed > entries.capacity()) {
+    entries.reserve(std::max(needed, entries.size() * 2));
+    mp4stbl::adviseHugePages(entries.data(), entries.capacity() * sizeof(T));
+  }
 }
 
 // The append rule: a record in place, then the box grows by `width`. The
