@@ -314,15 +314,12 @@ TEST(Track, DurationsPast32BitsComeFromTheWalk) {
   EXPECT_EQ(tracks->at(0).stts().totalDuration(), 0x80000000ull + 400);
   EXPECT_EQ(built.walk().back(), "6 chunk 4 at 940+60 time 6442451244+100 key entry 1");
   // Ten million samples of 1001 units, all of one size in one chunk.
-  OneTrack many;
-  many.stbl->children.remove(many.stsz);
-  delete many.stsz;
-  attach<UserDefAtom>(many.stbl, "stsz")->body = ByteWriter().u32(0).u32(1).u32(10000000).bytes;
-  many.stts->entries = {{10000000, 1001}};
-  many.stsc->entries = {{1, 10000000, 1}};
-  many.stss->entries = {1};
-  many.stco->entries = {0};
-  const Result<std::vector<Track>> recording = many.find();
+  built.stbl->children.remove(built.stsz);
+  delete built.stsz;
+  attach<UserDefAtom>(built.stbl, "stsz")->body = ByteWriter().u32(0).u32(1).u32(10000000).bytes;
+  built.stts->entries = {{10000000, 1001}};
+  built.stsc->entries = {{1, 10000000, 1}};
+  const Result<std::vector<Track>> recording = built.find();
   ASSERT_TRUE(recording.ok()) << recording.message();
   EXPECT_EQ(recording->at(0).mediaDuration(), 10010000000ull);
 }
