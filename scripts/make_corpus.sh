@@ -4,6 +4,8 @@
 #   scripts/make_corpus.sh OUTDIR --wide    the same, plus longer clips, fast
 #                                           start, several tracks, NTSC rates,
 #                                           B-frames and G.711 audio
+# The small set holds B-frames (composition offsets) in a track that starts
+# late (an edit list that begins with an empty edit).
 # The flags are chosen so that one ffmpeg build always writes the same bytes:
 # synthetic sources, fixed sizes and durations, bit-exact muxing, no
 # metadata, one encoder thread.
@@ -55,6 +57,8 @@ video 64x48 25 0.2
 make prores_apcn.mov -c:v prores_ks -profile:v 2
 video 64x48 25 0.2 && tone 22050 0.2
 make prores_apch_aac.mov -map 0:v -map 1:a -c:v prores_ks -profile:v 3 "${AAC[@]}"
+video 64x48 25 0.4
+make bframes_late.mp4 -c:v libx264 -preset veryfast -threads 1 -bf 2 -output_ts_offset 0.5
 
 [ "$wide" -eq 1 ] || exit 0
 

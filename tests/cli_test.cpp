@@ -98,7 +98,8 @@ void compareWithFfprobe(const std::string& path) {
   const json tracks = info.doc()["tracks"];
   const std::string text = cli({"info", path}).out;
   const Outcome probed =
-      run("ffprobe", {"-v", "error", "-show_entries", "stream=index,id,nb_frames,time_base", "-of", "json",
+      run("ffprobe", {"-v", "error", "-show_entries",
+                      "stream=index,id,nb_frames,time_base,start_time,duration", "-of", "json",
                       path});
   ASSERT_EQ(probed.status, 0) << probed.err;
   const json streams = json::parse(probed.out)["streams"];
@@ -109,7 +110,7 @@ void compareWithFfprobe(const std::string& path) {
     ASSERT_EQ(std::stoul(streams[index]["id"].get<std::string>(), nullptr, 16), id);
     const Outcome packetRun =
         run("ffprobe", {"-v", "error", "-select_streams", std::to_string(index), "-show_entries",
-                        "packet=pos,size,flags,duration", "-of", "json", path});
+                        "packet=pos,size,flags,duration,pts,dts", "-of", "json", path});
     ASSERT_EQ(packetRun.status, 0) << packetRun.err;
     const json packets = json::parse(packetRun.out)["packets"];
     const json samples = samplesOf(path, id);
@@ -131,18 +132,28 @@ void compareWithFfprobe(const std::string& path) {
       EXPECT_EQ(ours["sync"], theirs["flags"].get<std::string>().find('K') != npos);
       EXPECT_EQ(ours["duration"], number(theirs.value("duration", json(-1))));
       EXPECT_EQ(ours["decodeTime"], elapsed);
+      // ffprobe places both times on the edit list's timeline.
+      EXPECT_EQ(ours["presentationTime"], number(theirs["pts"]));
+      EXPECT_EQ(ours["compositionOffset"], number(theirs["pts"]) - number(theirs["dts"]));
       elapsed += number(theirs.value("duration", json(0)));
       bytes += number(theirs["size"]);
     }
     EXPECT_EQ(tracks[index]["samples"], number(streams[index]["nb_frames"]));
     EXPECT_EQ(tracks[index]["duration"], elapsed);
-    // Seconds are the duration over the time scale; the bit rate is bits
-    // over seconds, shown in the text as kbit/s.
+    EXPECT_EQ(tracks[index]["mediaDuration"], elapsed);
+    // Media seconds are the duration over the time scale; the bit rate is
+    // bits over them, shown in the text as kbit/s. The seconds players show
+    // are the edit list's: ffprobe's start and duration, which it rounds to
+    // the movie's milliseconds.
     const std::string base = streams[index]["time_base"];
-    const double seconds = static_cast<double>(elapsed) / std::stoll(base.substr(base.find('/') + 1));
-    const double bitrate = seconds > 0 ? std::round(bytes * 8 / seconds) : 0;
+    const double media = static_cast<double>(elapsed) / std::stoll(base.substr(base.find('/') + 1));
+    const double bitrate = media > 0 ? std::round(bytes * 8 / media) : 0;
+    const double seconds = tracks[index]["seconds"].get<double>();
     EXPECT_EQ(tracks[index]["bytes"], bytes);
-    EXPECT_DOUBLE_EQ(tracks[index]["seconds"].get<double>(), seconds);
+    EXPECT_DOUBLE_EQ(tracks[index]["mediaSeconds"].get<double>(), media);
+    EXPECT_NEAR(seconds, std::stod(streams[index]["start_time"].get<std::string>()) +
+                             std::stod(streams[index]["duration"].get<std::string>()), 0.002);
+    EXPECT_EQ(tracks[index]["presentationSeconds"].is_null() ? media : seconds, seconds);
     EXPECT_DOUBLE_EQ(tracks[index]["bitrate"].get<double>(), bitrate);
     std::istringstream table(text);
     std::string row;

@@ -76,10 +76,16 @@ TEST(Hostile, MadeFilesEndAtTheirLimitWithinMemory) {
   }
   // A tiny stbl whose stsz claims 2^28 sizes, a gigabyte of table.
   Bytes huge = ByteWriter::box("stsz", ByteWriter().u32(0).u32(0).u32(1u << 28).u32(1).bytes);
-  for (const char* type : {"stbl", "minf", "mdia", "trak", "moov"}) huge = ByteWriter::box(type, huge);
+  // An stbl whose ctts claims 2^28 runs, two gigabytes in memory.
+  Bytes offsets = ByteWriter::box("ctts", ByteWriter().u32(0).u32(1u << 28).u32(1).u32(0).bytes);
+  for (const char* type : {"stbl", "minf", "mdia", "trak", "moov"}) {
+    huge = ByteWriter::box(type, huge);
+    offsets = ByteWriter::box(type, offsets);
+  }
   const struct { Bytes file; bool reads; LogLine last; } cases[] = {
       {deep.bytes, false, {"MP4", 3, "box moov at offset 512 is nested deeper than 64 boxes\n"}},
       {huge, true, {"MP4", 3, "read 1073741824 bytes to stsz buf failed\n"}},
+      {offsets, true, {"MP4", 3, "268435456 records of 8 bytes at offset 56 run past the box\n"}},
   };
   for (const auto& [file, reads, last] : cases) {
     LogCapture log;

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "box/edit_boxes.h"
 #include "box/movie_boxes.h"
 #include "support/bytes.h"
 #include "media/track.h"
@@ -239,6 +240,88 @@ TEST(Track, ConstantSampleSizeAndUnreadableTables) {
   attach<UserDefAtom>(broken.stbl, "stss")->body = ByteWriter().u32(0).u32(9).bytes;
   EXPECT_EQ(broken.walk().back(),
             "track 7 (vide, avc1): stss: read 36 bytes to stss buf failed");
+}
+
+}  // namespace
+
+namespace {
+
+// Composition offsets and the edit list over the six samples of 100 units
+// (track time scale 1000, movie time scale 500): each sample's offset and
+// presentation time, or the error that stops the track.
+TEST(Track, PresentationTimesFollowCompositionOffsetsAndTheEditList) {
+  const std::vector<ElstEntry> none;
+  const struct {
+    uint8_t cttsVersion;
+    std::vector<CttsEntry> offsets;  // no ctts when empty
+    std::vector<ElstEntry> edits;    // no elst when empty
+    std::string expected;
+  } cases[] = {
+      {0, {}, none, "0/0 0/100 0/200 0/300 0/400 0/500"},
+      {0, {{1, 200}, {2, 0}, {1, 300}}, none, "200/200 0/100 0/200 300/600 0/400 0/500"},
+      // The first edit's media time leads; a B-frame clip starts at 0.
+      {0, {{1, 200}, {1, 500}, {4, 200}}, {{300, 200, 1, 0}},
+       "200/0 500/400 200/200 200/300 200/400 200/500"},
+      // Leading empty edits, in the movie's time scale, delay the media.
+      {0, {}, {{100, -1, 1, 0}, {25, -1, 1, 0}, {300, 0, 1, 0}},
+       "0/250 0/350 0/450 0/550 0/650 0/750"},
+      {1, {{2, 0xFFFFFF9C}, {4, 0}}, {{1, -1, 1, 0}, {300, 100, 1, 0}},
+       "-100/-198 -100/-98 0/102 0/202 0/302 0/402"},
+      // Audio priming: samples before the edit come out negative.
+      {0, {}, {{300, 250, 1, 0}}, "0/-250 0/-150 0/-50 0/50 0/150 0/250"},
+      // A short ctts leaves the rest at offset 0; a long one is refused.
+      {0, {{2, 50}}, none, "50/50 50/150 0/200 0/300 0/400 0/500"},
+      {0, {{2, 50}, {5, 1}}, none, "track 7 (vide, avc1): ctts offsets 7 samples, stsz sizes 6"},
+  };
+  for (const auto& c : cases) {
+    OneTrack built;
+    attach<MvhdAtom>(built.file.root.children.front(), "mvhd")->timescale = 500;
+    if (!c.offsets.empty()) {
+      auto* ctts = attach<CttsAtom>(built.stbl, "ctts");
+      ctts->version = c.cttsVersion;
+      ctts->entries = c.offsets;
+    }
+    if (!c.edits.empty()) {
+      attach<ElstAtom>(attach<ContainerAtom>(built.trak, "edts"), "elst")->entries = c.edits;
+    }
+    const Result<std::vector<Track>> tracks = built.find();
+    if (!tracks.ok()) {
+      EXPECT_EQ(tracks.message(), c.expected);
+      continue;
+    }
+    SampleWalker walker(tracks->at(0));
+    std::string shown;
+    for (auto step = walker.next(); step.ok() && *step != nullptr; step = walker.next()) {
+      shown += (shown.empty() ? "" : " ") + std::to_string((*step)->compositionOffset) + "/" +
+               std::to_string((*step)->presentationTime);
+    }
+    EXPECT_EQ(shown, c.expected);
+    uint64_t edited = 0;
+    for (const ElstEntry& edit : c.edits) edited += edit.segmentDuration;
+    EXPECT_EQ(tracks->at(0).presentationDuration(), edited);
+  }
+}
+
+// Durations are summed in 64 bits: runs past 2^32 units, as a long
+// recording of many samples reaches, are not cut (stts's own total keeps
+// 32 bits per run).
+TEST(Track, DurationsPast32BitsComeFromTheWalk) {
+  OneTrack built;
+  built.stts->entries = {{2, 0xC0000000}, {4, 100}};
+  const Result<std::vector<Track>> tracks = built.find();
+  ASSERT_TRUE(tracks.ok()) << tracks.message();
+  EXPECT_EQ(tracks->at(0).mediaDuration(), 0x180000000ull + 400);
+  EXPECT_EQ(tracks->at(0).stts().totalDuration(), 0x80000000ull + 400);
+  EXPECT_EQ(built.walk().back(), "6 chunk 4 at 940+60 time 6442451244+100 key entry 1");
+  // Ten million samples of 1001 units, all of one size in one chunk.
+  built.stbl->children.remove(built.stsz);
+  delete built.stsz;
+  attach<UserDefAtom>(built.stbl, "stsz")->body = ByteWriter().u32(0).u32(1).u32(10000000).bytes;
+  built.stts->entries = {{10000000, 1001}};
+  built.stsc->entries = {{1, 10000000, 1}};
+  const Result<std::vector<Track>> recording = built.find();
+  ASSERT_TRUE(recording.ok()) << recording.message();
+  EXPECT_EQ(recording->at(0).mediaDuration(), 10010000000ull);
 }
 
 }  // namespace

@@ -24,14 +24,18 @@ class JsonFields : public FieldSink {
     fields_["entries"] = json::array();
     return limit_;
   }
-  void row(const uint64_t* values, unsigned count) override {
+  void row(const uint64_t* values, unsigned count) override { add(values, count); }
+  void signedRow(const int64_t* values, unsigned count) override { add(values, count); }
+  const json& fields() const { return fields_; }
+
+ private:
+  template <class Number>
+  void add(const Number* values, unsigned count) {
     json shown = count == 1 ? json(values[0]) : json::array();
     for (unsigned i = 0; count > 1 && i < count; ++i) shown.push_back(values[i]);
     fields_["entries"].push_back(std::move(shown));
   }
-  const json& fields() const { return fields_; }
 
- private:
   size_t limit_;
   json fields_ = json::object();
 };

@@ -28,8 +28,12 @@ ChunkGrouping groupingOf(const Track& track) {
 }
 
 json trackSummary(const Track& track) {
-  const uint64_t duration = track.stts().totalDuration();
+  const uint64_t duration = track.mediaDuration();
   const double length = seconds(duration, track.timescale());
+  // Players report the edit list's length where there is one.
+  const bool edited = track.elst() != nullptr && track.movieTimescale() != 0;
+  const uint64_t presented = track.presentationDuration();
+  const double presentedSeconds = seconds(presented, track.movieTimescale());
   const uint64_t bytes = track.totalSampleBytes();
   const ChunkGrouping grouping = groupingOf(track);
   json summary = {
@@ -39,7 +43,11 @@ json trackSummary(const Track& track) {
       {"timescale", track.timescale()},
       {"samples", track.sampleCount()},
       {"duration", duration},
-      {"seconds", length},
+      {"seconds", edited ? presentedSeconds : length},
+      {"mediaDuration", duration},
+      {"mediaSeconds", length},
+      {"presentationDuration", edited ? json(presented) : json()},
+      {"presentationSeconds", edited ? json(presentedSeconds) : json()},
       {"bytes", bytes},
       {"bitrate", length > 0 ? std::round(static_cast<double>(bytes) * 8 / length) : 0.0},
       {"chunks", track.chunkCount()},

@@ -7,17 +7,24 @@ namespace mp4stbl::cli {
 
 namespace {
 
-void printRow(const SampleInfo& s, bool json, bool first) {
+void printRow(const SampleInfo& s, uint32_t timescale, bool json, bool first) {
+  // Negative before the presentation starts.
+  const double shown = timescale == 0 ? 0.0 : static_cast<double>(s.presentationTime) / timescale;
   if (json) {
     std::printf("%s\n  {\"number\": %u, \"chunk\": %u, \"offset\": %llu, \"size\": %u, "
-                "\"decodeTime\": %llu, \"duration\": %u, \"sync\": %s%s}",
+                "\"decodeTime\": %llu, \"duration\": %u, \"compositionOffset\": %lld, "
+                "\"presentationTime\": %lld, \"presentationSeconds\": %s, \"sync\": %s%s}",
                 first ? "" : ",", s.number, s.chunk, static_cast<unsigned long long>(s.offset),
                 s.size, static_cast<unsigned long long>(s.decodeTime), s.duration,
+                static_cast<long long>(s.compositionOffset),
+                static_cast<long long>(s.presentationTime), nlohmann::json(shown).dump().c_str(),
                 s.sync ? "true" : "false", s.missing ? ", \"missing\": true" : "");
   } else {
-    std::printf("%10u %8u %14llu %10u %14llu %10u %5s%s\n", s.number, s.chunk,
-                static_cast<unsigned long long>(s.offset), s.size,
-                static_cast<unsigned long long>(s.decodeTime), s.duration, s.sync ? "yes" : "",
+    std::printf("%10u %8u %14llu %10u %14llu %10u %10lld %14lld %12.6f %5s%s\n", s.number,
+                s.chunk, static_cast<unsigned long long>(s.offset), s.size,
+                static_cast<unsigned long long>(s.decodeTime), s.duration,
+                static_cast<long long>(s.compositionOffset),
+                static_cast<long long>(s.presentationTime), shown, s.sync ? "yes" : "",
                 s.missing ? "  missing" : "");
   }
 }
@@ -37,13 +44,14 @@ int samples(const Options& options) {
                     .c_str(),
                 track->id(), track->timescale());
   } else {
-    std::printf("%10s %8s %14s %10s %14s %10s %5s\n", "sample", "chunk", "offset", "size",
-                "decode time", "duration", "sync");
+    std::printf("%10s %8s %14s %10s %14s %10s %10s %14s %12s %5s\n", "sample", "chunk", "offset",
+                "size", "decode time", "duration", "comp. off.", "presentation", "seconds",
+                "sync");
   }
   SampleWalker walker(*track);
   Result<const SampleInfo*> step = walker.next();
   for (bool first = true; step.ok() && *step != nullptr; step = walker.next(), first = false) {
-    printRow(**step, options.json, first);
+    printRow(**step, track->timescale(), options.json, first);
   }
   if (options.json) std::printf("\n]}\n");
   if (!step.ok()) return fail(options, step.message());

@@ -93,6 +93,11 @@ Atom* Atom::ReadChild(IOStream*) { return nullptr; }
 
 void Atom::describe(mp4stbl::FieldSink&) const {}
 
+void mp4stbl::FieldSink::signedRow(const int64_t* values, unsigned count) {
+  std::vector<uint64_t> wrapped(values, values + count);
+  row(wrapped.data(), count);
+}
+
 int Atom::Read(IOStream* stream) {
   if (stream == nullptr) {
     QX_LOG_NULL_PARAM("Read");

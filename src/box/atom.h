@@ -48,6 +48,9 @@ class FieldSink {
   // takes, and the table offers no more.
   virtual size_t table(size_t count) = 0;
   virtual void row(const uint64_t* values, unsigned count) = 0;
+  // A row whose fields may be negative; a sink that shows only unsigned
+  // numbers gets them in two's complement.
+  virtual void signedRow(const int64_t* values, unsigned count);
 };
 
 }  // namespace mp4stbl

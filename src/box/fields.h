@@ -8,6 +8,7 @@
 
 #include <array>
 #include <cstdint>
+#include <vector>
 
 #include "box/stream.h"
 
@@ -24,15 +25,35 @@ class FieldReader {
   void operator()(std::array<uint8_t, N>& bytes) {
     take(stream_->readBytes(bytes.data(), N), static_cast<int>(N), "readBytes");
   }
+  // Signed fields are stored in two's complement.
+  void operator()(int16_t& value);
+  void operator()(int64_t& value);
   // The 24-bit flags of a full box.
   void u24(uint32_t& value) { take(stream_->readBe24(&value), 3, "readBe24"); }
   // A 64-bit field stored in 32 bits, as version 0 boxes do.
   void as32(uint64_t& value);
+  void as32(int64_t& value);
+  // `count` bytes into `bytes`.
+  void bytes(std::vector<uint8_t>& bytes, uint64_t count);
+  // A table: its 32-bit record count, then the records, each at least
+  // `width` bytes and read by each(*this, record). A count that the rest of
+  // the box cannot hold is refused before anything is allocated.
+  template <class Entry, class Each>
+  void table(std::vector<Entry>& entries, uint64_t width, Each each) {
+    uint32_t count = 0;
+    (*this)(count);
+    if (!holds(count, width)) return;
+    entries.resize(count);
+    for (size_t i = 0; i < entries.size() && !failed_; ++i) each(*this, entries[i]);
+  }
   // 0 when every field was read, -1 after the first failure (logged).
   int status() const { return failed_ ? -1 : 0; }
 
  private:
   void take(int result, int width, const char* operation);
+  // Whether `count` records of `width` bytes lie before the end of the box;
+  // logs when not.
+  bool holds(uint64_t count, uint64_t width);
   IOStream* stream_;
   bool failed_ = false;
 };
@@ -48,9 +69,22 @@ class FieldWriter {
   void operator()(const std::array<uint8_t, N>& bytes) {
     take(stream_->writeBytes(bytes.data(), N), static_cast<int>(N), "writeBytes");
   }
+  void operator()(int16_t value) { (*this)(static_cast<uint16_t>(value)); }
+  void operator()(int64_t value) { (*this)(static_cast<uint64_t>(value)); }
   void u24(uint32_t value) { take(stream_->writeBe24(value), 3, "writeBe24"); }
   // Deliberately keeps the low 32 bits: the box's version has room for no more.
   void as32(uint64_t value) { (*this)(static_cast<uint32_t>(value)); }
+  void as32(int64_t value) { (*this)(static_cast<uint32_t>(value)); }
+  void bytes(const std::vector<uint8_t>& bytes, uint64_t count);
+  template <class Entry, class Each>
+  void table(std::vector<Entry>& entries, uint64_t, Each each) {
+    if (entries.size() > UINT32_MAX) {
+      take(-1, 4, "writeBe32");
+      return;
+    }
+    (*this)(static_cast<uint32_t>(entries.size()));
+    for (size_t i = 0; i < entries.size() && !failed_; ++i) each(*this, entries[i]);
+  }
   int status() const { return failed_ ? -1 : 0; }
 
  private:

@@ -23,7 +23,7 @@ class FullBoxAtom : public Atom {
   std::vector<unsigned char> rest;
 
  protected:
-  bool hasKnownVersion() const { return version <= 1; }
+  virtual bool hasKnownVersion() const { return version <= 1; }
   // Time fields are 64-bit in version 1 and 32-bit in version 0.
   template <class Visitor>
   void time(Visitor& v, uint64_t& value) {
@@ -33,6 +33,7 @@ class FullBoxAtom : public Atom {
       v.as32(value);
     }
   }
+  // Defined in box/full_box_io.h, which stays internal.
   template <class Box>
   int readFullBox(Box& box, IOStream* stream);
   template <class Box>

@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "box/byte_order.h"
+#include "box/edit_boxes.h"
 #include "box/file_stream.h"
 #include "box/log.h"
 #include "box/movie_boxes.h"
@@ -21,6 +22,7 @@ constexpr AtomType kFileBoxes[] = {
     {"stbl", &makeAtom<FileStblAtom>},      {"mdat", &makeAtom<MdatAtom>},
     {"mvhd", &makeAtom<MvhdAtom>},      {"tkhd", &makeAtom<TkhdAtom>},
     {"mdhd", &makeAtom<MdhdAtom>},      {"hdlr", &makeAtom<HdlrAtom>},
+    {"edts", &makeAtom<ContainerAtom>}, {"elst", &makeAtom<ElstAtom>},
 };
 
 Atom* readFileBox(IOStream* stream) {
@@ -64,6 +66,26 @@ namespace {
 
 constexpr AtomType kConstantSizeStsz[] = {{"stsz", &makeAtom<ConstantSizeStszAtom>}};
 
+// The sample table's children beside the tables the walk needs.
+constexpr AtomType kSampleTableExtras[] = {
+    {"ctts", &makeAtom<CttsAtom>},
+    {"sdtp", &makeAtom<SdtpAtom>},
+    {"sgpd", &makeAtom<SgpdAtom>},
+    {"sbgp", &makeAtom<SbgpAtom>},
+};
+
+// The entry of kSampleTableExtras for the box at the stream's position;
+// null for any other box. Leaves the stream where it was.
+const AtomType* extraAt(IOStream* stream, long long start) {
+  AtomHeader header;
+  const bool read = header.Read(stream) == 0;
+  if (stream->seek(start) != 0 || !read) return nullptr;
+  for (const AtomType& extra : kSampleTableExtras) {
+    if (header.type == extra.type) return &extra;
+  }
+  return nullptr;
+}
+
 // Whether the box at the stream's position is an "stsz" whose samples all
 // have one size and no table follows. Leaves the stream where it was.
 bool isConstantSizeStsz(IOStream* stream, long long start) {
@@ -92,7 +114,10 @@ Atom* FileStblAtom::ReadChild(IOStream* stream) {
     return readAs(stream, start, kConstantSizeStsz, std::size(kConstantSizeStsz));
   }
   FailureNote note;
-  if (Atom* child = StblAtom::ReadChild(stream)) return child;
+  const AtomType* extra = extraAt(stream, start);
+  Atom* child =
+      extra != nullptr ? readAs(stream, start, extra, 1) : StblAtom::ReadChild(stream);
+  if (child != nullptr) return child;
   // Kept as bytes when its header at least holds: the stbl stays whole.
   Atom* kept = readAs(stream, start, nullptr, 0);
   if (kept != nullptr) unreadable.push_back(kept->header.type + ": " + note.text());

@@ -64,6 +64,48 @@ uint64_t Track::totalSampleBytes() const {
   return stsz_ != nullptr ? stsz_->TotalSampleSize() : uint64_t{constantSize_} * sampleCount_;
 }
 
+uint64_t Track::mediaDuration() const {
+  uint64_t total = 0;
+  for (const SttsEntry& run : stts_->entries) total += uint64_t{run.sampleCount} * run.sampleDelta;
+  return total;
+}
+
+uint64_t Track::presentationDuration() const {
+  uint64_t total = 0;
+  if (elst_ == nullptr) return total;
+  for (const ElstEntry& edit : elst_->entries) total += edit.segmentDuration;  // wraps past 2^64
+  return total;
+}
+
+namespace {
+
+// `units` of a time scale `from` in the time scale `to`, to the nearest
+// unit; 0 when `from` is 0. Wraps when the result passes 2^64.
+uint64_t rescale(uint64_t units, uint32_t from, uint32_t to) {
+  if (from == 0) return 0;
+  const uint64_t whole = units / from, part = units % from;
+  return whole * to + (part * to + from / 2) / from;
+}
+
+}  // namespace
+
+int64_t Track::presentationShift() const {
+  if (elst_ == nullptr) return 0;
+  uint64_t empty = 0;
+  // Arithmetic on the two's complement of the shift wraps on purpose: only
+  // a hostile file comes near 2^63.
+  for (const ElstEntry& edit : elst_->entries) {
+    // -1 marks an empty edit; no other negative time names any media.
+    if (edit.mediaTime < 0) {
+      empty += edit.segmentDuration;
+      continue;
+    }
+    return static_cast<int64_t>(rescale(empty, movieTimescale_, timescale_) -
+                                static_cast<uint64_t>(edit.mediaTime));
+  }
+  return static_cast<int64_t>(rescale(empty, movieTimescale_, timescale_));
+}
+
 Status Track::fail(const std::string& what) const {
   std::string name = "track " + std::to_string(id_);
   const std::string entry = stsd_ != nullptr ? entryType() : "";
@@ -109,6 +151,15 @@ Status Track::check() const {
     }
     previous = run.firstChunk;
   }
+  if (ctts_ != nullptr) {
+    // A shorter table leaves the last samples at offset 0, as players do.
+    uint64_t offsets = 0;
+    for (const CttsEntry& run : ctts_->entries) offsets += run.sampleCount;
+    if (offsets > sampleCount()) {
+      return fail("ctts offsets " + std::to_string(offsets) + " samples, stsz sizes " +
+                  std::to_string(sampleCount()));
+    }
+  }
   uint32_t last = 0;
   for (uint32_t sync : syncSamples(*this)) {
     if (sync <= last || sync > sampleCount()) {
@@ -134,7 +185,8 @@ Status Track::takeTables(const Atom* stbl) {
         take(&constant, only<ConstantSizeStszAtom>(stbl, "stsz", *this)),
         take(&stss_, only<StssAtom>(stbl, "stss", *this)),
         take(&stco_, only<StcoAtom>(stbl, "stco", *this)),
-        take(&co64_, only<Co64Atom>(stbl, "co64", *this))}) {
+        take(&co64_, only<Co64Atom>(stbl, "co64", *this)),
+        take(&ctts_, only<CttsAtom>(stbl, "ctts", *this))}) {
     if (!status.ok()) return status;
   }
   // A table kept as bytes because it could not be read says why.
@@ -158,10 +210,14 @@ Status Track::takeTables(const Atom* stbl) {
 
 FoundTracks findTracks(Mp4File& file) {
   FoundTracks found;
+  const std::vector<Atom*> headers = file.find("moov/mvhd");
+  const auto* movie = headers.empty() ? nullptr : dynamic_cast<const MvhdAtom*>(headers.front());
   for (Atom* trak : file.find("moov/trak")) {
     Track track;
     track.fileLength_ = file.length();
     if (const auto* tkhd = childOf<TkhdAtom>(trak)) track.id_ = tkhd->trackId;
+    if (movie != nullptr) track.movieTimescale_ = movie->timescale;
+    if (const Atom* edts = childNamed(trak, "edts")) track.elst_ = childOf<ElstAtom>(edts);
     const Atom* mdia = childNamed(trak, "mdia");
     const Atom* minf = mdia != nullptr ? childNamed(mdia, "minf") : nullptr;
     const Atom* stbl = minf != nullptr ? childOf<StblAtom>(minf) : nullptr;
@@ -180,7 +236,8 @@ FoundTracks findTracks(Mp4File& file) {
   return found;
 }
 
-SampleWalker::SampleWalker(const Track& track) : track_(track) {}
+SampleWalker::SampleWalker(const Track& track)
+    : track_(track), shift_(track.presentationShift()) {}
 
 Status SampleWalker::fail(const std::string& message) {
   number_ = track_.sampleCount();  // nothing more is walked
@@ -203,6 +260,28 @@ Status SampleWalker::enterChunk() {
 }
 
 Result<const SampleInfo*> SampleWalker::next() {
+  Result<const SampleInfo*> step = nextInTables();
+  if (step.ok() && *step != nullptr) {
+    // Wraps on purpose: only a hostile file comes near 2^63.
+    sample_.presentationTime = static_cast<int64_t>(
+        sample_.decodeTime + static_cast<uint64_t>(sample_.compositionOffset) +
+        static_cast<uint64_t>(shift_));
+  }
+  return step;
+}
+
+int64_t SampleWalker::nextCompositionOffset() {
+  const CttsAtom* ctts = track_.ctts();
+  if (ctts == nullptr) return 0;
+  while (leftInOffsetRun_ == 0 && offsetRun_ < ctts->entries.size()) {
+    leftInOffsetRun_ = ctts->entries[offsetRun_++].sampleCount;
+  }
+  if (leftInOffsetRun_ == 0) return 0;
+  --leftInOffsetRun_;
+  return ctts->offsetOf(ctts->entries[offsetRun_ - 1]);
+}
+
+Result<const SampleInfo*> SampleWalker::nextInTables() {
   if (number_ >= track_.sampleCount()) return nullptr;
   if (leftInChunk_ == 0) {
     Status entered = enterChunk();
@@ -227,6 +306,7 @@ Result<const SampleInfo*> SampleWalker::next() {
   sample.size = size;
   sample.decodeTime = time_;
   sample.duration = times[timeRun_ - 1].sampleDelta;
+  sample.compositionOffset = nextCompositionOffset();
   sample.descriptionIndex = track_.stsc().entries[run_].sampleDescriptionIndex;
   sample.missing = position_ + size > track_.fileLength();
   const std::vector<uint32_t>& syncs = syncSamples(track_);

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "box/edit_boxes.h"
 #include "box/mp4file.h"
 #include "box/result.h"
 #include "stbl.h"
@@ -21,6 +22,10 @@ struct SampleInfo {
   uint32_t size = 0;
   uint64_t decodeTime = 0;  // time-scale units
   uint32_t duration = 0;
+  int64_t compositionOffset = 0;  // composition minus decode time (ctts or trun)
+  // When the sample shows, in time-scale units: its composition time placed
+  // on the edit list's timeline. Negative before the first edit starts.
+  int64_t presentationTime = 0;
   bool sync = false;
   uint32_t descriptionIndex = 0;  // 1-based, into stsd
   bool missing = false;  // its bytes lie past the end of the file (a file cut short)
@@ -58,6 +63,19 @@ class Track {
   const StssAtom* stss() const { return stss_; }  // none: every sample is a sync sample
   const StcoAtom* stco() const { return stco_; }  // exactly one of stco and co64
   const Co64Atom* co64() const { return co64_; }
+  const CttsAtom* ctts() const { return ctts_; }  // none: composition is decode time
+  const ElstAtom* elst() const { return elst_; }  // none: the media plays from time 0
+
+  uint32_t movieTimescale() const { return movieTimescale_; }  // of mvhd, for the edit list
+  // The sum of the sample durations, in time-scale units.
+  uint64_t mediaDuration() const;
+  // The sum of the edits' durations, empty ones included, in the movie's
+  // time scale; 0 without an edit list.
+  uint64_t presentationDuration() const;
+  // What the edit list adds to a sample's composition time: the length of
+  // the empty edits that lead, in time-scale units, less the media time
+  // where the first other edit starts.
+  int64_t presentationShift() const;
 
   uint32_t sampleCount() const { return sampleCount_; }
   uint32_t sampleSize(uint32_t number) const;  // 1-based; 0 past the end
@@ -88,6 +106,9 @@ class Track {
   const StssAtom* stss_ = nullptr;
   const StcoAtom* stco_ = nullptr;
   const Co64Atom* co64_ = nullptr;
+  const CttsAtom* ctts_ = nullptr;
+  const ElstAtom* elst_ = nullptr;
+  uint32_t movieTimescale_ = 0;
 };
 
 // Walks a track's samples in order: the sample-to-chunk runs are followed
@@ -102,6 +123,8 @@ class SampleWalker {
   Result<const SampleInfo*> next();
 
  private:
+  Result<const SampleInfo*> nextInTables();
+  int64_t nextCompositionOffset();
   Status enterChunk();
   Status fail(const std::string& message);
 
@@ -116,6 +139,9 @@ class SampleWalker {
   uint64_t leftInTimeRun_ = 0;
   uint64_t time_ = 0;
   size_t sync_ = 0;
+  size_t offsetRun_ = 0;
+  uint64_t leftInOffsetRun_ = 0;
+  int64_t shift_ = 0;
 };
 
 // The sample that plays at `time` (time-scale units): the last one when

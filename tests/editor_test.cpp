@@ -1,0 +1,190 @@
+// Trim and join of the shipped files: the samples of a new file are the
+// source's samples byte for byte, with their durations, key frames and
+// descriptions; the edit list shows the window asked for; refusals leave no
+// file behind.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "box/byte_order.h"
+#include "box/movie_boxes.h"
+#include "box/mp4file.h"
+#include "edit/editor.h"
+#include "media/track.h"
+#include "support/bytes.h"
+
+using namespace mp4stbl;
+namespace fs = std::filesystem;
+
+namespace {
+
+const std::string kData = MP4STBL_TEST_DATA;
+const std::string kClip = kData + "/h264_aac.mp4";  // 10 frames at 25/s, a key frame every 4
+
+struct Sample {
+  Bytes bytes;
+  uint32_t duration;
+  bool sync;
+  uint32_t description;
+  bool operator==(const Sample& o) const {
+    return bytes == o.bytes && duration == o.duration && sync == o.sync &&
+           description == o.description;
+  }
+};
+
+struct Read {
+  std::vector<std::vector<Sample>> tracks;
+  std::vector<std::vector<uint64_t>> edits;  // duration, media time pairs of each elst
+  uint64_t movieDuration = 0;
+};
+
+Read readBack(const std::string& path) {
+  Read read;
+  Mp4File file;
+  EXPECT_TRUE(file.open(path).ok()) << path;
+  const Bytes all = readFile(path);
+  FoundTracks found = findTracks(file);
+  EXPECT_TRUE(found.unreadable.empty());
+  for (const Track& track : found.tracks) {
+    std::vector<Sample>& samples = read.tracks.emplace_back();
+    SampleWalker walk(track);
+    for (Result<const SampleInfo*> s = walk.next(); s.ok() && *s != nullptr; s = walk.next()) {
+      const SampleInfo& info = **s;
+      samples.push_back({Bytes(all.begin() + info.offset, all.begin() + info.offset + info.size),
+                         info.duration, info.sync, info.descriptionIndex});
+    }
+  }
+  for (Atom* edts : file.find("moov/trak/edts")) {
+    const Bytes& box = dynamic_cast<UserDefAtom&>(*edts).body;
+    const Bytes body(box.begin() + 8, box.end());  // the one elst
+    const bool wide = body[0] == 1;
+    std::vector<uint64_t>& pairs = read.edits.emplace_back();
+    for (size_t at = 8; at + (wide ? 20 : 12) <= body.size(); at += wide ? 20 : 12) {
+      pairs.push_back(wide ? byte_order::load<unsigned long long>(&body[at])
+                           : byte_order::load<uint32_t>(&body[at]));
+      pairs.push_back(wide ? byte_order::load<unsigned long long>(&body[at + 8])
+                           : byte_order::load<uint32_t>(&body[at + 4]));
+    }
+  }
+  read.movieDuration = dynamic_cast<MvhdAtom&>(*file.find("moov/mvhd").front()).duration;
+  return read;
+}
+
+std::vector<Sample> range(const std::vector<Sample>& samples, size_t first, size_t last) {
+  return std::vector<Sample>(samples.begin() + first - 1, samples.begin() + last);
+}
+
+class Edit : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = fs::temp_directory_path() / ("mp4stbl_edit_" + std::to_string(::getpid()));
+    fs::create_directories(dir_);
+  }
+  void TearDown() override { fs::remove_all(dir_); }
+  std::string out(const std::string& name) const { return (dir_ / name).string(); }
+  // The directory holds exactly `names`: no temporary is left.
+  void expectFiles(std::vector<std::string> names) const {
+    std::vector<std::string> held;
+    for (const auto& entry : fs::directory_iterator(dir_)) held.push_back(entry.path().filename());
+    std::sort(held.begin(), held.end());
+    EXPECT_EQ(held, names);
+  }
+  fs::path dir_;
+};
+
+// Video from the key frame at or before the start, audio from the sample
+// that holds it; the edit list starts each track at the requested time
+// (movie time scale 1000, video 12800, audio 22050 units a second).
+TEST_F(Edit, TrimKeepsWholeSamplesAndShowsTheWindow) {
+  const Read source = readBack(kClip);
+  const struct {
+    double from, to;
+    bool keyframe;
+    size_t videoFirst, videoLast, audioFirst, audioLast;
+    std::vector<std::vector<uint64_t>> edits;
+  } cases[] = {
+      {0.1, 0.3, false, 1, 8, 3, 7, {{200, 1280}, {200, 2205 - 2048}}},
+      {0.2, 0.4, false, 5, 10, 5, 9, {{200, 512}, {200, 4410 - 4096}}},
+      {0.2, 0.3, true, 5, 8, 4, 7, {}},
+      {0.0, 99, false, 1, 10, 1, source.tracks[1].size(), {{400, 0}, {446, 0}}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.from) + (c.keyframe ? " keyframe" : ""));
+    EditOptions options;
+    options.keyframe = c.keyframe;
+    ASSERT_TRUE(trim(kClip, c.from, c.to, out("cut.mp4"), options).ok());
+    const Read cut = readBack(out("cut.mp4"));
+    ASSERT_EQ(cut.tracks.size(), 2u);
+    EXPECT_TRUE(cut.tracks[0] == range(source.tracks[0], c.videoFirst, c.videoLast));
+    EXPECT_TRUE(cut.tracks[1] == range(source.tracks[1], c.audioFirst, c.audioLast));
+    EXPECT_EQ(cut.edits, c.edits);
+  }
+  expectFiles({"cut.mp4"});
+}
+
+// N clips give N times the samples in order, each clip one edit segment on
+// every track; a clip whose sample entry differs adds a second entry.
+TEST_F(Edit, JoinAppendsClipsAndSharesEqualEntries) {
+  Mp4File wider;
+  ASSERT_TRUE(wider.open(kClip).ok());
+  auto& avc1 = dynamic_cast<VisualSampleEntry&>(
+      *wider.find("moov/trak/mdia/minf/stbl/stsd").front()->children.front());
+  avc1.width = 100;
+  ASSERT_TRUE(wider.save(out("wider.mp4")).ok());
+
+  ASSERT_TRUE(join({kClip, kClip, out("wider.mp4")}, out("joined.mp4")).ok());
+  const Read source = readBack(kClip);
+  const Read joined = readBack(out("joined.mp4"));
+  ASSERT_EQ(joined.tracks.size(), 2u);
+  for (size_t t = 0; t < 2; ++t) {
+    std::vector<Sample> expected;
+    for (uint32_t clip = 0; clip < 3; ++clip) {
+      for (Sample sample : source.tracks[t]) {
+        if (t == 0 && clip == 2) sample.description = 2;
+        expected.push_back(sample);
+      }
+    }
+    EXPECT_TRUE(joined.tracks[t] == expected) << t;
+  }
+  const uint64_t videoMedia = 10 * 512;
+  uint64_t audioMedia = 0;
+  for (const Sample& sample : source.tracks[1]) audioMedia += sample.duration;
+  EXPECT_EQ(joined.edits, (std::vector<std::vector<uint64_t>>{
+                              {400, 0, 400, videoMedia, 400, 2 * videoMedia},
+                              {400, 0, 400, audioMedia, 400, 2 * audioMedia}}));
+  EXPECT_EQ(joined.movieDuration, 1200u);
+}
+
+// What an edit refuses, and a job stopped by its caller: a clear reason,
+// no output, no temporary, inputs untouched.
+TEST_F(Edit, RefusalsLeaveNoFile) {
+  const Bytes before = readFile(kClip);
+  EditOptions stop;
+  stop.progress = [](uint64_t, uint64_t) { return false; };
+  const struct {
+    Status status;
+    const char* reason;
+  } cases[] = {
+      {trim(kClip, 0.3, 0.3, out("a.mp4")), "is empty"},
+      {trim(kClip, 5, 6, out("a.mp4")), "nothing plays"},
+      {trim(kClip, 0, 1, kClip), "is one of the inputs"},
+      {trim(kData + "/none.mp4", 0, 1, out("a.mp4")), "none.mp4"},
+      {join({kClip}, out("a.mp4")), "two files or more"},
+      {join({kClip, kData + "/hevc.mp4"}, out("a.mp4")), "has 1 tracks"},
+      {join({kClip, kData + "/prores_apch_aac.mov"}, out("a.mp4")), "is vide/apch"},
+      {trim(kClip, 0, 1, out("a.mp4"), stop), "stopped"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_FALSE(c.status.ok());
+    EXPECT_NE(c.status.message().find(c.reason), std::string::npos) << c.status.message();
+  }
+  expectFiles({});
+  EXPECT_TRUE(readFile(kClip) == before);
+}
+
+}  // namespace
