@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "box/byte_order.h"
+#include "box/edit_boxes.h"
 #include "box/movie_boxes.h"
 #include "box/mp4file.h"
 #include "edit/editor.h"
@@ -59,16 +59,11 @@ Read readBack(const std::string& path) {
                          info.duration, info.sync, info.descriptionIndex});
     }
   }
-  for (Atom* edts : file.find("moov/trak/edts")) {
-    const Bytes& box = dynamic_cast<UserDefAtom&>(*edts).body;
-    const Bytes body(box.begin() + 8, box.end());  // the one elst
-    const bool wide = body[0] == 1;
+  for (Atom* elst : file.find("moov/trak/edts/elst")) {
     std::vector<uint64_t>& pairs = read.edits.emplace_back();
-    for (size_t at = 8; at + (wide ? 20 : 12) <= body.size(); at += wide ? 20 : 12) {
-      pairs.push_back(wide ? byte_order::load<unsigned long long>(&body[at])
-                           : byte_order::load<uint32_t>(&body[at]));
-      pairs.push_back(wide ? byte_order::load<unsigned long long>(&body[at + 8])
-                           : byte_order::load<uint32_t>(&body[at + 4]));
+    for (const ElstEntry& edit : dynamic_cast<ElstAtom&>(*elst).entries) {
+      pairs.push_back(edit.segmentDuration);
+      pairs.push_back(static_cast<uint64_t>(edit.mediaTime));
     }
   }
   read.movieDuration = dynamic_cast<MvhdAtom&>(*file.find("moov/mvhd").front()).duration;
@@ -97,9 +92,10 @@ class Edit : public ::testing::Test {
   fs::path dir_;
 };
 
-// Video from the key frame at or before the start, audio from the sample
-// that holds it; the edit list starts each track at the requested time
-// (movie time scale 1000, video 12800, audio 22050 units a second).
+// Video from the key frame at or before the start, audio from the frame
+// before the one that holds it (AAC's pre-roll); the edit list starts each
+// track at the requested time, the audio's priming (1024) included (movie
+// time scale 1000, video 12800, audio 22050 units a second).
 TEST_F(Edit, TrimKeepsWholeSamplesAndShowsTheWindow) {
   const Read source = readBack(kClip);
   const struct {
@@ -108,10 +104,10 @@ TEST_F(Edit, TrimKeepsWholeSamplesAndShowsTheWindow) {
     size_t videoFirst, videoLast, audioFirst, audioLast;
     std::vector<std::vector<uint64_t>> edits;
   } cases[] = {
-      {0.1, 0.3, false, 1, 8, 3, 7, {{200, 1280}, {200, 2205 - 2048}}},
-      {0.2, 0.4, false, 5, 10, 5, 9, {{200, 512}, {200, 4410 - 4096}}},
-      {0.2, 0.3, true, 5, 8, 4, 7, {}},
-      {0.0, 99, false, 1, 10, 1, source.tracks[1].size(), {{400, 0}, {446, 0}}},
+      {0.1, 0.3, false, 1, 8, 3, 8, {{200, 1280}, {200, 2205 - 1024}}},
+      {0.2, 0.4, false, 5, 10, 5, 10, {{200, 512}, {200, 4410 - 3072}}},
+      {0.2, 0.3, true, 5, 8, 4, 8, {}},
+      {0.0, 99, false, 1, 10, 1, 10, {{400, 0}, {400, 1024}}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.from) + (c.keyframe ? " keyframe" : ""));
@@ -156,7 +152,7 @@ TEST_F(Edit, JoinAppendsClipsAndSharesEqualEntries) {
   for (const Sample& sample : source.tracks[1]) audioMedia += sample.duration;
   EXPECT_EQ(joined.edits, (std::vector<std::vector<uint64_t>>{
                               {400, 0, 400, videoMedia, 400, 2 * videoMedia},
-                              {400, 0, 400, audioMedia, 400, 2 * audioMedia}}));
+                              {400, 1024, 400, audioMedia + 1024, 400, 2 * audioMedia + 1024}}));
   EXPECT_EQ(joined.movieDuration, 1200u);
 }
 

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "box/edit_boxes.h"
 #include "edit/editor.h"
 #include "edit/output.h"
 
@@ -17,12 +18,6 @@ struct Clip {
   std::unique_ptr<Mp4File> file;
   edit::EditableTracks source;
 };
-
-uint64_t mediaDuration(const SttsAtom& stts) {
-  uint64_t total = 0;
-  for (const SttsEntry& run : stts.entries) total += uint64_t{run.sampleCount} * run.sampleDelta;
-  return total;
-}
 
 uint64_t toMovie(uint64_t units, uint32_t timescale, uint32_t movieTimescale) {
   return static_cast<uint64_t>(static_cast<double>(units) * movieTimescale / timescale + 0.5);
@@ -80,6 +75,128 @@ Result<std::vector<uint32_t>> mapDescriptions(StsdAtom& joined, const StsdAtom& 
     indexes.push_back(static_cast<uint32_t>(found - held.begin() + 1));
   }
   return indexes;
+}
+
+// Where a clip's track starts to play in its own media: the media time of
+// its first edit that is not empty (AAC priming, the delay of B-frames).
+int64_t playStart(const Track& track) {
+  if (track.elst() == nullptr) return 0;
+  for (const ElstEntry& edit : track.elst()->entries) {
+    if (edit.mediaTime >= 0) return edit.mediaTime;
+  }
+  return 0;
+}
+
+// How long a clip's track plays, in the movie's time scale.
+uint64_t playLength(const Track& track, uint32_t movieTimescale) {
+  const uint64_t media = track.mediaDuration();
+  const int64_t start = std::min<int64_t>(playStart(track), static_cast<int64_t>(media));
+  const uint64_t shown = toMovie(media - static_cast<uint64_t>(start), track.timescale(), movieTimescale);
+  if (track.elst() == nullptr) return shown;
+  return std::min(shown, track.presentationDuration());
+}
+
+// How long each clip plays: as long as its shortest track, so that no
+// track runs short of media within its clip.
+std::vector<uint64_t> clipLengths(const std::vector<Clip>& clips) {
+  std::vector<uint64_t> lengths;
+  const uint32_t movieTimescale = clips.front().source.movieTimescale;
+  for (const Clip& clip : clips) {
+    uint64_t shortest = UINT64_MAX;
+    for (const Track& track : clip.source.tracks) {
+      shortest = std::min(shortest, playLength(track, movieTimescale));
+    }
+    lengths.push_back(shortest);
+  }
+  return lengths;
+}
+
+template <class Box>
+std::vector<Box*> boxesOf(const std::vector<std::unique_ptr<Atom>>& boxes) {
+  std::vector<Box*> found;
+  for (const auto& box : boxes) {
+    if (auto* typed = dynamic_cast<Box*>(box.get())) found.push_back(typed);
+  }
+  return found;
+}
+
+std::vector<std::vector<unsigned char>> groupDescriptions(Atom& stbl) {
+  std::vector<std::vector<unsigned char>> held;
+  for (Atom* box : stbl.children) {
+    if (box->header.type == "sgpd") held.push_back(bytesOf(*box));
+  }
+  return held;
+}
+
+// The per-sample boxes beside the tables, joined: ctts when any clip has
+// one (a clip without plays in decode order: offset 0), sdtp when every
+// clip has one, sample groups when every clip describes them alike.
+std::vector<std::unique_ptr<Atom>> joinExtras(std::vector<Clip>& clips, size_t t,
+                                              bool* keepGroups) {
+  std::vector<std::vector<std::unique_ptr<Atom>>> per;
+  for (Clip& clip : clips) {
+    const Track& track = clip.source.tracks[t];
+    per.push_back(edit::cutExtras(edit::sampleTable(clip.source.traks[t]), 1, track.sampleCount()));
+  }
+  std::vector<std::unique_ptr<Atom>> joined;
+  std::unique_ptr<CttsAtom> ctts;
+  bool allSdtp = true;
+  const auto descriptions = groupDescriptions(edit::sampleTable(clips.front().source.traks[t]));
+  *keepGroups = true;
+  for (size_t c = 0; c < clips.size(); ++c) {
+    const std::vector<CttsAtom*> offsets = boxesOf<CttsAtom>(per[c]);
+    if (!offsets.empty() || ctts != nullptr) {
+      if (ctts == nullptr) {
+        ctts = std::make_unique<CttsAtom>(offsets.front()->header);
+        for (size_t before = 0; before < c; ++before) {
+          ctts->entries.push_back({clips[before].source.tracks[t].sampleCount(), 0});
+        }
+      }
+      if (offsets.empty()) {
+        ctts->entries.push_back({clips[c].source.tracks[t].sampleCount(), 0});
+      } else {
+        ctts->version = std::max(ctts->version, offsets.front()->version);
+        ctts->entries.insert(ctts->entries.end(), offsets.front()->entries.begin(),
+                             offsets.front()->entries.end());
+      }
+    }
+    allSdtp = allSdtp && boxesOf<SdtpAtom>(per[c]).size() == 1;
+    const std::vector<SbgpAtom*> groups = boxesOf<SbgpAtom>(per[c]);
+    const std::vector<SbgpAtom*> first = boxesOf<SbgpAtom>(per.front());
+    bool alike = groups.size() == first.size() &&
+                 groupDescriptions(edit::sampleTable(clips[c].source.traks[t])) == descriptions;
+    for (size_t g = 0; alike && g < groups.size(); ++g) {
+      alike = groups[g]->groupingType == first[g]->groupingType;
+    }
+    *keepGroups = *keepGroups && alike;
+  }
+  if (ctts != nullptr) joined.push_back(std::move(ctts));
+  if (allSdtp) {
+    SdtpAtom* sdtp = boxesOf<SdtpAtom>(per.front()).front();
+    for (size_t c = 1; c < clips.size(); ++c) {
+      const auto& more = boxesOf<SdtpAtom>(per[c]).front()->rest;
+      sdtp->rest.insert(sdtp->rest.end(), more.begin(), more.end());
+    }
+  }
+  for (auto& box : per.front()) {
+    const bool group = dynamic_cast<SbgpAtom*>(box.get()) != nullptr;
+    if (dynamic_cast<CttsAtom*>(box.get()) != nullptr || (group && !*keepGroups) ||
+        (!group && !allSdtp)) {
+      continue;
+    }
+    joined.push_back(std::move(box));
+  }
+  if (*keepGroups) {
+    std::vector<SbgpAtom*> into = boxesOf<SbgpAtom>(joined);
+    for (size_t c = 1; c < clips.size(); ++c) {
+      const std::vector<SbgpAtom*> groups = boxesOf<SbgpAtom>(per[c]);
+      for (size_t g = 0; g < groups.size(); ++g) {
+        into[g]->entries.insert(into[g]->entries.end(), groups[g]->entries.begin(),
+                                groups[g]->entries.end());
+      }
+    }
+  }
+  return joined;
 }
 
 // The tables of track t joined across the clips.
@@ -147,32 +264,18 @@ Result<NewTrack> joinTrack(std::vector<Clip>& clips, size_t t,
     chunks += track.chunkCount();
     // Each clip plays for the same time on every track, so the tracks meet
     // again at every join however long each clip's media runs.
-    made.edits.push_back({clipLengths[c], static_cast<int64_t>(made.mediaDuration)});
-    made.mediaDuration += mediaDuration(track.stts());
+    made.edits.push_back(
+        {clipLengths[c], static_cast<int64_t>(made.mediaDuration) + playStart(track)});
+    made.mediaDuration += track.mediaDuration();
     made.sampleCount += count;
   }
+  made.extras = joinExtras(clips, t, &made.keepGroups);
   if (constant) {
     made.stsz = edit::constantSizeStsz(lead.constantSampleSize(), made.sampleCount);
   } else {
     made.stsz = std::move(sizes);
   }
   return made;
-}
-
-// How long each clip plays: as long as its shortest track, so that no
-// track runs short of media within its clip.
-std::vector<uint64_t> clipLengths(const std::vector<Clip>& clips) {
-  std::vector<uint64_t> lengths;
-  const uint32_t movieTimescale = clips.front().source.movieTimescale;
-  for (const Clip& clip : clips) {
-    uint64_t shortest = UINT64_MAX;
-    for (const Track& track : clip.source.tracks) {
-      shortest = std::min(shortest, toMovie(mediaDuration(track.stts()), track.timescale(),
-                                            movieTimescale));
-    }
-    lengths.push_back(shortest);
-  }
-  return lengths;
 }
 
 Status addMedia(edit::Layout& layout, size_t source, const Track& track) {

@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "box/byte_order.h"
+#include "box/edit_boxes.h"
 #include "box/log.h"
 #include "box/movie_boxes.h"
 
@@ -65,49 +66,33 @@ uint64_t rescale(uint64_t value, uint32_t from, uint32_t to) {
 
 // "edts" holding one "elst" of `edits`, in version 1 when a value needs it.
 std::unique_ptr<Atom> editBox(const std::vector<EditSegment>& edits) {
-  bool wide = false;
-  for (const EditSegment& edit : edits) {
-    wide = wide || edit.duration > UINT32_MAX || edit.mediaTime > INT32_MAX;
-  }
-  std::vector<unsigned char> body(8 + edits.size() * (wide ? 20 : 12));
-  byte_order::store<uint32_t>(body.data(), wide ? 0x01000000u : 0u);
-  byte_order::store<uint32_t>(body.data() + 4, static_cast<uint32_t>(edits.size()));
-  unsigned char* at = body.data() + 8;
-  for (const EditSegment& edit : edits) {
-    if (wide) {
-      byte_order::store<unsigned long long>(at, edit.duration);
-      byte_order::store<unsigned long long>(at + 8, static_cast<unsigned long long>(edit.mediaTime));
-      at += 16;
-    } else {
-      byte_order::store<uint32_t>(at, static_cast<uint32_t>(edit.duration));
-      byte_order::store<uint32_t>(at + 4, static_cast<uint32_t>(edit.mediaTime));
-      at += 8;
-    }
-    byte_order::store<uint32_t>(at, 0x00010000u);  // rate 1.0
-    at += 4;
-  }
   AtomHeader header;
   header.type = "elst";
-  auto elst = std::make_unique<UserDefAtom>(header);
-  elst->body = std::move(body);
+  auto elst = std::make_unique<ElstAtom>(header);
+  for (const EditSegment& edit : edits) {
+    elst->entries.push_back({edit.duration, edit.mediaTime, 1, 0});
+    if (edit.duration > UINT32_MAX || edit.mediaTime > INT32_MAX) elst->version = 1;
+  }
   header.type = "edts";
-  auto edts = std::make_unique<Atom>(header);
+  auto edts = std::make_unique<ContainerAtom>(header);
   edts->children.push_back(elst.release());
   return edts;
 }
 
-// The new tables go into the track's stbl; the old per-sample tables and
-// the old edit list go.
 Atom& sampleTable(const NewTrack& track) { return edit::sampleTable(track.trak); }
 
 void placeTables(NewTrack& track) {
   Atom& stbl = sampleTable(track);
   removeChildren(&stbl, &isSampleTableChild);
+  if (!track.keepGroups) {
+    removeChildren(&stbl, [](const Atom* box) { return box->header.type == "sgpd"; });
+  }
   for (Atom* table : {static_cast<Atom*>(track.stts.release()),
                       static_cast<Atom*>(track.stss.release()),
                       static_cast<Atom*>(track.stsc.release()), track.stsz.release()}) {
     if (table != nullptr) stbl.children.push_back(table);
   }
+  for (auto& extra : track.extras) stbl.children.push_back(extra.release());
   removeChildren(track.trak, [](const Atom* box) { return box->header.type == "edts"; });
   if (!track.edits.empty()) {
     auto at = track.trak->children.begin();
@@ -251,6 +236,40 @@ Status checkOutput(const std::string& output, const std::vector<NewTrack>& plann
 }
 
 }  // namespace
+
+std::vector<std::unique_ptr<Atom>> cutExtras(Atom& stbl, uint32_t first, uint32_t last) {
+  std::vector<std::unique_ptr<Atom>> extras;
+  for (Atom* box : stbl.children) {
+    // A version whose records are not known stays raw and cannot be cut.
+    const auto* full = dynamic_cast<FullBoxAtom*>(box);
+    if (full != nullptr && !full->rest.empty() && dynamic_cast<SdtpAtom*>(box) == nullptr) continue;
+    if (auto* ctts = dynamic_cast<CttsAtom*>(box)) {
+      auto cut = std::make_unique<CttsAtom>(ctts->header);
+      cut->version = ctts->version;
+      cut->flags = ctts->flags;
+      appendRuns(cut->entries, ctts->entries, first, last);
+      extras.push_back(std::move(cut));
+    } else if (auto* sbgp = dynamic_cast<SbgpAtom*>(box)) {
+      auto cut = std::make_unique<SbgpAtom>(sbgp->header);
+      cut->version = sbgp->version;
+      cut->flags = sbgp->flags;
+      cut->groupingType = sbgp->groupingType;
+      cut->groupingTypeParameter = sbgp->groupingTypeParameter;
+      appendRuns(cut->entries, sbgp->entries, first, last);
+      extras.push_back(std::move(cut));
+    } else if (auto* sdtp = dynamic_cast<SdtpAtom*>(box)) {
+      // One byte a sample; a table of another length describes nothing
+      // that can be cut, and is dropped.
+      if (sdtp->sampleFlags().size() < last) continue;
+      auto cut = std::make_unique<SdtpAtom>(sdtp->header);
+      cut->version = sdtp->version;
+      cut->flags = sdtp->flags;
+      cut->rest.assign(sdtp->rest.begin() + first - 1, sdtp->rest.begin() + last);
+      extras.push_back(std::move(cut));
+    }
+  }
+  return extras;
+}
 
 Atom& sampleTable(Atom* trak) {
   return *childNamed(childNamed(childNamed(trak, "mdia"), "minf"), "stbl");

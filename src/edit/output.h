@@ -3,6 +3,7 @@
 // media data laid out anew, and checked once written.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -38,6 +39,10 @@ struct NewTrack {
   uint64_t mediaDuration = 0;  // the track's time scale
   // Empty: the track plays its media as it is, for mediaDuration.
   std::vector<EditSegment> edits;
+  // The per-sample boxes beside the tables (ctts, sdtp, sbgp), already cut
+  // or joined; and whether the sample group descriptions stay.
+  std::vector<std::unique_ptr<Atom>> extras;
+  bool keepGroups = true;
 };
 
 // Writes `tree` (the first source's boxes) with `tracks` in place of its
@@ -59,6 +64,28 @@ Result<EditableTracks> editableTracks(Mp4File& file, const std::string& path);
 
 // The stbl box of a trak.
 Atom& sampleTable(Atom* trak);
+
+// Runs of samples (ctts, sbgp records: a sample count first) that cover
+// samples first..last (1-based, inclusive) of `runs`, appended to `out`.
+template <class Run>
+void appendRuns(std::vector<Run>& out, const std::vector<Run>& runs, uint64_t first,
+                uint64_t last) {
+  uint64_t start = 1;  // the first sample of the run
+  for (const Run& run : runs) {
+    if (start > last) break;
+    const uint64_t end = start + run.sampleCount;  // one past its last sample
+    if (run.sampleCount != 0 && end > first) {
+      Run kept = run;
+      kept.sampleCount = static_cast<uint32_t>(std::min(end - 1, last) - std::max(start, first) + 1);
+      out.push_back(kept);
+    }
+    start = end;
+  }
+}
+
+// The per-sample boxes of a track's stbl beside the sample tables, cut to
+// samples first..last.
+std::vector<std::unique_ptr<Atom>> cutExtras(Atom& stbl, uint32_t first, uint32_t last);
 
 // A table of one size for every sample.
 std::unique_ptr<Atom> constantSizeStsz(uint32_t size, uint32_t count);

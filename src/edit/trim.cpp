@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdio>
 
+#include "box/edit_boxes.h"
 #include "edit/editor.h"
 #include "edit/output.h"
 
@@ -19,8 +20,8 @@ struct Window {
   int64_t to = 0;
 };
 
-int64_t presented(const SampleInfo& sample) { return static_cast<int64_t>(sample.decodeTime); }
-int64_t compositionOffset(const SampleInfo&) { return 0; }
+int64_t presented(const SampleInfo& sample) { return sample.presentationTime; }
+int64_t compositionOffset(const SampleInfo& sample) { return sample.compositionOffset; }
 
 // The samples of one track that the window keeps: from the sync sample at
 // or before the window's start (for audio, the sample that holds it) to the
@@ -38,9 +39,37 @@ struct Cut {
   bool empty() const { return first == 0 || last < first; }
 };
 
-Result<Cut> cutTrack(const Track& track, const Window& window) {
+// What the cut needs of a sample it may keep.
+struct Candidate {
+  uint64_t offset;
+  int64_t presented;
+  int64_t composition;
+  uint32_t duration;
+  uint32_t description;
+};
+
+// Samples a decoder must take before the first one it shows: the roll
+// distance that the track's "roll" sample groups declare, else one frame
+// for AAC, whose every frame leans on the one before.
+uint32_t preRoll(const Track& track, Atom& stbl) {
+  uint32_t roll = 0;
+  for (const Atom* box : stbl.children) {
+    const auto* groups = dynamic_cast<const SgpdAtom*>(box);
+    if (groups == nullptr || groups->groupingType != 0x726F6C6Cu) continue;  // "roll"
+    for (const std::vector<uint8_t>& entry : groups->entries) {
+      if (entry.size() < 2) continue;
+      const auto distance = static_cast<int16_t>(entry[0] << 8 | entry[1]);
+      if (distance < 0) roll = std::max<uint32_t>(roll, static_cast<uint32_t>(-distance));
+    }
+  }
+  if (roll == 0 && track.stss() == nullptr && track.entryType() == "mp4a") roll = 1;
+  return roll;
+}
+
+Result<Cut> cutTrack(const Track& track, const Window& window, uint32_t roll) {
   Cut cut;
-  std::vector<uint32_t> durations;
+  std::vector<Candidate> seen;  // from the pre-roll of the start chosen so far
+  size_t start = 0;             // that start, in `seen`
   SampleWalker walk(track);
   for (;;) {
     Result<const SampleInfo*> next = walk.next();
@@ -48,32 +77,37 @@ Result<Cut> cutTrack(const Track& track, const Window& window) {
     const SampleInfo* sample = *next;
     if (sample == nullptr || presented(*sample) - compositionOffset(*sample) >= window.to) break;
     const int64_t at = presented(*sample);
-    if (sample->sync && (at <= window.from || cut.first == 0)) {
-      cut.first = sample->number;
-      cut.firstPresented = at;
-      cut.firstComposition = compositionOffset(*sample);
-      cut.offsets.clear();
-      cut.descriptions.clear();
-      durations.clear();
-    }
-    if (cut.first == 0) continue;
     if (sample->missing) {
       return track.fail("sample " + std::to_string(sample->number) +
                         " lies past the end of the file");
     }
-    cut.offsets.push_back(sample->offset);
-    cut.descriptions.push_back(sample->descriptionIndex);
-    durations.push_back(sample->duration);
-    if (at < window.to) {
+    if (sample->sync && (at <= window.from || cut.first == 0)) {
+      cut.first = sample->number;
+      // Only the pre-roll before the start is worth keeping.
+      const size_t drop = seen.size() - std::min<size_t>(seen.size(), roll);
+      if (drop > 4096) {
+        seen.erase(seen.begin(), seen.begin() + static_cast<std::ptrdiff_t>(drop));
+      }
+      start = seen.size();
+    }
+    seen.push_back({sample->offset, at, compositionOffset(*sample), sample->duration,
+                    sample->descriptionIndex});
+    if (cut.first != 0 && at < window.to) {
       cut.last = sample->number;
       cut.end = std::max(cut.end, at + sample->duration);
     }
   }
   if (cut.empty()) return cut;
-  const size_t kept = cut.last - cut.first + 1;
-  cut.offsets.resize(kept);
-  cut.descriptions.resize(kept);
-  for (size_t i = 0; i < kept; ++i) cut.duration += durations[i];
+  const size_t before = std::min<size_t>({start, roll, cut.first - size_t{1}});
+  const size_t begin = start - before;
+  cut.first -= static_cast<uint32_t>(before);
+  cut.firstPresented = seen[begin].presented;
+  cut.firstComposition = seen[begin].composition;
+  for (size_t i = begin; i < begin + (cut.last - cut.first + 1); ++i) {
+    cut.offsets.push_back(seen[i].offset);
+    cut.descriptions.push_back(seen[i].description);
+    cut.duration += seen[i].duration;
+  }
   return cut;
 }
 
@@ -154,6 +188,7 @@ NewTrack newTrack(const Track& track, Atom* trak, const Cut& cut) {
     made.stss->header.type = "stss";
     made.stss->crop2new(track.stss(), cut.first, cut.last);
   }
+  made.extras = edit::cutExtras(edit::sampleTable(trak), cut.first, cut.last);
   made.chunkSources.assign(cut.offsets.size(), 0);
   made.chunkOffsets = cut.offsets;
   made.mediaDuration = cut.duration;
@@ -175,7 +210,7 @@ Window windowOf(double from, double to, uint32_t timescale) {
 Result<double> keyFrameStart(const std::vector<Track>& tracks, double from, double to) {
   for (const Track& track : tracks) {
     if (track.stss() == nullptr || std::string(track.kind()) != "video") continue;
-    Result<Cut> cut = cutTrack(track, windowOf(from, to, track.timescale()));
+    Result<Cut> cut = cutTrack(track, windowOf(from, to, track.timescale()), 0);
     if (!cut.ok()) return cut.status();
     if (!cut->empty()) return static_cast<double>(cut->firstPresented) / track.timescale();
   }
@@ -209,9 +244,9 @@ Status trim(const std::string& input, double from, double to, const std::string&
   for (size_t t = 0; t < source->tracks.size(); ++t) {
     const Track& track = source->tracks[t];
     const Window window = windowOf(from, to, track.timescale());
-    Result<Cut> cut = cutTrack(track, window);
-    if (!cut.ok()) return cut.status();
     Atom* trak = source->traks[t];
+    Result<Cut> cut = cutTrack(track, window, preRoll(track, edit::sampleTable(trak)));
+    if (!cut.ok()) return cut.status();
     if (cut->empty() || cut->end <= window.from) {
       // Nothing of this track plays in the window: the new file has no such track.
       file.find("moov").front()->children.remove(trak);
