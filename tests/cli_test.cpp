@@ -146,7 +146,7 @@ void compareWithFfprobe(const std::string& path) {
     EXPECT_DOUBLE_EQ(tracks[index]["bitrate"].get<double>(), bitrate);
     std::istringstream table(text);
     std::string row;
-    for (size_t line = 0; line < index + 3; ++line) std::getline(table, row);  // past two heads
+    for (size_t line = 0; line < index + 4; ++line) std::getline(table, row);  // past three heads
     std::istringstream cells(row);
     std::vector<std::string> word{std::istream_iterator<std::string>(cells), {}};
     std::ostringstream shown;

@@ -21,6 +21,7 @@ constexpr AtomType kFileBoxes[] = {
     {"stbl", &makeAtom<FileStblAtom>},      {"mdat", &makeAtom<MdatAtom>},
     {"mvhd", &makeAtom<MvhdAtom>},      {"tkhd", &makeAtom<TkhdAtom>},
     {"mdhd", &makeAtom<MdhdAtom>},      {"hdlr", &makeAtom<HdlrAtom>},
+    {"ftyp", &makeAtom<FtypAtom>},
 };
 
 Atom* readFileBox(IOStream* stream) {
