@@ -87,6 +87,31 @@ json samplesOf(const std::string& path, unsigned track) {
   return doc.is_discarded() ? json::array() : doc["samples"];
 }
 
+// What a track holds as ffprobe's stream fields: picture size, average
+// frame rate, profile and level (H.264 and HEVC), sample rate, channels
+// and language ("und" when ffprobe has none).
+void compareMedia(const json& ours, const json& theirs) {
+  if (theirs.contains("width")) {
+    EXPECT_EQ(ours["width"], theirs["width"]);
+    EXPECT_EQ(ours["height"], theirs["height"]);
+    const std::string rate = theirs["avg_frame_rate"];
+    const double fps = std::stod(rate) / std::stod(rate.substr(rate.find('/') + 1));
+    EXPECT_NEAR(ours["frameRate"].get<double>(), fps, fps * 1e-3);
+  }
+  const std::string codec = theirs["codec_name"];
+  if (codec == "h264" || codec == "hevc") {
+    EXPECT_EQ(ours["codec"]["profile"], theirs["profile"]);
+    EXPECT_EQ(ours["codec"]["levelIdc"], theirs["level"]);
+  } else {
+    EXPECT_FALSE(ours.contains("codec"));
+  }
+  if (theirs.contains("sample_rate")) {
+    EXPECT_EQ(ours["sampleRate"], number(theirs["sample_rate"]));
+    EXPECT_EQ(ours["channels"], theirs["channels"]);
+  }
+  EXPECT_EQ(ours["language"], theirs.value("tags", json::object()).value("language", "und"));
+}
+
 // Every sample of every track as ffprobe's packets, the track summaries as
 // ffprobe's frame counts and summed packet durations, and an identical
 // write-back. A track with one size for every sample (G.711) is handed over
@@ -95,18 +120,30 @@ void compareWithFfprobe(const std::string& path) {
   SCOPED_TRACE(path);
   const Outcome info = cli({"info", path, "--json"});
   ASSERT_EQ(info.status, 0) << info.err;
-  const json tracks = info.doc()["tracks"];
+  const json summary = info.doc(), tracks = summary["tracks"];
   const std::string text = cli({"info", path}).out;
-  const Outcome probed =
-      run("ffprobe", {"-v", "error", "-show_entries", "stream=index,id,nb_frames,time_base", "-of", "json",
-                      path});
+  const Outcome probed = run(
+      "ffprobe", {"-v", "error", "-show_entries",
+                  "stream=index,id,nb_frames,time_base,codec_name,width,height,avg_frame_rate,profile,"
+                  "level,sample_rate,channels:stream_tags=language:format_tags",
+                  "-of", "json", path});
   ASSERT_EQ(probed.status, 0) << probed.err;
   const json streams = json::parse(probed.out)["streams"];
+  // The brands as ffprobe joins them; moov before mdat only in the file
+  // made with +faststart.
+  const json format = json::parse(probed.out)["format"]["tags"];
+  std::string brands;
+  for (const json& brand : summary["compatibleBrands"]) brands += brand.get<std::string>();
+  EXPECT_EQ(summary["majorBrand"], format["major_brand"]);
+  EXPECT_EQ(brands, format["compatible_brands"]);
+  EXPECT_EQ(summary["fastStart"], fs::path(path).filename() == "faststart.mp4");
+  EXPECT_EQ(summary["fragmented"], false);
   ASSERT_EQ(tracks.size(), streams.size());
   for (size_t index = 0; index < tracks.size(); ++index) {
     const auto id = tracks[index]["id"].get<unsigned>();
     SCOPED_TRACE("track " + std::to_string(id));
     ASSERT_EQ(std::stoul(streams[index]["id"].get<std::string>(), nullptr, 16), id);
+    compareMedia(tracks[index], streams[index]);
     const Outcome packetRun =
         run("ffprobe", {"-v", "error", "-select_streams", std::to_string(index), "-show_entries",
                         "packet=pos,size,flags,duration", "-of", "json", path});
