@@ -317,4 +317,25 @@ TEST(CliRuns, TextOutputExitCodesAndMessages) {
   for (const std::string& made : {text, altered}) std::remove(made.c_str());
 }
 
+// The per-file line of info: a file whose ftyp is hidden (QuickTime files
+// may have none) and one with a movie fragment box after its media.
+TEST(CliInfo, BrandsAndFragmentsOnTheFileLine) {
+  const std::string bytes = slurp(std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4");
+  const std::string noFtyp = scratch("noftyp.mp4"), fragment = scratch("moof.mp4");
+  std::ofstream(noFtyp, std::ios::binary) << std::string(bytes).replace(4, 4, "free");
+  std::ofstream(fragment, std::ios::binary) << bytes << std::string("\0\0\0\x08moof", 8);
+  const std::pair<std::string, std::string> cases[] = {
+      {noFtyp, "brand none (QuickTime); fast start: no; fragmented: no"},
+      {fragment, "brand isom, compatible: isom iso2 avc1 mp41; fast start: no; fragmented: yes"},
+  };
+  for (const auto& [file, line] : cases) {
+    std::istringstream out(cli({"info", file}).out);
+    std::string second;
+    for (int line = 0; line < 2; ++line) std::getline(out, second);
+    EXPECT_EQ(second, line);
+    EXPECT_EQ(cli({"info", file, "--json"}).doc()["fragmented"], file == fragment);
+  }
+  for (const std::string& made : {noFtyp, fragment}) std::remove(made.c_str());
+}
+
 }  // namespace
