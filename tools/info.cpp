@@ -71,7 +71,9 @@ json fileSummary(const Mp4File& file) {
     if (type == "moov") {
       fastStart = fastStart || (!moovSeen && !mdatSeen);
       moovSeen = true;
-      for (const Atom* child : box->children) fragmented = fragmented || child->header.type == "mvex";
+      for (const Atom* child : box->children) {
+        fragmented = fragmented || child->header.type == "mvex";
+      }
     }
     mdatSeen = mdatSeen || type == "mdat";
     fragmented = fragmented || type == "moof";
@@ -145,7 +147,8 @@ json mediaSummary(Mp4File& file, const Track& track) {
     }
   }
   if (const auto* audio = dynamic_cast<const AudioSampleEntry*>(entry)) {
-    media["sampleRate"] = audio->samplesPerSecond();
+    const double rate = audio->samplesPerSecond();
+    media["sampleRate"] = rate == std::floor(rate) ? json(static_cast<uint64_t>(rate)) : json(rate);
     media["channels"] = audio->channels();
     // The stream's own configuration outranks the entry's channel count.
     for (const Atom* child : audio->children) {

@@ -208,7 +208,7 @@ bool enterDescriptor(Cursor& in, uint8_t tag, uint32_t* length) {
 // past the end.
 class Bits {
  public:
-  explicit Bits(const std::vector<unsigned char>& bytes, size_t from) : bytes_(bytes), bit_(from * 8) {}
+  Bits(const std::vector<unsigned char>& bytes, size_t from) : bytes_(bytes), bit_(from * 8) {}
   uint32_t take(unsigned count) {
     uint32_t value = 0;
     for (unsigned i = 0; i < count; ++i, ++bit_) {
