@@ -1,9 +1,9 @@
-// The decoder configuration boxes of AVC ("avcC") and HEVC ("hvcC"), the
-// children of their sample entries that name the profile and level a
-// decoder must support. The body is kept as read and written back
-// unchanged; its leading fields are parsed from those bytes without ever
-// reading past them, and a body that is short or not a configuration this
-// code knows just leaves `parsed` false.
+// The decoder configuration boxes of AVC ("avcC"), HEVC ("hvcC") and MPEG-4
+// audio ("esds"), the children of their sample entries that name the
+// profile and level or the channels a decoder must handle. The body is kept
+// as read and written back unchanged; its leading fields are parsed from
+// those bytes without ever reading past them, and a body that is short or
+// not a configuration this code knows just leaves `parsed` false.
 #pragma once
 
 #include <cstdint>

@@ -1,8 +1,9 @@
 // Sample entries: the children of "stsd" that describe how a track's
 // samples are coded. The fixed part of each body is parsed into fields; the
-// child boxes that follow it are its children: avcC and hvcC typed, the
-// others (esds, colr, pasp, btrt, chan, wave, ...) kept opaque. A tail that is not a clean run of
-// boxes is kept as raw bytes, so whatever a file holds is written back.
+// child boxes that follow it are its children: avcC, hvcC and esds typed,
+// the others (colr, pasp, btrt, chan, wave, ...) kept opaque. A tail that is
+// not a clean run of boxes is kept as raw bytes, so whatever a file holds is
+// written back.
 #pragma once
 
 #include <array>
