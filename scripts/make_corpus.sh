@@ -3,7 +3,9 @@
 #   scripts/make_corpus.sh OUTDIR           the small set kept in tests/data
 #   scripts/make_corpus.sh OUTDIR --wide    the same, plus longer clips, fast
 #                                           start, several tracks, NTSC rates,
-#                                           B-frames and G.711 audio
+#                                           B-frames, G.711 audio, a known
+#                                           H.264 profile and level, and
+#                                           languages
 # The small set holds B-frames (composition offsets) in a track that starts
 # late (an edit list that begins with an empty edit).
 # The flags are chosen so that one ffmpeg build always writes the same bytes:
@@ -77,4 +79,8 @@ make prores_apcs_alaw.mov -map 0:v -map 1:a -c:v prores_ks -profile:v 1 -c:a pcm
 video 64x48 25 0.4 && tone 8000 0.4
 make prores_apco_ulaw.mov -map 0:v -map 1:a -c:v prores_ks -profile:v 0 -c:a pcm_mulaw
 video 64x48 25 0.4 && tone 16000 0.4
-make h264_ulaw.mov -map 0:v -map 1:a "${X264[@]}" -c:a pcm_mulaw
+make h264_ulaw.mov -map 0:v -map 1:a "${X264[@]}" -c:a pcm_mulaw -metadata:s:a language=eng
+video 128x96 25 1 && tone 48000 1
+make h264_high_eng.mp4 -map 0:v -map 1:a -c:v libx264 -preset veryfast -threads 1 \
+  -profile:v high -level 3.1 "${AAC[@]}" \
+  -ac 2 -metadata:s:v language=fra -metadata:s:a language=eng

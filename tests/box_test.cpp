@@ -170,6 +170,49 @@ TEST(MovieBoxes, VersionsReadIntoFieldsAndWriteBackByteForByte) {
   }
 }
 
+// The facts info shows from golden bytes: the brands of ftyp (a partial
+// brand or a short body left unnamed), the language of mdhd (packed letters
+// or a Macintosh code) and the display size of tkhd; all written back.
+TEST(MovieBoxes, BrandsLanguageAndDisplaySize) {
+  auto factsOf = [](const Atom* box) -> std::string {
+    if (auto* ftyp = dynamic_cast<const FtypAtom*>(box)) {
+      std::string text = ftyp->parsed ? ftyp->majorBrand + " " + std::to_string(ftyp->minorVersion) : "none";
+      for (const std::string& brand : ftyp->compatibleBrands) text += " " + brand;
+      return text;
+    }
+    if (auto* mdhd = dynamic_cast<const MdhdAtom*>(box)) return mdhd->languageCode();
+    uint32_t width = 0, height = 0;
+    const bool known = dynamic_cast<const TkhdAtom&>(*box).displaySize(&width, &height);
+    return known ? std::to_string(width) + "x" + std::to_string(height) : "no size";
+  };
+  auto mdhd = [](uint16_t language) {
+    return ByteWriter::box("mdhd", ByteWriter().u32(0).u32(1).u32(2).u32(600).u32(3).be(language, 2).be(0, 2).bytes);
+  };
+  // Version 0 tkhd: reserved words, layer, group, volume, the matrix, then 16.16 sizes.
+  auto tkhd = [](size_t cut) {
+    Bytes body = ByteWriter().u32(3).u32(1).u32(2).u32(7).u32(0).u32(9).append(Bytes(16, 0)).append(Bytes(36, 1))
+                     .u32(1920u << 16 | 0x8000).u32(1080u << 16).bytes;
+    return ByteWriter::box("tkhd", Bytes(body.begin(), body.end() - cut));
+  };
+  const std::pair<Bytes, std::string> cases[] = {
+      {ByteWriter::box("ftyp", ByteWriter().text("isom").u32(512).text("isomavc1").bytes), "isom 512 isom avc1"},
+      {ByteWriter::box("ftyp", ByteWriter().text("qt  ").u32(0x20050300).text("qt  ").u8(0).u8(0).bytes),
+       "qt   537199360 qt  "},
+      {ByteWriter::box("ftyp", ByteWriter().text("M4A ").bytes), "none"},
+      {mdhd(0x55C4), "und"},  {mdhd(0x15C7), "eng"}, {mdhd(0), "eng"},
+      {mdhd(2), "deu"},       {mdhd(0x3FF), "und"},  {mdhd(0x7FFF), "und"},
+      {tkhd(0), "1920x1080"}, {tkhd(1), "no size"},
+  };
+  for (const auto& [box, facts] : cases) {
+    MemoryStream in(box), out;
+    Mp4File file;
+    ASSERT_TRUE(file.read(&in).ok());
+    EXPECT_EQ(factsOf(file.root.children.front()), facts);
+    ASSERT_TRUE(file.write(&out).ok());
+    EXPECT_EQ(out.data(), box);
+  }
+}
+
 // Lines from the sink's lowest level up, however long; the failure note
 // takes the first failure; the default sink prints failures to stderr.
 TEST(Log, SinkLevelsFailureNoteAndTheDefault) {

@@ -87,6 +87,31 @@ json samplesOf(const std::string& path, unsigned track) {
   return doc.is_discarded() ? json::array() : doc["samples"];
 }
 
+// What a track holds as ffprobe's stream fields: picture size, average
+// frame rate, profile and level (H.264 and HEVC), sample rate, channels
+// and language ("und" when ffprobe has none).
+void compareMedia(const json& ours, const json& theirs) {
+  if (theirs.contains("width")) {
+    EXPECT_EQ(ours["width"], theirs["width"]);
+    EXPECT_EQ(ours["height"], theirs["height"]);
+    const std::string rate = theirs["avg_frame_rate"];
+    const double fps = std::stod(rate) / std::stod(rate.substr(rate.find('/') + 1));
+    EXPECT_NEAR(ours["frameRate"].get<double>(), fps, fps * 1e-3);
+  }
+  const std::string codec = theirs["codec_name"];
+  if (codec == "h264" || codec == "hevc") {
+    EXPECT_EQ(ours["codec"]["profile"], theirs["profile"]);
+    EXPECT_EQ(ours["codec"]["levelIdc"], theirs["level"]);
+  } else {
+    EXPECT_FALSE(ours.contains("codec"));
+  }
+  if (theirs.contains("sample_rate")) {
+    EXPECT_EQ(ours["sampleRate"], number(theirs["sample_rate"]));
+    EXPECT_EQ(ours["channels"], theirs["channels"]);
+  }
+  EXPECT_EQ(ours["language"], theirs.value("tags", json::object()).value("language", "und"));
+}
+
 // Every sample of every track as ffprobe's packets, the track summaries as
 // ffprobe's frame counts and summed packet durations, and an identical
 // write-back. A track with one size for every sample (G.711) is handed over
@@ -95,19 +120,30 @@ void compareWithFfprobe(const std::string& path) {
   SCOPED_TRACE(path);
   const Outcome info = cli({"info", path, "--json"});
   ASSERT_EQ(info.status, 0) << info.err;
-  const json tracks = info.doc()["tracks"];
+  const json summary = info.doc(), tracks = summary["tracks"];
   const std::string text = cli({"info", path}).out;
-  const Outcome probed =
-      run("ffprobe", {"-v", "error", "-show_entries",
-                      "stream=index,id,nb_frames,time_base,start_time,duration", "-of", "json",
-                      path});
+  const Outcome probed = run(
+      "ffprobe", {"-v", "error", "-show_entries",
+                  "stream=index,id,nb_frames,time_base,start_time,duration,codec_name,width,height,"
+                  "avg_frame_rate,profile,level,sample_rate,channels:stream_tags=language:format_tags",
+                  "-of", "json", path});
   ASSERT_EQ(probed.status, 0) << probed.err;
   const json streams = json::parse(probed.out)["streams"];
+  // The brands as ffprobe joins them; moov before mdat only in the file
+  // made with +faststart.
+  const json format = json::parse(probed.out)["format"]["tags"];
+  std::string brands;
+  for (const json& brand : summary["compatibleBrands"]) brands += brand.get<std::string>();
+  EXPECT_EQ(summary["majorBrand"], format["major_brand"]);
+  EXPECT_EQ(brands, format["compatible_brands"]);
+  EXPECT_EQ(summary["fastStart"], fs::path(path).filename() == "faststart.mp4");
+  EXPECT_EQ(summary["fragmented"], false);
   ASSERT_EQ(tracks.size(), streams.size());
   for (size_t index = 0; index < tracks.size(); ++index) {
     const auto id = tracks[index]["id"].get<unsigned>();
     SCOPED_TRACE("track " + std::to_string(id));
     ASSERT_EQ(std::stoul(streams[index]["id"].get<std::string>(), nullptr, 16), id);
+    compareMedia(tracks[index], streams[index]);
     const Outcome packetRun =
         run("ffprobe", {"-v", "error", "-select_streams", std::to_string(index), "-show_entries",
                         "packet=pos,size,flags,duration,pts,dts", "-of", "json", path});
@@ -157,7 +193,7 @@ void compareWithFfprobe(const std::string& path) {
     EXPECT_DOUBLE_EQ(tracks[index]["bitrate"].get<double>(), bitrate);
     std::istringstream table(text);
     std::string row;
-    for (size_t line = 0; line < index + 3; ++line) std::getline(table, row);  // past two heads
+    for (size_t line = 0; line < index + 4; ++line) std::getline(table, row);  // past three heads
     std::istringstream cells(row);
     std::vector<std::string> word{std::istream_iterator<std::string>(cells), {}};
     std::ostringstream shown;
@@ -289,6 +325,27 @@ TEST(CliRuns, TextOutputExitCodesAndMessages) {
     EXPECT_TRUE(c.err.empty() ? result.err.empty() : result.err.find(c.err) != npos) << result.err;
   }
   for (const std::string& made : {text, altered}) std::remove(made.c_str());
+}
+
+// The per-file line of info: a file whose ftyp is hidden (QuickTime files
+// may have none) and one with a movie fragment box after its media.
+TEST(CliInfo, BrandsAndFragmentsOnTheFileLine) {
+  const std::string bytes = slurp(std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4");
+  const std::string noFtyp = scratch("noftyp.mp4"), fragment = scratch("moof.mp4");
+  std::ofstream(noFtyp, std::ios::binary) << std::string(bytes).replace(4, 4, "free");
+  std::ofstream(fragment, std::ios::binary) << bytes << std::string("\0\0\0\x08moof", 8);
+  const std::pair<std::string, std::string> cases[] = {
+      {noFtyp, "brand none (QuickTime); fast start: no; fragmented: no"},
+      {fragment, "brand isom, compatible: isom iso2 avc1 mp41; fast start: no; fragmented: yes"},
+  };
+  for (const auto& [file, line] : cases) {
+    std::istringstream out(cli({"info", file}).out);
+    std::string second;
+    for (int line = 0; line < 2; ++line) std::getline(out, second);
+    EXPECT_EQ(second, line);
+    EXPECT_EQ(cli({"info", file, "--json"}).doc()["fragmented"], file == fragment);
+  }
+  for (const std::string& made : {noFtyp, fragment}) std::remove(made.c_str());
 }
 
 }  // namespace

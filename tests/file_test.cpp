@@ -12,6 +12,7 @@
 #include <tuple>
 #include <vector>
 
+#include "box/codec_config.h"
 #include "box/file_stream.h"
 #include "box/mp4file.h"
 #include "stbl.h"
@@ -31,15 +32,21 @@ std::string describe(Atom* entry) {
     out += " " + std::to_string(audio->channelCount) + "ch " + std::to_string(audio->sampleRate >> 16) +
            "Hz " + std::to_string(audio->sampleSize) + "bit v" + std::to_string(audio->soundVersion);
   }
+  for (Atom* child : entry->children) {
+    if (auto* avc = dynamic_cast<AvcConfigAtom*>(child)) out += " " + avc->profileName() + "@" + avc->levelName();
+    if (auto* hevc = dynamic_cast<HevcConfigAtom*>(child)) out += " " + hevc->profileName() + "@" + hevc->levelName();
+    if (auto* esds = dynamic_cast<EsdsAtom*>(child)) out += " esds " + std::to_string(esds->channels()) + "ch";
+  }
   return out;
 }
 
-// The sample entries of the shipped files, track by track. ffmpeg writes the
-// fixed channel count 2 of the ISO audio entry into .mp4 files whatever the
-// source has; QuickTime's AAC is sound version 1.
+// The sample entries of the shipped files, track by track, with the profile
+// and level ffprobe reports. ffmpeg writes the fixed channel count 2 of the
+// ISO audio entry into .mp4 files whatever the source has (its esds tells
+// the truth); QuickTime's AAC is sound version 1, its esds inside a wave box.
 const std::map<std::string, std::vector<std::string>> kEntries = {
-    {"h264_aac.mp4", {"avc1 96x64", "mp4a 2ch 22050Hz 16bit v0"}},
-    {"hevc.mp4", {"hvc1 64x48"}},
+    {"h264_aac.mp4", {"avc1 96x64 Constrained Baseline@1", "mp4a 2ch 22050Hz 16bit v0 esds 1ch"}},
+    {"hevc.mp4", {"hvc1 64x48 Main@L1"}},
     {"prores_apcn.mov", {"apcn 64x48"}},
     {"prores_apch_aac.mov", {"apch 64x48", "mp4a 1ch 22050Hz 16bit v1"}},
 };

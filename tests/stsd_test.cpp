@@ -10,6 +10,7 @@
 #include <typeinfo>
 #include <utility>
 
+#include "box/codec_config.h"
 #include "stbl.h"
 #include "support/bytes.h"
 #include "support/log_capture.h"
@@ -205,6 +206,84 @@ TEST(SampleEntry, TruncatedFieldsFailWithTheStreamOffset) {
     LogCapture log;
     EXPECT_EQ(parent.ReadChild(&in), nullptr);
     EXPECT_EQ(log.only(), (LogLine{"IO", 3, text}));
+  }
+}
+
+// What a decoder configuration child tells: profile@level and parameter
+// set counts, or the channels and rate of an AAC stream.
+std::string configOf(const Atom& entry) {
+  const Atom* child = entry.children.empty() ? nullptr : entry.children.front();
+  if (auto* avc = dynamic_cast<const AvcConfigAtom*>(child)) {
+    return avc->profileName() + "@" + avc->levelName() + " len" + std::to_string(avc->lengthSize) +
+           " sps" + std::to_string(avc->spsCount) + " pps" + std::to_string(avc->ppsCount);
+  }
+  if (auto* hevc = dynamic_cast<const HevcConfigAtom*>(child)) {
+    return hevc->profileName() + "@" + hevc->levelName() + " len" + std::to_string(hevc->lengthSize) +
+           " vps" + std::to_string(hevc->vpsCount) + " sps" + std::to_string(hevc->spsCount) + " pps" +
+           std::to_string(hevc->ppsCount);
+  }
+  if (auto* esds = dynamic_cast<const EsdsAtom*>(child)) {
+    return esds->parsed ? std::to_string(esds->channels()) + "ch " + std::to_string(esds->sampleRate) + "Hz"
+                        : "unknown";
+  }
+  return "untyped";
+}
+
+// hvcC's 23 leading bytes: the profile byte (space, tier, idc), Main
+// compatibility, level, 4:2:0 8-bit, 4-byte lengths, then `arrays`.
+Bytes hvcC(uint8_t general, uint8_t level, uint8_t arrays) {
+  return ByteWriter().u8(1).u8(general).u32(0x60000000).be(0x900000000000, 6).u8(level).be(0xF000, 2)
+      .u8(0xFC).u8(0xFD).u8(0xF8).u8(0xF8).be(0, 2).u8(0x0F).u8(arrays).bytes;
+}
+
+// esds around an AAC configuration, descriptor lengths in one byte or, as
+// ffmpeg writes them, in four.
+Bytes esds(Bytes config, bool longLengths) {
+  auto length = [&](size_t n) {
+    return longLengths ? ByteWriter().u8(0x80).u8(0x80).u8(0x80).u8(static_cast<unsigned>(n)).bytes
+                       : Bytes{static_cast<unsigned char>(n)};
+  };
+  const Bytes decoderInfo = join({{5}, length(config.size()), config});
+  const Bytes decoder = join({{4}, length(13 + decoderInfo.size()), {0x40, 0x15}, Bytes(11, 0), decoderInfo});
+  return ByteWriter::box("esds", join({Bytes(4, 0), {3}, length(3 + decoder.size()), {0, 1, 0}, decoder}));
+}
+
+// The configuration children parsed from golden bytes; short or garbage
+// ones read as unknown and, like every case, are written back byte for byte.
+TEST(CodecConfig, ProfileLevelAndCountsFromGoldenBytesOthersKeptWhole) {
+  const Bytes sps = {0x67, 0x64, 0x00, 0x1F}, pps = {0x68, 0xEE};
+  const Bytes high = join({{1, 100, 0, 31, 0xFF, 0xE1, 0, 4}, sps, {1, 0, 2}, pps});
+  const Bytes arrays = join({{0xA0, 0, 1, 0, 2, 0x40, 0x01}, {0xA1, 0, 1, 0, 1, 0x42},
+                             {0xA2, 0, 2, 0, 1, 0x44, 0, 1, 0x44}});
+  const Bytes main31 = hvcC(0x01, 93, 3);
+  const std::pair<Bytes, std::string> cases[] = {
+      {ByteWriter::box("avcC", high), "High@3.1 len4 sps1 pps1"},
+      {ByteWriter::box("avcC", {1, 66, 0xC0, 10, 0xFD, 0xE0, 0}), "Constrained Baseline@1 len2 sps0 pps0"},
+      {ByteWriter::box("avcC", {1, 77, 0x10, 11, 0xFC, 0xE0, 0}), "Main@1b len1 sps0 pps0"},
+      {ByteWriter::box("avcC", {1, 100, 0x10, 9, 0xFF, 0xE0, 0}), "High@1b len4 sps0 pps0"},
+      {ByteWriter::box("avcC", Bytes(high.begin(), high.end() - 1)), "unknown@unknown len4 sps1 pps1"},
+      {ByteWriter::box("avcC", {0, 100, 0, 31, 0xFF, 0xE0, 0}), "unknown@unknown len4 sps0 pps0"},
+      {ByteWriter::box("avcC", {}), "unknown@unknown len1 sps0 pps0"},
+      {ByteWriter::box("hvcC", join({main31, arrays})), "Main@L3.1 len4 vps1 sps1 pps2"},
+      {ByteWriter::box("hvcC", hvcC(0x22, 120, 0)), "Main 10@H4 len4 vps0 sps0 pps0"},
+      {ByteWriter::box("hvcC", join({main31, Bytes(arrays.begin(), arrays.end() - 1)})),
+       "unknown@unknown len4 vps1 sps1 pps2"},
+      {ByteWriter::box("hvcC", Bytes(main31.begin(), main31.begin() + 12)),
+       "unknown@unknown len1 vps0 sps0 pps0"},
+      {esds({0x11, 0x90}, false), "2ch 48000Hz"},
+      {esds({0x13, 0x88}, true), "1ch 22050Hz"},
+      {esds({0x17, 0x80, 0x56, 0x22, 0x08}, false), "1ch 44100Hz"},  // rate written out in 24 bits
+      {esds({0x13}, true), "unknown"},
+      {ByteWriter::box("esds", {0, 0, 0, 0, 4, 2, 0x40}), "unknown"},
+  };
+  for (const auto& [config, expected] : cases) {
+    SCOPED_TRACE(expected);
+    const bool audio = config[4] == 'e';
+    const Bytes fields = audio ? audioFields(0, 2, 48000u << 16) : visualFields(64, 48, "");
+    const std::string type = audio ? "mp4a" : config[4] == 'a' ? "avc1" : "hvc1";
+    Box entry = readChild(stsd, ByteWriter::box(type, join({fields, config})));
+    ASSERT_NE(entry, nullptr);
+    EXPECT_EQ(configOf(*entry), expected);
   }
 }
 

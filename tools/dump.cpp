@@ -11,7 +11,7 @@ namespace mp4stbl::cli {
 
 namespace {
 
-using nlohmann::json;
+using json = nlohmann::ordered_json;  // fields stay in file order
 
 // Collects what a box describes of itself as JSON.
 class JsonFields : public FieldSink {
@@ -19,6 +19,12 @@ class JsonFields : public FieldSink {
   explicit JsonFields(size_t limit) : limit_(limit) {}
 
   void field(const char* name, uint64_t value) override { fields_[name] = value; }
+  // Names come from the file: bytes outside printable ASCII become '.'.
+  void text(const char* name, const std::string& value) override {
+    std::string shown = value;
+    for (char& c : shown) c = c >= 0x20 && c < 0x7F ? c : '.';
+    fields_[name] = shown;
+  }
   size_t table(size_t count) override {
     fields_["count"] = count;
     fields_["entries"] = json::array();
@@ -93,7 +99,8 @@ int dump(const Options& options) {
   json boxes = json::array();
   for (const Atom* box : opened->file.root.children) boxes.push_back(tree(*box, limit));
   if (options.json) {
-    printJson({{"file", options.file}, {"boxes", boxes}});
+    json document = {{"file", options.file}, {"boxes", std::move(boxes)}};
+    printJson(document);
     return 0;
   }
   for (const json& box : boxes) printTree(box, 0);

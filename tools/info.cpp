@@ -1,8 +1,11 @@
-// mp4stbl info: one summary line per track.
+// mp4stbl info: the file's brands and layout, one summary line per track
+// and one line of what it holds (picture size, frame rate, profile, sound).
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 
+#include "box/codec_config.h"
+#include "box/movie_boxes.h"
 #include "command.h"
 #include "table.h"
 
@@ -61,6 +64,162 @@ json trackSummary(const Track& track) {
   return summary;
 }
 
+// The brands, whether moov comes before the media data (a player can
+// start before the whole file arrives) and whether movie fragments follow.
+json fileSummary(const Mp4File& file) {
+  json summary = {{"majorBrand", nullptr}, {"compatibleBrands", json::array()}};
+  bool moovSeen = false, mdatSeen = false, fastStart = false, fragmented = false;
+  for (const Atom* box : file.root.children) {
+    const std::string& type = box->header.type;
+    if (const auto* ftyp = dynamic_cast<const FtypAtom*>(box); ftyp && ftyp->parsed) {
+      summary["majorBrand"] = ftyp->majorBrand;
+      summary["minorVersion"] = ftyp->minorVersion;
+      summary["compatibleBrands"] = ftyp->compatibleBrands;
+    }
+    if (type == "moov") {
+      fastStart = fastStart || (!moovSeen && !mdatSeen);
+      moovSeen = true;
+      for (const Atom* child : box->children) {
+        fragmented = fragmented || child->header.type == "mvex";
+      }
+    }
+    mdatSeen = mdatSeen || type == "mdat";
+    fragmented = fragmented || type == "moof";
+  }
+  summary["fastStart"] = fastStart;
+  summary["fragmented"] = fragmented;
+  return summary;
+}
+
+const Atom* childOf(const Atom* parent, const char* type) {
+  if (parent == nullptr) return nullptr;
+  for (const Atom* child : parent->children) {
+    if (child->header.type == type) return child;
+  }
+  return nullptr;
+}
+
+// The trak box of a track, by the id in its tkhd.
+const Atom* trakOf(Mp4File& file, const Track& track) {
+  for (const Atom* trak : file.find("moov/trak")) {
+    const auto* tkhd = dynamic_cast<const TkhdAtom*>(childOf(trak, "tkhd"));
+    if (tkhd != nullptr && tkhd->trackId == track.id()) return trak;
+  }
+  return nullptr;
+}
+
+json codecOf(const Atom& entry) {
+  for (const Atom* child : entry.children) {
+    if (const auto* avc = dynamic_cast<const AvcConfigAtom*>(child)) {
+      return {{"profile", avc->profileName()}, {"level", avc->levelName()},
+              {"profileIdc", avc->profile}, {"levelIdc", avc->level}};
+    }
+    if (const auto* hevc = dynamic_cast<const HevcConfigAtom*>(child)) {
+      return {{"profile", hevc->profileName()}, {"level", hevc->levelName()},
+              {"profileIdc", hevc->profile}, {"levelIdc", hevc->level}};
+    }
+  }
+  return nullptr;
+}
+
+// Samples a second over the whole track, and whether every sample lasts
+// as long (one duration in stts).
+void addFrameRate(const Track& track, json& media) {
+  const uint64_t duration = track.stts().totalDuration();
+  if (duration == 0 || track.sampleCount() == 0) return;
+  media["frameRate"] = static_cast<double>(track.sampleCount()) * track.timescale() / duration;
+  bool constant = true;
+  for (const SttsEntry& run : track.stts().entries) {
+    constant = constant && run.sampleDelta == track.stts().entries.front().sampleDelta;
+  }
+  media["constantFrameRate"] = constant;
+}
+
+// What a track holds, as its sample entry, tkhd and mdhd tell it.
+json mediaSummary(Mp4File& file, const Track& track) {
+  json media = json::object();
+  const Atom* trak = trakOf(file, track);
+  if (const auto* mdhd = dynamic_cast<const MdhdAtom*>(childOf(childOf(trak, "mdia"), "mdhd"))) {
+    media["language"] = mdhd->languageCode();
+  }
+  const Atom* entry = track.stsd().children.empty() ? nullptr : track.stsd().children.front();
+  if (const auto* visual = dynamic_cast<const VisualSampleEntry*>(entry)) {
+    media["width"] = visual->width;
+    media["height"] = visual->height;
+    uint32_t width = 0, height = 0;
+    const auto* tkhd = dynamic_cast<const TkhdAtom*>(childOf(trak, "tkhd"));
+    if (tkhd != nullptr && tkhd->displaySize(&width, &height) &&
+        (width != visual->width || height != visual->height)) {
+      media["displayWidth"] = width;
+      media["displayHeight"] = height;
+    }
+  }
+  if (const auto* audio = dynamic_cast<const AudioSampleEntry*>(entry)) {
+    const double rate = audio->samplesPerSecond();
+    media["sampleRate"] = rate == std::floor(rate) ? json(static_cast<uint64_t>(rate)) : json(rate);
+    media["channels"] = audio->channels();
+    // The stream's own configuration outranks the entry's channel count.
+    for (const Atom* child : audio->children) {
+      const auto* esds = dynamic_cast<const EsdsAtom*>(child);
+      if (esds != nullptr && esds->channels() != 0) media["channels"] = esds->channels();
+    }
+  }
+  if (track.handler() == "vide") addFrameRate(track, media);
+  if (entry != nullptr) {
+    const json codec = codecOf(*entry);
+    if (!codec.is_null()) media["codec"] = codec;
+  }
+  return media;
+}
+
+// "29.97", "25": two decimals at most.
+std::string shortNumber(double value) {
+  std::string text = format("%.2f", value);
+  text.erase(text.find_last_not_of('0') + 1);
+  if (text.back() == '.') text.pop_back();
+  return text;
+}
+
+void printFile(const json& summary) {
+  std::string brands = "none (QuickTime)";
+  if (!summary["majorBrand"].is_null()) {
+    brands = summary["majorBrand"].get<std::string>() + ", compatible:";
+    for (const json& brand : summary["compatibleBrands"]) brands += " " + brand.get<std::string>();
+  }
+  std::printf("brand %s; fast start: %s; fragmented: %s\n", brands.c_str(),
+              summary["fastStart"].get<bool>() ? "yes" : "no",
+              summary["fragmented"].get<bool>() ? "yes" : "no");
+}
+
+void printMedia(const json& tracks) {
+  TextTable table({"track", "entry", "language", "size", "display", "frame rate", "profile",
+                   "sample rate", "channels"});
+  const auto shown = [](const json& value) { return value.is_null() ? "-" : value.dump(); };
+  for (const json& t : tracks) {
+    const json none;
+    const bool video = t.contains("width");
+    std::string rate = "-";
+    if (t.contains("frameRate")) {
+      rate = shortNumber(t["frameRate"].get<double>());
+      if (!t["constantFrameRate"].get<bool>()) rate += " (variable)";
+    }
+    std::string profile = "-";
+    if (t.contains("codec")) {
+      profile = t["codec"]["profile"].get<std::string>() + "@" +
+                t["codec"]["level"].get<std::string>();
+    }
+    table.add({t["id"].dump(), t["entry"], t.value("language", "-"),
+               video ? t["width"].dump() + "x" + t["height"].dump() : "-",
+               t.contains("displayWidth")
+                   ? t["displayWidth"].dump() + "x" + t["displayHeight"].dump()
+                   : "-",
+               rate, profile,
+               t.contains("sampleRate") ? shortNumber(t["sampleRate"].get<double>()) : "-",
+               shown(t.value("channels", none))});
+  }
+  table.print(stdout);
+}
+
 void printTracks(const json& tracks) {
   TextTable table({"track", "handler", "entry", "timescale", "samples", "duration", "seconds",
                    "bytes", "kbit/s", "key frames", "chunks", "offsets", "samples/chunk",
@@ -86,19 +245,30 @@ int info(const Options& options) {
   const auto opened = open(options);
   if (!opened) return kFailure;
   json tracks = json::array();
-  for (const Track& track : opened->tracks) tracks.push_back(trackSummary(track));
+  for (const Track& track : opened->tracks) {
+    json summary = trackSummary(track);
+    summary.update(mediaSummary(opened->file, track));
+    tracks.push_back(std::move(summary));
+  }
+  json facts = fileSummary(opened->file);
   const uint64_t length = opened->file.length();
   for (const std::string& reason : opened->unreadable) {
     std::fprintf(stderr, "mp4stbl: %s: %s\n", options.file.c_str(), reason.c_str());
   }
   if (options.json) {
-    printJson({{"file", options.file}, {"bytes", length}, {"tracks", tracks},
-               {"unreadable", opened->unreadable}});
+    json document = {{"file", options.file}, {"bytes", length}};
+    document.update(facts);
+    document["tracks"] = tracks;
+    document["unreadable"] = opened->unreadable;
+    printJson(document);
     return 0;
   }
   std::printf("%s: %llu bytes, %zu tracks\n", options.file.c_str(),
               static_cast<unsigned long long>(length), opened->tracks.size());
+  printFile(facts);
   printTracks(tracks);
+  std::printf("\n");
+  printMedia(tracks);
   return 0;
 }
 

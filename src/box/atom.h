@@ -44,6 +44,10 @@ class FieldSink {
  public:
   virtual ~FieldSink() = default;
   virtual void field(const char* name, uint64_t value) = 0;
+  // A field shown as text (a brand, a name); a sink of numbers skips it.
+  virtual void text(const char* name, const std::string& value) {
+    static_cast<void>(name), static_cast<void>(value);
+  }
   // A table of `count` records follows; returns how many rows the sink
   // takes, and the table offers no more.
   virtual size_t table(size_t count) = 0;

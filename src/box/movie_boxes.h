@@ -40,12 +40,27 @@ class FullBoxAtom : public Atom {
   int writeFullBox(Box& box, IOStream* stream);
 };
 
+// "ftyp": the brands a file claims. Kept as read; the brands are parsed
+// from those bytes, and a body too short for them leaves `parsed` false.
+class FtypAtom : public UserDefAtom {
+ public:
+  explicit FtypAtom(const AtomHeader& header);
+  int readData(IOStream* stream) override;
+  void describe(FieldSink& sink) const override;
+
+  bool parsed = false;
+  std::string majorBrand;
+  uint32_t minorVersion = 0;
+  std::vector<std::string> compatibleBrands;
+};
+
 // "mvhd"
 class MvhdAtom : public FullBoxAtom {
  public:
   explicit MvhdAtom(const AtomHeader& header);
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
+  void describe(FieldSink& sink) const override;
 
   uint64_t creationTime = 0;
   uint64_t modificationTime = 0;
@@ -64,6 +79,11 @@ class TkhdAtom : public FullBoxAtom {
   explicit TkhdAtom(const AtomHeader& header);
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
+  void describe(FieldSink& sink) const override;
+
+  // The display size in whole pixels (stored 16.16 after the matrix);
+  // false when the box is too short to hold it.
+  bool displaySize(uint32_t* width, uint32_t* height) const;
 
   uint64_t creationTime = 0;
   uint64_t modificationTime = 0;
@@ -83,6 +103,11 @@ class MdhdAtom : public FullBoxAtom {
   explicit MdhdAtom(const AtomHeader& header);
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
+  void describe(FieldSink& sink) const override;
+
+  // Three letters: the packed ISO 639-2/T code, or a QuickTime Macintosh
+  // language code below 0x400; "und" when neither names a language.
+  std::string languageCode() const;
 
   uint64_t creationTime = 0;
   uint64_t modificationTime = 0;
@@ -104,8 +129,11 @@ class HdlrAtom : public FullBoxAtom {
   explicit HdlrAtom(const AtomHeader& header);
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
+  void describe(FieldSink& sink) const override;
 
   std::string handlerType() const;
+  // The name: a C string, or a counted string as QuickTime writes it.
+  std::string name() const;
 
   uint32_t preDefined = 0;  // QuickTime's component type ("mhlr", "dhlr")
   std::array<uint8_t, 4> handler{};

@@ -23,6 +23,7 @@ constexpr AtomType kFileBoxes[] = {
     {"mvhd", &makeAtom<MvhdAtom>},      {"tkhd", &makeAtom<TkhdAtom>},
     {"mdhd", &makeAtom<MdhdAtom>},      {"hdlr", &makeAtom<HdlrAtom>},
     {"edts", &makeAtom<ContainerAtom>}, {"elst", &makeAtom<ElstAtom>},
+    {"ftyp", &makeAtom<FtypAtom>},
 };
 
 Atom* readFileBox(IOStream* stream) {

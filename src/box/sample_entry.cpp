@@ -1,5 +1,11 @@
 #include "box/sample_entry.h"
 
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <iterator>
+
+#include "box/codec_config.h"
 #include "box/fields.h"
 #include "box/log.h"
 
@@ -34,7 +40,7 @@ int readEntryTail(Atom& entry, IOStream* stream, std::vector<unsigned char>& tai
     return -1;
   }
   while (stream->getOffset() < stream->getLength()) {
-    Atom* child = ReadTypedChild(stream, nullptr, 0);
+    Atom* child = ReadTypedChild(stream, kSampleEntryChildren, std::size(kSampleEntryChildren));
     if (child == nullptr) return -1;
     entry.children.push_back(child);
   }
@@ -73,11 +79,65 @@ int VisualSampleEntry::readData(IOStream* stream) { return readEntry(*this, stre
 
 int VisualSampleEntry::writeData(IOStream* stream) { return writeEntry(*this, stream); }
 
+std::string VisualSampleEntry::compressor() const {
+  const size_t length = std::min<size_t>(compressorName[0], compressorName.size() - 1);
+  return std::string(compressorName.begin() + 1, compressorName.begin() + 1 + length);
+}
+
+void VisualSampleEntry::describe(FieldSink& sink) const {
+  sink.field("data_reference_index", dataReferenceIndex);
+  if (vendor != 0) {
+    const char code[4] = {static_cast<char>(vendor >> 24), static_cast<char>(vendor >> 16),
+                          static_cast<char>(vendor >> 8), static_cast<char>(vendor)};
+    sink.text("vendor", std::string(code, 4));
+  }
+  sink.field("width", width);
+  sink.field("height", height);
+  sink.field("horizontal_dpi", horizontalResolution >> 16);
+  sink.field("vertical_dpi", verticalResolution >> 16);
+  sink.field("frame_count", frameCount);
+  sink.text("compressor", compressor());
+  sink.field("depth", depth);
+}
+
 AudioSampleEntry::AudioSampleEntry(const AtomHeader& from) : Atom(from) {}
 
 int AudioSampleEntry::readData(IOStream* stream) { return readEntry(*this, stream); }
 
 int AudioSampleEntry::writeData(IOStream* stream) { return writeEntry(*this, stream); }
+
+double AudioSampleEntry::samplesPerSecond() const {
+  if (soundVersion != 2) return sampleRate / 65536.0;
+  double rate = 0;
+  static_assert(sizeof rate == sizeof v2SampleRate, "the rate is a 64-bit float");
+  std::memcpy(&rate, &v2SampleRate, sizeof rate);
+  return rate > 0 && rate < 1e12 ? rate : 0.0;  // NaN and nonsense alike give 0
+}
+
+uint32_t AudioSampleEntry::channels() const { return soundVersion == 2 ? v2[0] : channelCount; }
+
+void AudioSampleEntry::describe(FieldSink& sink) const {
+  sink.field("data_reference_index", dataReferenceIndex);
+  sink.field("version", soundVersion);
+  sink.field("channels", channelCount);
+  sink.field("sample_size", sampleSize);
+  sink.field("compression_id", compressionId);
+  sink.field("packet_size", packetSize);
+  sink.field("sample_rate", sampleRate >> 16);
+  if (soundVersion == 1) {
+    sink.field("samples_per_packet", v1[0]);
+    sink.field("bytes_per_packet", v1[1]);
+    sink.field("bytes_per_frame", v1[2]);
+    sink.field("bytes_per_sample", v1[3]);
+  } else if (soundVersion == 2) {
+    sink.field("v2_sample_rate", static_cast<uint64_t>(std::llround(samplesPerSecond())));
+    sink.field("v2_channels", v2[0]);
+    sink.field("bits_per_channel", v2[2]);
+    sink.field("format_flags", v2[3]);
+    sink.field("bytes_per_packet", v2[4]);
+    sink.field("frames_per_packet", v2[5]);
+  }
+}
 
 }  // namespace mp4stbl
 

@@ -1,8 +1,9 @@
 // Sample entries: the children of "stsd" that describe how a track's
 // samples are coded. The fixed part of each body is parsed into fields; the
-// child boxes that follow it (avcC, hvcC, esds, colr, pasp, btrt, chan,
-// wave, ...) are kept as opaque children. A tail that is not a clean run of
-// boxes is kept as raw bytes, so whatever a file holds is written back.
+// child boxes that follow it are its children: avcC, hvcC and esds typed,
+// the others (colr, pasp, btrt, chan, wave, ...) kept opaque. A tail that is
+// not a clean run of boxes is kept as raw bytes, so whatever a file holds is
+// written back.
 #pragma once
 
 #include <array>
@@ -22,6 +23,10 @@ class VisualSampleEntry : public Atom {
 
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
+  void describe(FieldSink& sink) const override;
+
+  // The name after the compressor name's length byte.
+  std::string compressor() const;
 
   std::array<uint8_t, 6> reserved{};
   uint16_t dataReferenceIndex = 1;
@@ -59,6 +64,11 @@ class AudioSampleEntry : public Atom {
 
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
+  void describe(FieldSink& sink) const override;
+
+  // Samples a second and channels, from the version 2 fields when present.
+  double samplesPerSecond() const;
+  uint32_t channels() const;
 
   uint32_t sampleRate = 0;  // 16.16 fixed point, as in the box
   uint16_t channelCount = 0;
