@@ -87,13 +87,11 @@ int64_t playStart(const Track& track) {
   return 0;
 }
 
-// How long a clip's track plays, in the movie's time scale.
+// How long a clip's track plays, in the movie's time scale: as its edit
+// list says, else its whole media.
 uint64_t playLength(const Track& track, uint32_t movieTimescale) {
-  const uint64_t media = track.mediaDuration();
-  const int64_t start = std::min<int64_t>(playStart(track), static_cast<int64_t>(media));
-  const uint64_t shown = toMovie(media - static_cast<uint64_t>(start), track.timescale(), movieTimescale);
-  if (track.elst() == nullptr) return shown;
-  return std::min(shown, track.presentationDuration());
+  if (track.elst() != nullptr) return track.presentationDuration();
+  return toMovie(track.mediaDuration(), track.timescale(), movieTimescale);
 }
 
 // How long each clip plays: as long as its shortest track, so that no
