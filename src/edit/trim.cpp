@@ -33,19 +33,15 @@ struct Cut {
   int64_t firstComposition = 0;  // composition offset of the first sample
   int64_t end = 0;               // when the last kept sample stops playing
   uint64_t duration = 0;         // of the kept samples, in decode order
-  std::vector<uint64_t> offsets;
-  std::vector<uint32_t> descriptions;
 
   bool empty() const { return first == 0 || last < first; }
 };
 
-// What the cut needs of a sample it may keep.
+// What the cut needs of a sample that may turn out to be its first.
 struct Candidate {
-  uint64_t offset;
-  int64_t presented;
-  int64_t composition;
-  uint32_t duration;
-  uint32_t description;
+  int64_t presented = 0;
+  int64_t composition = 0;
+  uint64_t decoded = 0;
 };
 
 // Samples a decoder must take before the first one it shows: the roll
@@ -66,10 +62,13 @@ uint32_t preRoll(const Track& track, Atom& stbl) {
   return roll;
 }
 
+// Finds the cut in one walk, remembering only the last few samples for the
+// pre-roll: memory stays the same however long the track.
 Result<Cut> cutTrack(const Track& track, const Window& window, uint32_t roll) {
   Cut cut;
-  std::vector<Candidate> seen;  // from the pre-roll of the start chosen so far
-  size_t start = 0;             // that start, in `seen`
+  std::vector<Candidate> recent(size_t{roll} + 1);  // by sample number, round
+  uint64_t firstDecoded = 0;
+  uint64_t endDecoded = 0;
   SampleWalker walk(track);
   for (;;) {
     Result<const SampleInfo*> next = walk.next();
@@ -77,38 +76,75 @@ Result<Cut> cutTrack(const Track& track, const Window& window, uint32_t roll) {
     const SampleInfo* sample = *next;
     if (sample == nullptr || presented(*sample) - compositionOffset(*sample) >= window.to) break;
     const int64_t at = presented(*sample);
+    recent[sample->number % recent.size()] = {at, compositionOffset(*sample), sample->decodeTime};
+    if (sample->sync && (at <= window.from || cut.first == 0)) {
+      cut.first = sample->number - std::min(roll, sample->number - 1);
+      const Candidate& first = recent[cut.first % recent.size()];
+      cut.firstPresented = first.presented;
+      cut.firstComposition = first.composition;
+      firstDecoded = first.decoded;
+    }
+    if (cut.first != 0 && at < window.to) {
+      cut.last = sample->number;
+      cut.end = std::max(cut.end, at + sample->duration);
+      endDecoded = sample->decodeTime + sample->duration;
+    }
+  }
+  cut.duration = endDecoded - firstDecoded;
+  return cut;
+}
+
+// The table's own crop gives one sample per chunk of the first
+// description; other groupings open a run at each change.
+std::unique_ptr<StscAtom> cutChunks(const StscAtom& source, const std::vector<uint32_t>& perChunk,
+                                    const std::vector<uint32_t>& descriptions) {
+  auto stsc = std::make_unique<StscAtom>(AtomHeader());
+  stsc->header.type = "stsc";
+  bool single = true;
+  for (size_t c = 0; c < perChunk.size(); ++c) single = single && perChunk[c] == 1 && descriptions[c] == 1;
+  if (single) {
+    stsc->crop2new(&source);
+    return stsc;
+  }
+  for (size_t c = 0; c < perChunk.size(); ++c) {
+    stsc->addEntry(static_cast<uint32_t>(c + 1), perChunk[c], descriptions[c]);
+  }
+  return stsc;
+}
+
+// The chunks of the new track and the media they come from. A track of
+// one sample size (PCM and its like, thousands of tiny samples a second)
+// keeps its samples grouped as the source's chunks group them; any other
+// track holds one sample per chunk, so that its chunk offsets are the
+// samples' positions.
+Status placeSamples(const Track& track, const Cut& cut, NewTrack& made, edit::Layout& layout) {
+  const bool grouped = track.stsz() == nullptr;
+  std::vector<uint32_t> perChunk;
+  std::vector<uint32_t> descriptions;
+  uint32_t sourceChunk = 0;
+  SampleWalker walk(track);
+  for (;;) {
+    Result<const SampleInfo*> next = walk.next();
+    if (!next.ok()) return next.status();
+    const SampleInfo* sample = *next;
+    if (sample == nullptr || sample->number > cut.last) break;
+    if (sample->number < cut.first) continue;
     if (sample->missing) {
       return track.fail("sample " + std::to_string(sample->number) +
                         " lies past the end of the file");
     }
-    if (sample->sync && (at <= window.from || cut.first == 0)) {
-      cut.first = sample->number;
-      // Only the pre-roll before the start is worth keeping.
-      const size_t drop = seen.size() - std::min<size_t>(seen.size(), roll);
-      if (drop > 4096) {
-        seen.erase(seen.begin(), seen.begin() + static_cast<std::ptrdiff_t>(drop));
-      }
-      start = seen.size();
+    layout.add(0, sample->offset, sample->size);
+    if (!grouped || sample->chunk != sourceChunk || sample->number == cut.first) {
+      made.chunkOffsets.push_back(sample->offset);
+      perChunk.push_back(0);
+      descriptions.push_back(sample->descriptionIndex);
+      sourceChunk = sample->chunk;
     }
-    seen.push_back({sample->offset, at, compositionOffset(*sample), sample->duration,
-                    sample->descriptionIndex});
-    if (cut.first != 0 && at < window.to) {
-      cut.last = sample->number;
-      cut.end = std::max(cut.end, at + sample->duration);
-    }
+    ++perChunk.back();
   }
-  if (cut.empty()) return cut;
-  const size_t before = std::min<size_t>({start, roll, cut.first - size_t{1}});
-  const size_t begin = start - before;
-  cut.first -= static_cast<uint32_t>(before);
-  cut.firstPresented = seen[begin].presented;
-  cut.firstComposition = seen[begin].composition;
-  for (size_t i = begin; i < begin + (cut.last - cut.first + 1); ++i) {
-    cut.offsets.push_back(seen[i].offset);
-    cut.descriptions.push_back(seen[i].description);
-    cut.duration += seen[i].duration;
-  }
-  return cut;
+  made.chunkSources.assign(made.chunkOffsets.size(), 0);
+  made.stsc = cutChunks(track.stsc(), perChunk, descriptions);
+  return Status();
 }
 
 // The runs of samples first..last: whole runs are merged as they stand, a
@@ -131,24 +167,6 @@ std::unique_ptr<SttsAtom> cutTimes(const SttsAtom& source, uint32_t first, uint3
     start = end;
   }
   return stts;
-}
-
-// One sample per chunk. The table's own crop gives exactly that when every
-// sample uses the first description; otherwise each change of description
-// opens a run.
-std::unique_ptr<StscAtom> cutChunks(const StscAtom& source, const std::vector<uint32_t>& descriptions) {
-  auto stsc = std::make_unique<StscAtom>(AtomHeader());
-  stsc->header.type = "stsc";
-  const bool firstOnly = std::all_of(descriptions.begin(), descriptions.end(),
-                                     [](uint32_t index) { return index == 1; });
-  if (firstOnly) {
-    stsc->crop2new(&source);
-  } else {
-    for (size_t i = 0; i < descriptions.size(); ++i) {
-      stsc->addEntry(static_cast<uint32_t>(i + 1), 1, descriptions[i]);
-    }
-  }
-  return stsc;
 }
 
 uint64_t toMovie(int64_t units, uint32_t timescale, uint32_t movieTimescale) {
@@ -174,7 +192,6 @@ NewTrack newTrack(const Track& track, Atom* trak, const Cut& cut) {
   made.timescale = track.timescale();
   made.sampleCount = cut.last - cut.first + 1;
   made.stts = cutTimes(track.stts(), cut.first, cut.last);
-  made.stsc = cutChunks(track.stsc(), cut.descriptions);
   if (track.stsz() != nullptr) {
     auto stsz = std::make_unique<StszAtom>(AtomHeader());
     stsz->header.type = "stsz";
@@ -189,8 +206,6 @@ NewTrack newTrack(const Track& track, Atom* trak, const Cut& cut) {
     made.stss->crop2new(track.stss(), cut.first, cut.last);
   }
   made.extras = edit::cutExtras(edit::sampleTable(trak), cut.first, cut.last);
-  made.chunkSources.assign(cut.offsets.size(), 0);
-  made.chunkOffsets = cut.offsets;
   made.mediaDuration = cut.duration;
   return made;
 }
@@ -253,10 +268,9 @@ Status trim(const std::string& input, double from, double to, const std::string&
       delete trak;
       continue;
     }
-    for (size_t i = 0; i < cut->offsets.size(); ++i) {
-      layout.add(0, cut->offsets[i], track.sampleSize(cut->first + static_cast<uint32_t>(i)));
-    }
     tracks.push_back(newTrack(track, trak, *cut));
+    Status placed = placeSamples(track, *cut, tracks.back(), layout);
+    if (!placed.ok()) return placed;
     if (!options.keyframe) {
       tracks.back().edits = windowEdits(*cut, window, track.timescale(), source->movieTimescale);
     }
