@@ -1,15 +1,13 @@
-// mp4stbl trim and join: new files cut or joined from others, without
-// re-encoding. A progress bar goes to stderr when it is a terminal and the
-// job runs for more than a second; an interrupt stops the job and leaves
-// no output.
+// What trim and join share: a progress bar on stderr when it is a terminal
+// and the job runs for more than a second, and an interrupt that stops the
+// job and leaves no output.
 #include <unistd.h>
 
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 
-#include "command.h"
-#include "edit/editor.h"
+#include "edit_job.h"
 
 namespace mp4stbl::cli {
 
@@ -49,9 +47,9 @@ class Progress {
   bool shown_ = false;
 };
 
-// Runs an edit with the progress bar and the interrupt in place; reports
-// the outcome as the other commands do.
-int runEdit(const Options& options, Status (*edit)(const Options&, const EditOptions&)) {
+}  // namespace
+
+int runEdit(const Options& options, EditJob edit) {
   const auto previous = std::signal(SIGINT, &onInterrupt);
   Status done;
   {
@@ -77,20 +75,6 @@ int runEdit(const Options& options, Status (*edit)(const Options&, const EditOpt
     std::printf("wrote %s\n", options.output.c_str());
   }
   return 0;
-}
-
-}  // namespace
-
-int trim(const Options& options) {
-  return runEdit(options, [](const Options& o, const EditOptions& e) {
-    return mp4stbl::trim(o.file, o.from, o.to, o.output, e);
-  });
-}
-
-int join(const Options& options) {
-  return runEdit(options, [](const Options& o, const EditOptions& e) {
-    return mp4stbl::join(o.inputs, o.output, e);
-  });
 }
 
 }  // namespace mp4stbl::cli

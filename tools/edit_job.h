@@ -1,0 +1,15 @@
+// The running of trim and join: progress, interrupt and the outcome.
+#pragma once
+
+#include "command.h"
+#include "edit/editor.h"
+
+namespace mp4stbl::cli {
+
+using EditJob = Status (*)(const Options&, const EditOptions&);
+
+// Runs `edit` with a progress bar and the interrupt in place; prints the
+// outcome as the other commands do and returns the exit status.
+int runEdit(const Options& options, EditJob edit);
+
+}  // namespace mp4stbl::cli
