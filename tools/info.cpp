@@ -24,11 +24,18 @@ ChunkGrouping groupingOf(const Track& track) {
                                          : std::min(grouping.least, run.samplesPerChunk);
     grouping.most = std::max(grouping.most, run.samplesPerChunk);
   }
+  // Each run of a fragment is a chunk.
+  for (const FragmentRun& run : track.fragments().runs) {
+    const uint32_t count = run.trun->sampleCount;
+    grouping.least = grouping.least == 0 ? count : std::min(grouping.least, count);
+    grouping.most = std::max(grouping.most, count);
+  }
   return grouping;
 }
 
 json trackSummary(const Track& track) {
-  const uint64_t duration = track.stts().totalDuration();
+  const uint64_t duration =
+      track.fragmented() ? track.fragments().endTime : track.stts().totalDuration();
   const double length = seconds(duration, track.timescale());
   const uint64_t bytes = track.totalSampleBytes();
   const ChunkGrouping grouping = groupingOf(track);
@@ -42,14 +49,18 @@ json trackSummary(const Track& track) {
       {"seconds", length},
       {"bytes", bytes},
       {"bitrate", length > 0 ? std::round(static_cast<double>(bytes) * 8 / length) : 0.0},
-      {"chunks", track.chunkCount()},
+      {"chunks", track.chunkCount() + track.fragments().runs.size()},
       {"offsets", track.stco() != nullptr ? "stco" : "co64"},
       {"samplesPerChunk", {{"min", grouping.least}, {"max", grouping.most}}},
       {"sampleSize", track.constantSampleSize() != 0 ? json(track.constantSampleSize())
                                                      : json("table")},
   };
-  summary["keyFrames"] =
-      track.stss() != nullptr ? json(track.stss()->entries.size()) : json("all");
+  const uint64_t keys = (track.stss() != nullptr ? track.stss()->entries.size()
+                                                 : track.tableSampleCount()) +
+                        track.fragments().syncSamples;
+  const bool allSync = track.stss() == nullptr &&
+                       track.fragments().syncSamples == track.fragments().samples;
+  summary["keyFrames"] = allSync ? json("all") : json(keys);
   return summary;
 }
 
@@ -80,16 +91,20 @@ int info(const Options& options) {
   json tracks = json::array();
   for (const Track& track : opened->tracks) tracks.push_back(trackSummary(track));
   const uint64_t length = opened->file.length();
+  const size_t fragments = opened->file.find("moof").size();
   for (const std::string& reason : opened->unreadable) {
     std::fprintf(stderr, "mp4stbl: %s: %s\n", options.file.c_str(), reason.c_str());
   }
   if (options.json) {
-    printJson({{"file", options.file}, {"bytes", length}, {"tracks", tracks},
+    printJson({{"file", options.file}, {"bytes", length}, {"fragmented", fragments > 0},
+               {"tracks", tracks},
                {"unreadable", opened->unreadable}});
     return 0;
   }
-  std::printf("%s: %llu bytes, %zu tracks\n", options.file.c_str(),
-              static_cast<unsigned long long>(length), opened->tracks.size());
+  const std::string fragmented =
+      fragments > 0 ? ", fragmented: " + std::to_string(fragments) + " movie fragments" : "";
+  std::printf("%s: %llu bytes, %zu tracks%s\n", options.file.c_str(),
+              static_cast<unsigned long long>(length), opened->tracks.size(), fragmented.c_str());
   printTracks(tracks);
   return 0;
 }

@@ -10,10 +10,11 @@ namespace {
 void printRow(const SampleInfo& s, bool json, bool first) {
   if (json) {
     std::printf("%s\n  {\"number\": %u, \"chunk\": %u, \"offset\": %llu, \"size\": %u, "
-                "\"decodeTime\": %llu, \"duration\": %u, \"sync\": %s%s}",
+                "\"decodeTime\": %llu, \"duration\": %u, \"compositionOffset\": %lld, "
+                "\"sync\": %s%s}",
                 first ? "" : ",", s.number, s.chunk, static_cast<unsigned long long>(s.offset),
                 s.size, static_cast<unsigned long long>(s.decodeTime), s.duration,
-                s.sync ? "true" : "false", s.missing ? ", \"missing\": true" : "");
+                static_cast<long long>(s.compositionOffset), s.sync ? "true" : "false", s.missing ? ", \"missing\": true" : "");
   } else {
     std::printf("%10u %8u %14llu %10u %14llu %10u %5s%s\n", s.number, s.chunk,
                 static_cast<unsigned long long>(s.offset), s.size,

@@ -27,6 +27,18 @@ void noteResult(IOStream* stream, bool* failed, int result, int width, const cha
 
 }  // namespace
 
+bool FieldReader::fits(uint64_t count, uint64_t recordBytes) {
+  const long long left = stream_->getLength() - stream_->getOffset();
+  if (left >= 0 && (recordBytes == 0 || count <= static_cast<uint64_t>(left) / recordBytes)) {
+    return true;
+  }
+  QX_LOG_Printf("MP4", 3, "offset:%lld, %llu records of %llu bytes pass the end of the box\n",
+                stream_->getOffset(), static_cast<unsigned long long>(count),
+                static_cast<unsigned long long>(recordBytes));
+  failed_ = true;
+  return false;
+}
+
 void FieldReader::take(int result, int width, const char* operation) {
   noteResult(stream_, &failed_, result, width, operation);
 }

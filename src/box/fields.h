@@ -8,6 +8,7 @@
 
 #include <array>
 #include <cstdint>
+#include <vector>
 
 #include "box/stream.h"
 
@@ -28,11 +29,19 @@ class FieldReader {
   void u24(uint32_t& value) { take(stream_->readBe24(&value), 3, "readBe24"); }
   // A 64-bit field stored in 32 bits, as version 0 boxes do.
   void as32(uint64_t& value);
+  // Makes room for a table of `count` records of `recordBytes` each, once
+  // the rest of the box is known to hold them: a count read from the file
+  // never sizes memory beyond the file.
+  template <class Record>
+  void records(std::vector<Record>& table, uint64_t count, uint64_t recordBytes) {
+    if (!failed_ && fits(count, recordBytes)) table.resize(static_cast<size_t>(count));
+  }
   // 0 when every field was read, -1 after the first failure (logged).
   int status() const { return failed_ ? -1 : 0; }
 
  private:
   void take(int result, int width, const char* operation);
+  bool fits(uint64_t count, uint64_t recordBytes);
   IOStream* stream_;
   bool failed_ = false;
 };
@@ -49,6 +58,9 @@ class FieldWriter {
     take(stream_->writeBytes(bytes.data(), N), static_cast<int>(N), "writeBytes");
   }
   void u24(uint32_t value) { take(stream_->writeBe24(value), 3, "writeBe24"); }
+  // The table is written as held.
+  template <class Record>
+  void records(const std::vector<Record>&, uint64_t, uint64_t) {}
   // Deliberately keeps the low 32 bits: the box's version has room for no more.
   void as32(uint64_t value) { (*this)(static_cast<uint32_t>(value)); }
   int status() const { return failed_ ? -1 : 0; }

@@ -1,39 +1,10 @@
 #include "box/movie_boxes.h"
 
-#include "box/fields.h"
-#include "box/log.h"
+#include "box/full_box_io.h"
 
 namespace mp4stbl {
 
 FullBoxAtom::FullBoxAtom(const AtomHeader& from) : Atom(from) {}
-
-template <class Box>
-int FullBoxAtom::readFullBox(Box& box, IOStream* stream) {
-  if (stream == nullptr) {
-    QX_LOG_NULL_PARAM("readData");
-    return -1;
-  }
-  FieldReader reader(stream);
-  reader(version);
-  reader.u24(flags);
-  if (reader.status() == 0 && hasKnownVersion()) box.fields(reader);
-  if (reader.status() != 0) return -1;
-  return readRestOfBox(stream, header, &rest);
-}
-
-template <class Box>
-int FullBoxAtom::writeFullBox(Box& box, IOStream* stream) {
-  if (stream == nullptr) {
-    QX_LOG_NULL_PARAM("writeData");
-    return -1;
-  }
-  FieldWriter writer(stream);
-  writer(version);
-  writer.u24(flags);
-  if (hasKnownVersion()) box.fields(writer);
-  if (writer.status() != 0) return -1;
-  return writeRawBytes(stream, rest);
-}
 
 MvhdAtom::MvhdAtom(const AtomHeader& from) : FullBoxAtom(from) {}
 int MvhdAtom::readData(IOStream* stream) { return readFullBox(*this, stream); }

@@ -51,6 +51,9 @@ uint64_t Track::chunkCount() const {
 }
 
 uint64_t Track::chunkOffset(uint64_t chunk) const {
+  if (chunk > chunkCount() && chunk - chunkCount() <= fragments_.runs.size()) {
+    return fragments_.runs[chunk - chunkCount() - 1].dataStart;
+  }
   if (chunk == 0 || chunk > chunkCount()) return 0;
   return stco_ != nullptr ? stco_->entries[chunk - 1] : co64_->entries[chunk - 1];
 }
@@ -61,7 +64,9 @@ uint32_t Track::sampleSize(uint32_t number) const {
 }
 
 uint64_t Track::totalSampleBytes() const {
-  return stsz_ != nullptr ? stsz_->TotalSampleSize() : uint64_t{constantSize_} * sampleCount_;
+  const uint64_t table =
+      stsz_ != nullptr ? stsz_->TotalSampleSize() : uint64_t{constantSize_} * sampleCount_;
+  return table + fragments_.bytes;
 }
 
 Status Track::fail(const std::string& what) const {
@@ -158,6 +163,7 @@ Status Track::takeTables(const Atom* stbl) {
 
 FoundTracks findTracks(Mp4File& file) {
   FoundTracks found;
+  FragmentIndex fragments = indexFragments(file);
   for (Atom* trak : file.find("moov/trak")) {
     Track track;
     track.fileLength_ = file.length();
@@ -171,12 +177,21 @@ FoundTracks findTracks(Mp4File& file) {
     }
     Status status = stbl == nullptr ? track.fail("no stbl") : track.takeTables(stbl);
     if (status.ok()) status = track.check();
+    if (status.ok()) status = track.takeFragments(fragments);
     if (status.ok()) {
       found.tracks.push_back(track);
     } else {
       found.unreadable.push_back(status.message());
     }
+    fragments.byTrack.erase(track.id_);
   }
+  // What is left names no trak.
+  for (const auto& [id, left] : fragments.byTrack) {
+    fragments.problems.push_back("track " + std::to_string(id) + ": the movie fragment at offset " +
+                                 std::to_string(left.firstMoof) + " has samples for it, but no trak");
+  }
+  found.unreadable.insert(found.unreadable.end(), fragments.problems.begin(),
+                          fragments.problems.end());
   return found;
 }
 
@@ -204,6 +219,7 @@ Status SampleWalker::enterChunk() {
 
 Result<const SampleInfo*> SampleWalker::next() {
   if (number_ >= track_.sampleCount()) return nullptr;
+  if (number_ >= track_.tableSampleCount()) return nextInFragments();
   if (leftInChunk_ == 0) {
     Status entered = enterChunk();
     if (!entered.ok()) return entered;
@@ -241,6 +257,7 @@ Result<const SampleInfo*> SampleWalker::next() {
 }
 
 uint32_t sampleAtTime(const Track& track, uint64_t time) {
+  if (track.fragmented()) return sampleAtTimeInFragments(track, time);
   uint64_t start = 0;
   uint64_t number = 0;
   for (const SttsEntry& run : track.stts().entries) {
