@@ -161,10 +161,6 @@ Result<const SampleInfo*> SampleWalker::nextInFragments() {
     time_ = run.decodeStart;
   }
   const FragmentSample own = run.sample(inRun_);
-  if (position_ > UINT64_MAX - own.size) {
-    return fail("sample " + std::to_string(number_ + 1) + " at offset " +
-                std::to_string(position_) + " runs past the end of any file");
-  }
   SampleInfo& sample = sample_;
   sample.number = ++number_;
   sample.chunk = static_cast<uint32_t>(track_.chunkCount() + fragmentRun_ + 1);
@@ -174,9 +170,10 @@ Result<const SampleInfo*> SampleWalker::nextInFragments() {
   sample.duration = own.duration;
   sample.sync = own.sync;
   sample.descriptionIndex = run.descriptionIndex;
-  sample.missing = position_ + own.size > track_.fileLength();
+  // A run that starts or wraps past the end is missing, never a failure.
+  sample.missing = own.size > track_.fileLength() || position_ > track_.fileLength() - own.size;
   sample.compositionOffset = own.compositionOffset;
-  position_ += own.size;
+  position_ += own.size;  // wraps like the data offsets
   time_ += own.duration;  // wraps like the decode times it follows
   ++inRun_;
   return &sample_;
