@@ -126,7 +126,9 @@ void compareWithFfprobe(const std::string& path) {
     }
     ASSERT_EQ(samples.size(), packets.size());
     long long elapsed = 0, bytes = 0, shift = 0;
-    for (const json& sample : samples) shift = std::max(shift, -sample.value("compositionOffset", 0ll));
+    for (const json& sample : samples) {
+      shift = std::max(shift, -sample.value("compositionOffset", 0ll));
+    }
     for (size_t i = 0; i < samples.size(); ++i) {
       const json &ours = samples[i], &theirs = packets[i];
       SCOPED_TRACE("sample " + std::to_string(i + 1));
@@ -151,7 +153,8 @@ void compareWithFfprobe(const std::string& path) {
     }
     // ffprobe counts no frames in a fragmented file.
     EXPECT_EQ(tracks[index]["samples"],
-              fragmented ? static_cast<long long>(packets.size()) : number(streams[index]["nb_frames"]));
+              fragmented ? static_cast<long long>(packets.size())
+                         : number(streams[index]["nb_frames"]));
     EXPECT_EQ(tracks[index]["duration"], elapsed);
     // Seconds are the duration over the time scale; the bit rate is bits
     // over seconds, shown in the text as kbit/s.

@@ -20,6 +20,13 @@ Bytes fullBox(const std::string& type, unsigned version, uint32_t flags, const B
   return ByteWriter::box(type, ByteWriter().u8(version).u24(flags).append(body).bytes);
 }
 
+// Big-endian 32-bit words.
+Bytes words(std::initializer_list<uint32_t> values) {
+  ByteWriter out;
+  for (uint32_t value : values) out.u32(value);
+  return out.bytes;
+}
+
 Bytes boxOf(const std::string& type, std::initializer_list<Bytes> children) {
   ByteWriter body;
   for (const Bytes& child : children) body.append(child);
@@ -38,40 +45,47 @@ struct Fragmented {
   // with no offset of its own: durations 50, 60, sizes 5, 7.
   uint32_t traf1Track = 1;
   uint32_t runACount = 3;
-  Bytes runA = ByteWriter().u32(156).u32(0x02000000)
-                   .u32(10).u32(200).u32(20).u32(static_cast<uint32_t>(-100)).u32(30).u32(0).bytes;
+  uint32_t runBCount = 2;
+  uint32_t runBFlags = TrunAtom::kDuration | TrunAtom::kSize;
+  Bytes runA = words({156, 0x02000000, 10, 200, 20, static_cast<uint32_t>(-100), 30, 0});
   // Fragment 2 has no base flags: its first track fragment counts from the
   // moof (data offset 132, size 8, duration 40 from tfhd), the second
   // from the end of the first one's data (size 9, key frame by tfhd).
   Bytes mdat2 = Bytes(17, 0xBB);
 
   Bytes bytes() const {
-    const Bytes stbl = boxOf(
-        "stbl", {fullBox("stsd", 0, 0, ByteWriter().u32(0).bytes), fullBox("stts", 0, 0, Bytes(4)),
-                 fullBox("stsc", 0, 0, Bytes(4)), fullBox("stsz", 0, 0, Bytes(8)),
-                 fullBox("stco", 0, 0, Bytes(4))});
-    const Bytes moov = boxOf(
-        "moov",
-        {boxOf("trak",
-               {fullBox("tkhd", 0, 3, ByteWriter().u32(0).u32(0).u32(1).u32(0).u32(0).bytes),
-                boxOf("mdia", {fullBox("mdhd", 0, 0, ByteWriter().u32(0).u32(0).u32(1000).u32(0).u32(0).bytes),
-                               fullBox("hdlr", 0, 0, ByteWriter().u32(0).text("vide").append(Bytes(13)).bytes),
-                               boxOf("minf", {stbl})})}),
-         boxOf("mvex", {fullBox("trex", 0, 0, ByteWriter().u32(trexTrack).append(trexDefaults).bytes)})});
-    const Bytes moof1 = boxOf(
-        "moof", {fullBox("mfhd", 0, 0, ByteWriter().u32(1).bytes),
-                 boxOf("traf", {fullBox("tfhd", 0, TfhdAtom::kDefaultBaseIsMoof, ByteWriter().u32(traf1Track).bytes),
-                                fullBox("tfdt", 1, 0, ByteWriter().u64(5000).bytes),
-                                fullBox("trun", 1, 0x000A05, ByteWriter().u32(runACount).append(runA).bytes),
-                                fullBox("trun", 0, 0x000300, ByteWriter().u32(2).u32(50).u32(5).u32(60).u32(7).bytes)})});
+    using W = ByteWriter;
+    const Bytes stbl =
+        boxOf("stbl", {fullBox("stsd", 0, 0, Bytes(4)), fullBox("stts", 0, 0, Bytes(4)),
+                       fullBox("stsc", 0, 0, Bytes(4)), fullBox("stsz", 0, 0, Bytes(8)),
+                       fullBox("stco", 0, 0, Bytes(4))});
+    const Bytes mdia =
+        boxOf("mdia", {fullBox("mdhd", 0, 0, W().u32(0).u32(0).u32(1000).u32(0).u32(0).bytes),
+                       fullBox("hdlr", 0, 0, W().u32(0).text("vide").append(Bytes(13)).bytes),
+                       boxOf("minf", {stbl})});
+    const Bytes tkhd = fullBox("tkhd", 0, 3, W().u32(0).u32(0).u32(1).u32(0).u32(0).bytes);
+    const Bytes trex = fullBox("trex", 0, 0, W().u32(trexTrack).append(trexDefaults).bytes);
+    const Bytes moov = boxOf("moov", {boxOf("trak", {tkhd, mdia}), boxOf("mvex", {trex})});
+    const Bytes traf1 = boxOf(
+        "traf", {fullBox("tfhd", 0, TfhdAtom::kDefaultBaseIsMoof, W().u32(traf1Track).bytes),
+                 fullBox("tfdt", 1, 0, W().u64(5000).bytes),
+                 fullBox("trun", 1, 0x000A05, W().u32(runACount).append(runA).bytes),
+                 fullBox("trun", 0, runBFlags, words({runBCount, 50, 5, 60, 7}))});
+    const Bytes moof1 = boxOf("moof", {fullBox("mfhd", 0, 0, W().u32(1).bytes), traf1});
     const Bytes moof2 = boxOf(
-        "moof", {fullBox("mfhd", 0, 0, ByteWriter().u32(2).bytes),
-                 boxOf("traf", {fullBox("tfhd", 0, TfhdAtom::kDefaultDuration, ByteWriter().u32(1).u32(40).bytes),
-                                fullBox("trun", 0, 0x000201, ByteWriter().u32(1).u32(132).u32(8).bytes)}),
-                 boxOf("traf", {fullBox("tfhd", 0, TfhdAtom::kDefaultFlags, ByteWriter().u32(1).u32(0).bytes),
-                                fullBox("trun", 0, 0x000200, ByteWriter().u32(1).u32(9).bytes)})});
-    return ByteWriter().append(moov).append(moof1).append(ByteWriter::box("mdat", Bytes(72, 0xAA)))
-        .append(moof2).append(ByteWriter::box("mdat", mdat2)).bytes;
+        "moof",
+        {fullBox("mfhd", 0, 0, W().u32(2).bytes),
+         boxOf("traf", {fullBox("tfhd", 0, TfhdAtom::kDefaultDuration, W().u32(1).u32(40).bytes),
+                        fullBox("trun", 0, 0x000201, W().u32(1).u32(132).u32(8).bytes)}),
+         boxOf("traf", {fullBox("tfhd", 0, TfhdAtom::kDefaultFlags, W().u32(1).u32(0).bytes),
+                        fullBox("trun", 0, 0x000200, W().u32(1).u32(9).bytes)})});
+    return W()
+        .append(moov)
+        .append(moof1)
+        .append(W::box("mdat", Bytes(72, 0xAA)))
+        .append(moof2)
+        .append(W::box("mdat", mdat2))
+        .bytes;
   }
 };
 
@@ -133,8 +147,8 @@ TEST(Fragments, WalkFollowsDefaultsBaseOffsetsAndDecodeTimes) {
   EXPECT_EQ(track.fragments().syncSamples, 2u);
   EXPECT_EQ(track.chunkOffset(3), 621u);
   // The sample at a time is the last to decode at or before it.
-  const std::pair<uint64_t, uint32_t> times[] = {{0, 1}, {5099, 1}, {5100, 2}, {5449, 6},
-                                                 {5450, 7}, {UINT64_MAX, 7}};
+  const std::pair<uint64_t, uint32_t> times[] = {{0, 1},    {5099, 1}, {5100, 2},
+                                                 {5449, 6}, {5450, 7}, {UINT64_MAX, 7}};
   for (const auto& [time, sample] : times) EXPECT_EQ(sampleAtTime(track, time), sample) << time;
   // Key frames 1 and 7: the last at or before, or the first at or after.
   const std::tuple<uint32_t, bool, uint32_t> keys[] = {
@@ -156,10 +170,14 @@ TEST(Fragments, BrokenFragmentsNameTheirTrackOrAreRefused) {
       {[](Fragmented& f) { f.traf1Track = 9; },
        "track 9: the movie fragment at offset 261 has samples for it, but no trak"},
       // The last sample lies one byte past the end of the file.
-      {[](Fragmented& f) { f.mdat2.pop_back(); }, "7 run 4 at 629+9 time 5450+100 cto 0 key missing"},
+      {[](Fragmented& f) { f.mdat2.pop_back(); },
+       "7 run 4 at 629+9 time 5450+100 cto 0 key missing"},
       // Run A's data offset counts back before the file: its samples are
       // missing, the runs after it are unaffected.
-      {[](Fragmented& f) { f.runA[3] = 0; f.runA[0] = 0xFF; },
+      {[](Fragmented& f) {
+         f.runA[3] = 0;
+         f.runA[0] = 0xFF;
+       },
        "7 run 4 at 629+9 time 5450+100 cto 0 key"},
       // A count of 2^32-1 samples: its records would pass the end of trun.
       {[](Fragmented& f) { f.runACount = UINT32_MAX; },
@@ -167,13 +185,18 @@ TEST(Fragments, BrokenFragmentsNameTheirTrackOrAreRefused) {
       // One more record than the box holds.
       {[](Fragmented& f) { f.runACount = 4; },
        "offset:353, 4 records of 8 bytes pass the end of the box"},
+      // 2^32-1 samples of the defaults take no bytes of the box, but more
+      // samples than the file has bytes are refused before any walk.
+      {[](Fragmented& f) { f.runBFlags = 0, f.runBCount = UINT32_MAX; },
+       trak + "fragments hold 4294967300 samples, more than the file can"},
   };
   for (const auto& c : cases) {
     Fragmented built;
     c.change(built);
     const std::vector<std::string> rows = walk(built.bytes()).rows;
     EXPECT_NE(std::find(rows.begin(), rows.end(), c.row), rows.end())
-        << c.row << "\nnot in\n" << testing::PrintToString(rows);
+        << c.row << "\nnot in\n"
+        << testing::PrintToString(rows);
   }
   Fragmented negative;
   negative.runA[3] = 0;

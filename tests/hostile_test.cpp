@@ -77,9 +77,13 @@ TEST(Hostile, MadeFilesEndAtTheirLimitWithinMemory) {
   // A tiny stbl whose stsz claims 2^28 sizes, a gigabyte of table.
   Bytes huge = ByteWriter::box("stsz", ByteWriter().u32(0).u32(0).u32(1u << 28).u32(1).bytes);
   for (const char* type : {"stbl", "minf", "mdia", "trak", "moov"}) huge = ByteWriter::box(type, huge);
+  // A fragment run that claims 2^28 sample sizes in a 24-byte box.
+  const Bytes trun = ByteWriter::box("trun", ByteWriter().u32(0x200).u32(1u << 28).u32(7).bytes);
+  const Bytes run = ByteWriter::box("moof", ByteWriter::box("traf", trun));
   const struct { Bytes file; bool reads; LogLine last; } cases[] = {
       {deep.bytes, false, {"MP4", 3, "box moov at offset 512 is nested deeper than 64 boxes\n"}},
       {huge, true, {"MP4", 3, "read 1073741824 bytes to stsz buf failed\n"}},
+      {run, false, {"MP4", 3, "offset:32, 268435456 records of 4 bytes pass the end of the box\n"}},
   };
   for (const auto& [file, reads, last] : cases) {
     LogCapture log;

@@ -14,7 +14,8 @@ void printRow(const SampleInfo& s, bool json, bool first) {
                 "\"sync\": %s%s}",
                 first ? "" : ",", s.number, s.chunk, static_cast<unsigned long long>(s.offset),
                 s.size, static_cast<unsigned long long>(s.decodeTime), s.duration,
-                static_cast<long long>(s.compositionOffset), s.sync ? "true" : "false", s.missing ? ", \"missing\": true" : "");
+                static_cast<long long>(s.compositionOffset), s.sync ? "true" : "false",
+                s.missing ? ", \"missing\": true" : "");
   } else {
     std::printf("%10u %8u %14llu %10u %14llu %10u %5s%s\n", s.number, s.chunk,
                 static_cast<unsigned long long>(s.offset), s.size,

@@ -51,9 +51,10 @@ uint64_t indexTraf(const Atom& traf, const TfhdAtom& tfhd, const TrexAtom* trex,
     FragmentRun run;
     run.trun = trun;
     // Offsets wrap on purpose: a negative data offset counts back from the base.
-    run.dataStart = trun->has(TrunAtom::kDataOffset)
-                        ? base + static_cast<uint64_t>(int64_t{static_cast<int32_t>(trun->dataOffset)})
-                        : position;
+    run.dataStart =
+        trun->has(TrunAtom::kDataOffset)
+            ? base + static_cast<uint64_t>(int64_t{static_cast<int32_t>(trun->dataOffset)})
+            : position;
     run.timed = first && tfdt != nullptr;
     run.decodeStart = run.timed ? tfdt->baseMediaDecodeTime : 0;
     run.defaultDuration =
@@ -153,8 +154,9 @@ Result<const SampleInfo*> SampleWalker::nextInFragments() {
     ++fragmentRun_;
     inRun_ = 0;
   }
-  if (fragmentRun_ >= runs.size()) return fail("the fragments end before sample " +
-                                                std::to_string(number_ + 1));
+  if (fragmentRun_ >= runs.size()) {
+    return fail("the fragments end before sample " + std::to_string(number_ + 1));
+  }
   const FragmentRun& run = runs[fragmentRun_];
   if (inRun_ == 0) {
     position_ = run.dataStart;

@@ -187,8 +187,10 @@ FoundTracks findTracks(Mp4File& file) {
   }
   // What is left names no trak.
   for (const auto& [id, left] : fragments.byTrack) {
-    fragments.problems.push_back("track " + std::to_string(id) + ": the movie fragment at offset " +
-                                 std::to_string(left.firstMoof) + " has samples for it, but no trak");
+    fragments.problems.push_back("track " + std::to_string(id) +
+                                 ": the movie fragment at offset " +
+                                 std::to_string(left.firstMoof) +
+                                 " has samples for it, but no trak");
   }
   found.unreadable.insert(found.unreadable.end(), fragments.problems.begin(),
                           fragments.problems.end());
