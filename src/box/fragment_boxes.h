@@ -35,6 +35,7 @@ class TrexAtom : public FullBoxAtom {
   explicit TrexAtom(const AtomHeader& header);
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
+  void describe(FieldSink& sink) const override;
 
   uint32_t trackId = 0;
   uint32_t defaultDescriptionIndex = 0;
@@ -54,6 +55,7 @@ class MfhdAtom : public FullBoxAtom {
   explicit MfhdAtom(const AtomHeader& header);
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
+  void describe(FieldSink& sink) const override;
 
   uint32_t sequenceNumber = 0;
 
@@ -78,6 +80,7 @@ class TfhdAtom : public FullBoxAtom {
   explicit TfhdAtom(const AtomHeader& header);
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
+  void describe(FieldSink& sink) const override;
 
   bool has(uint32_t flag) const { return (flags & flag) != 0; }
 
@@ -105,6 +108,7 @@ class TfdtAtom : public FullBoxAtom {
   explicit TfdtAtom(const AtomHeader& header);
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
+  void describe(FieldSink& sink) const override;
 
   uint64_t baseMediaDecodeTime = 0;
 
@@ -135,6 +139,7 @@ class TrunAtom : public FullBoxAtom {
   explicit TrunAtom(const AtomHeader& header);
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
+  void describe(FieldSink& sink) const override;
 
   bool has(uint32_t flag) const { return (flags & flag) != 0; }
   // The bytes each sample takes in the box.
