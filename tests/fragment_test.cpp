@@ -56,9 +56,9 @@ struct Fragmented {
   Bytes bytes() const {
     using W = ByteWriter;
     const Bytes stbl =
-        boxOf("stbl", {fullBox("stsd", 0, 0, Bytes(4)), fullBox("stts", 0, 0, Bytes(4)),
-                       fullBox("stsc", 0, 0, Bytes(4)), fullBox("stsz", 0, 0, Bytes(8)),
-                       fullBox("stco", 0, 0, Bytes(4))});
+        boxOf("stbl", {fullBox("stsd", 0, 0, ByteWriter().u32(1).append(W::box("test", {})).bytes),
+                       fullBox("stts", 0, 0, Bytes(4)), fullBox("stsc", 0, 0, Bytes(4)),
+                       fullBox("stsz", 0, 0, Bytes(8)), fullBox("stco", 0, 0, Bytes(4))});
     const Bytes mdia =
         boxOf("mdia", {fullBox("mdhd", 0, 0, W().u32(0).u32(0).u32(1000).u32(0).u32(0).bytes),
                        fullBox("hdlr", 0, 0, W().u32(0).text("vide").append(Bytes(13)).bytes),
@@ -66,11 +66,11 @@ struct Fragmented {
     const Bytes tkhd = fullBox("tkhd", 0, 3, W().u32(0).u32(0).u32(1).u32(0).u32(0).bytes);
     const Bytes trex = fullBox("trex", 0, 0, W().u32(trexTrack).append(trexDefaults).bytes);
     const Bytes moov = boxOf("moov", {boxOf("trak", {tkhd, mdia}), boxOf("mvex", {trex})});
-    const Bytes traf1 = boxOf(
-        "traf", {fullBox("tfhd", 0, TfhdAtom::kDefaultBaseIsMoof, W().u32(traf1Track).bytes),
-                 fullBox("tfdt", 1, 0, W().u64(5000).bytes),
-                 fullBox("trun", 1, 0x000A05, W().u32(runACount).append(runA).bytes),
-                 fullBox("trun", 0, runBFlags, words({runBCount, 50, 5, 60, 7}))});
+    const Bytes traf1 =
+        boxOf("traf", {fullBox("tfhd", 0, TfhdAtom::kDefaultBaseIsMoof, W().u32(traf1Track).bytes),
+                       fullBox("tfdt", 1, 0, W().u64(5000).bytes),
+                       fullBox("trun", 1, 0x000A05, W().u32(runACount).append(runA).bytes),
+                       fullBox("trun", 0, runBFlags, words({runBCount, 50, 5, 60, 7}))});
     const Bytes moof1 = boxOf("moof", {fullBox("mfhd", 0, 0, W().u32(1).bytes), traf1});
     const Bytes moof2 = boxOf(
         "moof",
@@ -119,21 +119,21 @@ Walked walk(const Bytes& bytes) {
   return walked;
 }
 
-// moov is 261 bytes, moof 1 starts there (148 bytes, its mdat 80), moof 2 at
-// 489 (124 bytes, its mdat 25).
+// moov is 269 bytes, moof 1 starts there (148 bytes, its mdat 80), moof 2 at
+// 497 (124 bytes, its mdat 25).
 TEST(Fragments, WalkFollowsDefaultsBaseOffsetsAndDecodeTimes) {
   const Bytes bytes = Fragmented().bytes();
-  ASSERT_EQ(bytes.size(), 638u);
+  ASSERT_EQ(bytes.size(), 646u);
   const Walked walked = walk(bytes);
   EXPECT_EQ(walked.written, bytes);
   EXPECT_EQ(walked.rows, (std::vector<std::string>{
-                             "1 run 1 at 417+10 time 5000+100 cto 200 key",
-                             "2 run 1 at 427+20 time 5100+100 cto -100",
-                             "3 run 1 at 447+30 time 5200+100 cto 0",
-                             "4 run 2 at 477+5 time 5300+50 cto 0",
-                             "5 run 2 at 482+7 time 5350+60 cto 0",
-                             "6 run 3 at 621+8 time 5410+40 cto 0",
-                             "7 run 4 at 629+9 time 5450+100 cto 0 key",
+                             "1 run 1 at 425+10 time 5000+100 cto 200 key",
+                             "2 run 1 at 435+20 time 5100+100 cto -100",
+                             "3 run 1 at 455+30 time 5200+100 cto 0",
+                             "4 run 2 at 485+5 time 5300+50 cto 0",
+                             "5 run 2 at 490+7 time 5350+60 cto 0",
+                             "6 run 3 at 629+8 time 5410+40 cto 0",
+                             "7 run 4 at 637+9 time 5450+100 cto 0 key",
                          }));
   MemoryStream in(bytes);
   Mp4File file;
@@ -145,7 +145,7 @@ TEST(Fragments, WalkFollowsDefaultsBaseOffsetsAndDecodeTimes) {
   EXPECT_EQ(track.totalSampleBytes(), 89u);
   EXPECT_EQ(track.fragments().endTime, 5550u);
   EXPECT_EQ(track.fragments().syncSamples, 2u);
-  EXPECT_EQ(track.chunkOffset(3), 621u);
+  EXPECT_EQ(track.chunkOffset(3), 629u);
   // The sample at a time is the last to decode at or before it.
   const std::pair<uint64_t, uint32_t> times[] = {{0, 1},    {5099, 1}, {5100, 2},
                                                  {5449, 6}, {5450, 7}, {UINT64_MAX, 7}};
@@ -160,31 +160,33 @@ TEST(Fragments, WalkFollowsDefaultsBaseOffsetsAndDecodeTimes) {
 
 // Fragments that do not fit their file or their tracks.
 TEST(Fragments, BrokenFragmentsNameTheirTrackOrAreRefused) {
-  const std::string trak = "track 1 (vide): ";
+  const std::string trak = "track 1 (vide, test): ";
   const struct {
     std::function<void(Fragmented&)> change;
     std::string row;  // a row of the walk
   } cases[] = {
       {[](Fragmented& f) { f.trexTrack = 2; }, trak + "has fragments but no trex in mvex"},
+      {[](Fragmented& f) { f.trexDefaults[3] = 2; },
+       trak + "the fragment run at offset 337 names sample description 2 of 1 in stsd"},
       // Fragment 2's samples still belong to track 1.
       {[](Fragmented& f) { f.traf1Track = 9; },
-       "track 9: the movie fragment at offset 261 has samples for it, but no trak"},
+       "track 9: the movie fragment at offset 269 has samples for it, but no trak"},
       // The last sample lies one byte past the end of the file.
       {[](Fragmented& f) { f.mdat2.pop_back(); },
-       "7 run 4 at 629+9 time 5450+100 cto 0 key missing"},
+       "7 run 4 at 637+9 time 5450+100 cto 0 key missing"},
       // Run A's data offset counts back before the file: its samples are
       // missing, the runs after it are unaffected.
       {[](Fragmented& f) {
          f.runA[3] = 0;
          f.runA[0] = 0xFF;
        },
-       "7 run 4 at 629+9 time 5450+100 cto 0 key"},
+       "7 run 4 at 637+9 time 5450+100 cto 0 key"},
       // A count of 2^32-1 samples: its records would pass the end of trun.
       {[](Fragmented& f) { f.runACount = UINT32_MAX; },
-       "offset:353, 4294967295 records of 8 bytes pass the end of the box"},
+       "offset:361, 4294967295 records of 8 bytes pass the end of the box"},
       // One more record than the box holds.
       {[](Fragmented& f) { f.runACount = 4; },
-       "offset:353, 4 records of 8 bytes pass the end of the box"},
+       "offset:361, 4 records of 8 bytes pass the end of the box"},
       // 2^32-1 samples of the defaults take no bytes of the box, but more
       // samples than the file has bytes are refused before any walk.
       {[](Fragmented& f) { f.runBFlags = 0, f.runBCount = UINT32_MAX; },
@@ -202,7 +204,7 @@ TEST(Fragments, BrokenFragmentsNameTheirTrackOrAreRefused) {
   negative.runA[3] = 0;
   negative.runA[0] = 0xFF;
   EXPECT_EQ(walk(negative.bytes()).rows.front(),
-            "1 run 1 at 18446744073692774661+10 time 5000+100 cto 200 key missing");
+            "1 run 1 at 18446744073692774669+10 time 5000+100 cto 200 key missing");
 }
 
 }  // namespace

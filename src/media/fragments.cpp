@@ -139,6 +139,11 @@ Status Track::takeFragments(FragmentIndex& index) {
   uint64_t time = 0;
   for (const SttsEntry& run : stts_->entries) time += uint64_t{run.sampleCount} * run.sampleDelta;
   for (FragmentRun& run : fragments.runs) {
+    if (run.descriptionIndex == 0 || run.descriptionIndex > stsd_->children.size()) {
+      return fail("the fragment run at offset " + std::to_string(run.trun->header.headerOffset) +
+                  " names sample description " + std::to_string(run.descriptionIndex) + " of " +
+                  std::to_string(stsd_->children.size()) + " in stsd");
+    }
     if (!run.timed) run.decodeStart = time;
     time = run.decodeStart + run.duration;
   }
