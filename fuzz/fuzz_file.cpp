@@ -56,8 +56,9 @@ void walkTracks(Mp4File& file, uint64_t fileLength) {
     }
     // Stopping early is always explained.
     check(walked == track.sampleCount() || (!step.ok() && !step.message().empty()));
+    // A fragmented track finds times by walking: only as far as the walk.
     const uint32_t last = sampleAtTime(track, UINT64_MAX);
-    check(last == track.sampleCount());
+    check(last == track.sampleCount() || (track.fragmented() && !step.ok()));
   }
 }
 
