@@ -97,8 +97,7 @@ int info(const Options& options) {
   }
   if (options.json) {
     printJson({{"file", options.file}, {"bytes", length}, {"fragmented", fragments > 0},
-               {"tracks", tracks},
-               {"unreadable", opened->unreadable}});
+               {"tracks", tracks}, {"unreadable", opened->unreadable}});
     return 0;
   }
   const std::string fragmented =

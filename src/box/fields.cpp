@@ -29,7 +29,7 @@ void noteResult(IOStream* stream, bool* failed, int result, int width, const cha
 
 bool FieldReader::fits(uint64_t count, uint64_t recordBytes) {
   const long long left = stream_->getLength() - stream_->getOffset();
-  if (left >= 0 && (recordBytes == 0 || count <= static_cast<uint64_t>(left) / recordBytes)) {
+  if (left >= 0 && recordBytes > 0 && count <= static_cast<uint64_t>(left) / recordBytes) {
     return true;
   }
   QX_LOG_Printf("MP4", 3, "offset:%lld, %llu records of %llu bytes pass the end of the box\n",

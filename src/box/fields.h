@@ -29,9 +29,9 @@ class FieldReader {
   void u24(uint32_t& value) { take(stream_->readBe24(&value), 3, "readBe24"); }
   // A 64-bit field stored in 32 bits, as version 0 boxes do.
   void as32(uint64_t& value);
-  // Makes room for a table of `count` records of `recordBytes` each, once
-  // the rest of the box is known to hold them: a count read from the file
-  // never sizes memory beyond the file.
+  // Makes room for a table of `count` records of `recordBytes` (at least 1)
+  // each, once the rest of the box is known to hold them: a count read from
+  // the file never sizes memory beyond the file.
   template <class Record>
   void records(std::vector<Record>& table, uint64_t count, uint64_t recordBytes) {
     if (!failed_ && fits(count, recordBytes)) table.resize(static_cast<size_t>(count));
