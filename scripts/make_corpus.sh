@@ -4,10 +4,10 @@
 #   scripts/make_corpus.sh OUTDIR --wide    the same, plus longer clips, fast
 #                                           start, several tracks, NTSC rates,
 #                                           B-frames, G.711 audio, a known
-#                                           H.264 profile and level, and
-#                                           languages
+#                                           H.264 profile and level,
+#                                           languages and fragmented files
 # The small set holds B-frames (composition offsets) in a track that starts
-# late (an edit list that begins with an empty edit).
+# late (an edit list that begins with an empty edit), and a fragmented file.
 # The flags are chosen so that one ffmpeg build always writes the same bytes:
 # synthetic sources, fixed sizes and durations, bit-exact muxing, no
 # metadata, one encoder thread.
@@ -61,6 +61,10 @@ video 64x48 25 0.2 && tone 22050 0.2
 make prores_apch_aac.mov -map 0:v -map 1:a -c:v prores_ks -profile:v 3 "${AAC[@]}"
 video 64x48 25 0.4
 make bframes_late.mp4 -c:v libx264 -preset veryfast -threads 1 -bf 2 -output_ts_offset 0.5
+X264B=(-c:v libx264 -preset veryfast -threads 1 -bf 3)
+video 96x64 25 0.8 && tone 22050 0.8
+make frag_h264_aac.mp4 -map 0:v -map 1:a "${X264B[@]}" -g 8 "${AAC[@]}" \
+  -movflags +frag_keyframe+empty_moov+default_base_moof+negative_cts_offsets
 
 [ "$wide" -eq 1 ] || exit 0
 
@@ -84,3 +88,25 @@ video 128x96 25 1 && tone 48000 1
 make h264_high_eng.mp4 -map 0:v -map 1:a -c:v libx264 -preset veryfast -threads 1 \
   -profile:v high -level 3.1 "${AAC[@]}" \
   -ac 2 -metadata:s:v language=fra -metadata:s:a language=eng
+
+# Fragmented files: samples in movie fragments after an empty or a short
+# sample table, data counted from the moof, from an explicit base or from
+# the fragment before, signed composition offsets and a segment index.
+video 96x64 25 2 && tone 22050 2
+make frag_keyframe_aac.mp4 -map 0:v -map 1:a "${X264[@]}" -g 12 "${AAC[@]}" \
+  -movflags +frag_keyframe+empty_moov+default_base_moof
+video 96x64 25 1 && tone 22050 1
+make frag_every_frame.mp4 -map 0:v -map 1:a "${X264[@]}" -g 12 "${AAC[@]}" \
+  -movflags +frag_every_frame+empty_moov+default_base_moof
+video 96x64 24000/1001 2 && tone 48000 2
+make frag_separate_moof.mp4 -map 0:v -map 1:a "${X264B[@]}" -g 24 "${AAC[@]}" \
+  -frag_duration 300000 -movflags +empty_moov+separate_moof+omit_tfhd_offset
+video 96x64 24000/1001 2 && tone 48000 2
+make frag_cmaf_negative_cts.mp4 -map 0:v -map 1:a "${X264B[@]}" -g 24 "${AAC[@]}" \
+  -frag_duration 500000 -movflags +cmaf+dash+delay_moov+global_sidx+negative_cts_offsets
+video 96x64 25 2 && tone 22050 2
+make frag_table_first.mp4 -map 0:v -map 1:a "${X264[@]}" -g 12 "${AAC[@]}" \
+  -movflags +frag_keyframe
+video 64x48 25 1.2 && tone 44100 1.2
+make frag_hevc_base_offset.mp4 -map 0:v -map 1:a "${X265[@]}" -g 10 "${AAC[@]}" \
+  -movflags +frag_keyframe+empty_moov

@@ -82,10 +82,14 @@ TEST(Hostile, MadeFilesEndAtTheirLimitWithinMemory) {
     huge = ByteWriter::box(type, huge);
     offsets = ByteWriter::box(type, offsets);
   }
+  // A fragment run that claims 2^28 sample sizes in a 24-byte box.
+  const Bytes trun = ByteWriter::box("trun", ByteWriter().u32(0x200).u32(1u << 28).u32(7).bytes);
+  const Bytes run = ByteWriter::box("moof", ByteWriter::box("traf", trun));
   const struct { Bytes file; bool reads; LogLine last; } cases[] = {
       {deep.bytes, false, {"MP4", 3, "box moov at offset 512 is nested deeper than 64 boxes\n"}},
       {huge, true, {"MP4", 3, "read 1073741824 bytes to stsz buf failed\n"}},
       {offsets, true, {"MP4", 3, "268435456 records of 8 bytes at offset 56 run past the box\n"}},
+      {run, false, {"MP4", 3, "268435456 records of 4 bytes at offset 32 run past the box\n"}},
   };
   for (const auto& [file, reads, last] : cases) {
     LogCapture log;

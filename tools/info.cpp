@@ -27,6 +27,12 @@ ChunkGrouping groupingOf(const Track& track) {
                                          : std::min(grouping.least, run.samplesPerChunk);
     grouping.most = std::max(grouping.most, run.samplesPerChunk);
   }
+  // Each run of a fragment is a chunk.
+  for (const FragmentRun& run : track.fragments().runs) {
+    const uint32_t count = run.trun->sampleCount;
+    grouping.least = grouping.least == 0 ? count : std::min(grouping.least, count);
+    grouping.most = std::max(grouping.most, count);
+  }
   return grouping;
 }
 
@@ -53,14 +59,18 @@ json trackSummary(const Track& track) {
       {"presentationSeconds", edited ? json(presentedSeconds) : json()},
       {"bytes", bytes},
       {"bitrate", length > 0 ? std::round(static_cast<double>(bytes) * 8 / length) : 0.0},
-      {"chunks", track.chunkCount()},
+      {"chunks", track.chunkCount() + track.fragments().runs.size()},
       {"offsets", track.stco() != nullptr ? "stco" : "co64"},
       {"samplesPerChunk", {{"min", grouping.least}, {"max", grouping.most}}},
       {"sampleSize", track.constantSampleSize() != 0 ? json(track.constantSampleSize())
                                                      : json("table")},
   };
-  summary["keyFrames"] =
-      track.stss() != nullptr ? json(track.stss()->entries.size()) : json("all");
+  const uint64_t keys = (track.stss() != nullptr ? track.stss()->entries.size()
+                                                 : track.tableSampleCount()) +
+                        track.fragments().syncSamples;
+  const bool allSync = track.stss() == nullptr &&
+                       track.fragments().syncSamples == track.fragments().samples;
+  summary["keyFrames"] = allSync ? json("all") : json(keys);
   return summary;
 }
 
@@ -125,7 +135,7 @@ json codecOf(const Atom& entry) {
 // Samples a second over the whole track, and whether every sample lasts
 // as long (one duration in stts).
 void addFrameRate(const Track& track, json& media) {
-  const uint64_t duration = track.stts().totalDuration();
+  const uint64_t duration = track.mediaDuration();
   if (duration == 0 || track.sampleCount() == 0) return;
   media["frameRate"] = static_cast<double>(track.sampleCount()) * track.timescale() / duration;
   bool constant = true;

@@ -32,6 +32,7 @@ uint32_t sampleFor(const Track& track, double time, uint32_t sample) {
 // last one at or before it; with `after`, the first one at or after it
 // (which may not exist: then `asked` itself, not a key frame).
 uint32_t keyFrameFor(const Track& track, uint32_t asked, bool after) {
+  if (track.fragmented()) return keyFrameNear(track, asked, after);
   uint32_t key = asked;
   if (track.stss() == nullptr) return key;
   const std::vector<uint32_t>& syncs = track.stss()->entries;  // ascending, checked
@@ -45,6 +46,10 @@ uint32_t keyFrameFor(const Track& track, uint32_t asked, bool after) {
 // chunk, as the offset table gives it.
 uint64_t chunkDistance(const Track& track, uint32_t startChunk, uint32_t endChunk,
                        unsigned long long* chunkStart) {
+  if (endChunk > track.chunkCount()) {  // a fragment run
+    *chunkStart = track.chunkOffset(startChunk);
+    return track.chunkOffset(endChunk) - *chunkStart;
+  }
   if (track.stco() != nullptr) {
     uint32_t distance = 0;
     track.stco()->getFramePos(startChunk, endChunk, chunkStart, &distance);

@@ -46,6 +46,12 @@ class FieldReader {
     entries.resize(count);
     for (size_t i = 0; i < entries.size() && !failed_; ++i) each(*this, entries[i]);
   }
+  // Makes room for a table of `count` records of `recordBytes` each whose
+  // count came earlier in the box, on the same terms as table().
+  template <class Record>
+  void records(std::vector<Record>& table, uint64_t count, uint64_t recordBytes) {
+    if (holds(count, recordBytes)) table.resize(static_cast<size_t>(count));
+  }
   // 0 when every field was read, -1 after the first failure (logged).
   int status() const { return failed_ ? -1 : 0; }
 
@@ -72,6 +78,9 @@ class FieldWriter {
   void operator()(int16_t value) { (*this)(static_cast<uint16_t>(value)); }
   void operator()(int64_t value) { (*this)(static_cast<uint64_t>(value)); }
   void u24(uint32_t value) { take(stream_->writeBe24(value), 3, "writeBe24"); }
+  // The table is written as held.
+  template <class Record>
+  void records(const std::vector<Record>&, uint64_t, uint64_t) {}
   // Deliberately keeps the low 32 bits: the box's version has room for no more.
   void as32(uint64_t value) { (*this)(static_cast<uint32_t>(value)); }
   void as32(int64_t value) { (*this)(static_cast<uint32_t>(value)); }

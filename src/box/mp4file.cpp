@@ -7,6 +7,7 @@
 #include "box/byte_order.h"
 #include "box/edit_boxes.h"
 #include "box/file_stream.h"
+#include "box/fragment_boxes.h"
 #include "box/log.h"
 #include "box/movie_boxes.h"
 #include "stbl.h"
@@ -15,7 +16,8 @@ namespace mp4stbl {
 
 namespace {
 
-// The path from the top of a file down to the sample table.
+// The path from the top of a file down to the sample table, and the boxes
+// of fragments.
 constexpr AtomType kFileBoxes[] = {
     {"moov", &makeAtom<ContainerAtom>}, {"trak", &makeAtom<ContainerAtom>},
     {"mdia", &makeAtom<ContainerAtom>}, {"minf", &makeAtom<ContainerAtom>},
@@ -24,6 +26,12 @@ constexpr AtomType kFileBoxes[] = {
     {"mdhd", &makeAtom<MdhdAtom>},      {"hdlr", &makeAtom<HdlrAtom>},
     {"edts", &makeAtom<ContainerAtom>}, {"elst", &makeAtom<ElstAtom>},
     {"ftyp", &makeAtom<FtypAtom>},
+    // Fragments: the track defaults, then each movie fragment's tracks.
+    {"mvex", &makeAtom<ContainerAtom>}, {"mehd", &makeAtom<MehdAtom>},
+    {"trex", &makeAtom<TrexAtom>},      {"moof", &makeAtom<ContainerAtom>},
+    {"mfhd", &makeAtom<MfhdAtom>},      {"traf", &makeAtom<ContainerAtom>},
+    {"tfhd", &makeAtom<TfhdAtom>},      {"tfdt", &makeAtom<TfdtAtom>},
+    {"trun", &makeAtom<TrunAtom>},      {"mfra", &makeAtom<ContainerAtom>},
 };
 
 Atom* readFileBox(IOStream* stream) {

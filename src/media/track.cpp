@@ -51,6 +51,9 @@ uint64_t Track::chunkCount() const {
 }
 
 uint64_t Track::chunkOffset(uint64_t chunk) const {
+  if (chunk > chunkCount() && chunk - chunkCount() <= fragments_.runs.size()) {
+    return fragments_.runs[chunk - chunkCount() - 1].dataStart;
+  }
   if (chunk == 0 || chunk > chunkCount()) return 0;
   return stco_ != nullptr ? stco_->entries[chunk - 1] : co64_->entries[chunk - 1];
 }
@@ -61,10 +64,14 @@ uint32_t Track::sampleSize(uint32_t number) const {
 }
 
 uint64_t Track::totalSampleBytes() const {
-  return stsz_ != nullptr ? stsz_->TotalSampleSize() : uint64_t{constantSize_} * sampleCount_;
+  const uint64_t table =
+      stsz_ != nullptr ? stsz_->TotalSampleSize() : uint64_t{constantSize_} * sampleCount_;
+  return table + fragments_.bytes;
 }
 
 uint64_t Track::mediaDuration() const {
+  // Fragment decode times run on from the table's, or restart where a tfdt says.
+  if (fragmented()) return fragments_.endTime;
   uint64_t total = 0;
   for (const SttsEntry& run : stts_->entries) total += uint64_t{run.sampleCount} * run.sampleDelta;
   return total;
@@ -212,6 +219,7 @@ FoundTracks findTracks(Mp4File& file) {
   FoundTracks found;
   const std::vector<Atom*> headers = file.find("moov/mvhd");
   const auto* movie = headers.empty() ? nullptr : dynamic_cast<const MvhdAtom*>(headers.front());
+  FragmentIndex fragments = indexFragments(file);
   for (Atom* trak : file.find("moov/trak")) {
     Track track;
     track.fileLength_ = file.length();
@@ -227,12 +235,23 @@ FoundTracks findTracks(Mp4File& file) {
     }
     Status status = stbl == nullptr ? track.fail("no stbl") : track.takeTables(stbl);
     if (status.ok()) status = track.check();
+    if (status.ok()) status = track.takeFragments(fragments);
     if (status.ok()) {
       found.tracks.push_back(track);
     } else {
       found.unreadable.push_back(status.message());
     }
+    fragments.byTrack.erase(track.id_);
   }
+  // What is left names no trak.
+  for (const auto& [id, left] : fragments.byTrack) {
+    fragments.problems.push_back("track " + std::to_string(id) +
+                                 ": the movie fragment at offset " +
+                                 std::to_string(left.firstMoof) +
+                                 " has samples for it, but no trak");
+  }
+  found.unreadable.insert(found.unreadable.end(), fragments.problems.begin(),
+                          fragments.problems.end());
   return found;
 }
 
@@ -283,6 +302,7 @@ int64_t SampleWalker::nextCompositionOffset() {
 
 Result<const SampleInfo*> SampleWalker::nextInTables() {
   if (number_ >= track_.sampleCount()) return nullptr;
+  if (number_ >= track_.tableSampleCount()) return nextInFragments();
   if (leftInChunk_ == 0) {
     Status entered = enterChunk();
     if (!entered.ok()) return entered;
@@ -321,6 +341,7 @@ Result<const SampleInfo*> SampleWalker::nextInTables() {
 }
 
 uint32_t sampleAtTime(const Track& track, uint64_t time) {
+  if (track.fragmented()) return sampleAtTimeInFragments(track, time);
   uint64_t start = 0;
   uint64_t number = 0;
   for (const SttsEntry& run : track.stts().entries) {

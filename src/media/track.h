@@ -11,6 +11,7 @@
 #include "box/edit_boxes.h"
 #include "box/mp4file.h"
 #include "box/result.h"
+#include "media/fragments.h"
 #include "stbl.h"
 
 namespace mp4stbl {
@@ -77,11 +78,16 @@ class Track {
   // where the first other edit starts.
   int64_t presentationShift() const;
 
-  uint32_t sampleCount() const { return sampleCount_; }
-  uint32_t sampleSize(uint32_t number) const;  // 1-based; 0 past the end
+  // The samples of the sample table, then those of the fragments.
+  uint32_t sampleCount() const { return sampleCount_ + fragmentSamples_; }
+  uint32_t tableSampleCount() const { return sampleCount_; }
+  uint32_t sampleSize(uint32_t number) const;  // 1-based, of the table; 0 past it
   uint64_t totalSampleBytes() const;
-  uint64_t chunkCount() const;
-  uint64_t chunkOffset(uint64_t chunk) const;  // 1-based; 0 past the end
+  uint64_t chunkCount() const;  // of the table
+  // 1-based: the table's chunks, then each fragment run; 0 past the end.
+  uint64_t chunkOffset(uint64_t chunk) const;
+  bool fragmented() const { return !fragments_.runs.empty(); }
+  const TrackFragments& fragments() const { return fragments_; }
   std::string entryType() const;               // of the first sample entry
   const char* kind() const;                    // "video", "audio", "metadata", ...
   // A failure that names the track: "track 2 (soun, mp4a): what".
@@ -92,6 +98,7 @@ class Track {
   Track() = default;
   Status takeTables(const Atom* stbl);
   Status check() const;
+  Status takeFragments(FragmentIndex& index);
 
   uint32_t id_ = 0;
   std::string handler_;
@@ -109,6 +116,8 @@ class Track {
   const CttsAtom* ctts_ = nullptr;
   const ElstAtom* elst_ = nullptr;
   uint32_t movieTimescale_ = 0;
+  TrackFragments fragments_;
+  uint32_t fragmentSamples_ = 0;
 };
 
 // Walks a track's samples in order: the sample-to-chunk runs are followed
@@ -127,6 +136,7 @@ class SampleWalker {
   int64_t nextCompositionOffset();
   Status enterChunk();
   Status fail(const std::string& message);
+  Result<const SampleInfo*> nextInFragments();
 
   const Track& track_;
   SampleInfo sample_;
@@ -142,10 +152,17 @@ class SampleWalker {
   size_t offsetRun_ = 0;
   uint64_t leftInOffsetRun_ = 0;
   int64_t shift_ = 0;
+  size_t fragmentRun_ = 0;
+  uint32_t inRun_ = 0;
 };
 
 // The sample that plays at `time` (time-scale units): the last one when
 // time lies past the end, 0 for an empty track.
 uint32_t sampleAtTime(const Track& track, uint64_t time);
+
+// The key frame to start decoding from for sample `asked`: the last one at
+// or before it, else (or with `after`) the first one at or after it; `asked`
+// itself when there is none.
+uint32_t keyFrameNear(const Track& track, uint32_t asked, bool after);
 
 }  // namespace mp4stbl
