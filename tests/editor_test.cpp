@@ -171,6 +171,7 @@ TEST_F(Edit, RefusalsLeaveNoFile) {
       {trim(kClip, 0, 1, kClip), "is one of the inputs"},
       {trim(kData + "/none.mp4", 0, 1, out("a.mp4")), "none.mp4"},
       {join({kClip}, out("a.mp4")), "two files or more"},
+      {trim(kData + "/frag_h264_aac.mp4", 0, 1, out("a.mp4")), "fragmented files cannot be edited"},
       {join({kClip, kData + "/hevc.mp4"}, out("a.mp4")), "has 1 tracks"},
       {join({kClip, kData + "/prores_apch_aac.mov"}, out("a.mp4")), "is vide/apch"},
       {trim(kClip, 0, 1, out("a.mp4"), stop), "stopped"},
