@@ -430,7 +430,8 @@ TEST(CliEdit, TrimsAndJoinsAgainstFfprobe) {
   constexpr double kFrame = 0.0417;
   const std::string cut = scratch("cut.mp4"), joined = scratch("joined.mp4");
   for (const char* name : {"h264_bframes.mp4", "long_h264_aac.mp4", "two_audio.mp4",
-                                  "hevc_ntsc.mp4", "h264_ulaw.mov", "faststart.mp4"}) {
+                                  "hevc_ntsc.mp4", "h264_ulaw.mov", "faststart.mp4",
+                                  "prores_apcs_alaw.mov"}) {
     const std::string path = std::string(MP4STBL_CORPUS_DIR) + "/" + name;
     SCOPED_TRACE(name);
     const Probed source = probe(path);

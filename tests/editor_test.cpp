@@ -123,6 +123,32 @@ TEST_F(Edit, TrimKeepsWholeSamplesAndShowsTheWindow) {
   expectFiles({"cut.mp4"});
 }
 
+// A source whose chunk offsets are 64-bit cuts to the same samples; the
+// small new file goes back to stco.
+TEST_F(Edit, Co64SourceCutsLikeStco) {
+  Mp4File wide;
+  ASSERT_TRUE(wide.open(kClip).ok());
+  for (Atom* stbl : wide.find("moov/trak/mdia/minf/stbl")) {
+    for (Atom*& child : stbl->children) {
+      auto* stco = dynamic_cast<StcoAtom*>(child);
+      if (stco == nullptr) continue;
+      AtomHeader header;
+      header.type = "co64";
+      auto* co64 = new Co64Atom(header);
+      co64->entries.assign(stco->entries.begin(), stco->entries.end());
+      delete child;
+      child = co64;
+    }
+  }
+  ASSERT_TRUE(wide.save(out("co64.mp4")).ok());
+  ASSERT_TRUE(trim(kClip, 0.1, 0.3, out("a.mp4")).ok());
+  ASSERT_TRUE(trim(out("co64.mp4"), 0.1, 0.3, out("b.mp4")).ok());
+  EXPECT_TRUE(readBack(out("a.mp4")).tracks == readBack(out("b.mp4")).tracks);
+  Mp4File cut;
+  ASSERT_TRUE(cut.open(out("b.mp4")).ok());
+  EXPECT_EQ(cut.find("moov/trak/mdia/minf/stbl/stco").size(), 2u);
+}
+
 // N clips give N times the samples in order, each clip one edit segment on
 // every track; a clip whose sample entry differs adds a second entry.
 TEST_F(Edit, JoinAppendsClipsAndSharesEqualEntries) {
