@@ -2,6 +2,12 @@
 
 #include <algorithm>
 #include <climits>
+#include <vector>
+
+#if defined(__linux__)
+#include <fcntl.h>
+#include <unistd.h>
+#endif
 
 #include "box/log.h"
 
@@ -46,6 +52,7 @@ int FileStream::open(const std::string& path, Mode mode) {
     return -1;
   }
   mode_ = mode;
+  path_ = path;
   position_ = 0;
   length_ = 0;
   if (mode == Mode::Read) {
@@ -109,5 +116,52 @@ int FileStream::seek(long long offset) {
 long long FileStream::getOffset() { return position_; }
 
 long long FileStream::getLength() { return file_.is_open() ? length_ : -1; }
+
+int FileStream::copyFrom(FileStream& source, uint64_t offset, uint64_t length) {
+  if (mode_ != Mode::Write || source.mode_ != Mode::Read || !isOpen() || !source.isOpen()) {
+    return -1;
+  }
+  const uint64_t moved = copyInKernel(source, offset, length);
+  if (moved > 0 && seek(position_ + static_cast<long long>(moved)) != 0) {
+    logStreamFailure(this, "seek");
+    return -1;
+  }
+  return copyBytes(&source, offset + moved, length - moved, this);
+}
+
+// The bytes never enter this process: copy_file_range moves them between
+// the two files (or shares their blocks, where the file system can),
+// through descriptors of its own that write at an explicit offset once the
+// buffer of this stream is flushed. Returns how many bytes it moved; the
+// caller copies the rest.
+uint64_t FileStream::copyInKernel(FileStream& source, uint64_t offset, uint64_t length) {
+  uint64_t moved = 0;
+#if defined(__linux__)
+  if (guarded([this] { return file_.pubsync(); }, -1) != 0) return 0;
+  const int in = ::open(source.path_.c_str(), O_RDONLY | O_CLOEXEC);
+  const int out = ::open(path_.c_str(), O_WRONLY | O_CLOEXEC);
+  loff_t from = static_cast<loff_t>(offset), to = static_cast<loff_t>(position_);
+  while (in >= 0 && out >= 0 && moved < length) {
+    const size_t piece = static_cast<size_t>(std::min<uint64_t>(length - moved, 1u << 30));
+    const ssize_t done = copy_file_range(in, &from, out, &to, piece, 0);
+    if (done <= 0) break;
+    moved += static_cast<uint64_t>(done);
+  }
+  if (in >= 0) ::close(in);
+  if (out >= 0) ::close(out);
+#else
+  (void)source;
+  (void)offset;
+  (void)length;
+#endif
+  return moved;
+}
+
+int copyRange(IOStream* from, uint64_t offset, uint64_t length, IOStream* to) {
+  auto* file = dynamic_cast<FileStream*>(from);
+  auto* target = dynamic_cast<FileStream*>(to);
+  if (file != nullptr && target != nullptr) return target->copyFrom(*file, offset, length);
+  return copyBytes(from, offset, length, to);
+}
 
 }  // namespace mp4stbl

@@ -1,6 +1,7 @@
 // A file on disk as a byte stream.
 #pragma once
 
+#include <cstdint>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -31,13 +32,25 @@ class FileStream : public IOStream {
   long long getOffset() override;
   long long getLength() override;
 
+  // Appends `length` bytes of `source` from `offset` at this stream's
+  // position (a stream open for writing) and moves past them. The kernel
+  // copies file to file where it can; otherwise the bytes pass through
+  // memory in bounded blocks. 0, or -1 with a log line.
+  int copyFrom(FileStream& source, uint64_t offset, uint64_t length);
+
  private:
+  uint64_t copyInKernel(FileStream& source, uint64_t offset, uint64_t length);
+
   std::filebuf file_;
+  std::string path_;
   // Left uninitialised: the file's bytes fill it before any is read.
   std::unique_ptr<char[]> buffer_;
   Mode mode_ = Mode::Read;
   long long position_ = 0;
   long long length_ = 0;
 };
+
+// copyBytes, with the kernel's copy when both streams are files.
+int copyRange(IOStream* from, uint64_t offset, uint64_t length, IOStream* to);
 
 }  // namespace mp4stbl

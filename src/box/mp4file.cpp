@@ -38,7 +38,6 @@ Atom* readFileBox(IOStream* stream) {
   return ReadTypedChild(stream, kFileBoxes, std::size(kFileBoxes));
 }
 
-constexpr unsigned kCopyBlock = 1u << 20;
 // Version and flags, the default size and the sample count.
 constexpr size_t kStszFields = 12;
 
@@ -166,20 +165,7 @@ int MdatAtom::writeData(IOStream* stream) {
                   static_cast<unsigned long long>(bodyOffset));
     return -1;
   }
-  std::vector<unsigned char> block(std::min<uint64_t>(bodyLength, kCopyBlock));
-  for (uint64_t left = bodyLength; left > 0;) {
-    const unsigned piece = static_cast<unsigned>(std::min<uint64_t>(left, block.size()));
-    if (static_cast<unsigned>(source->readBytes(block.data(), piece)) != piece) {
-      logStreamFailure(source, "readBytes");
-      return -1;
-    }
-    if (static_cast<unsigned>(stream->writeBytes(block.data(), piece)) != piece) {
-      logStreamFailure(stream, "writeBytes");
-      return -1;
-    }
-    left -= piece;
-  }
-  return 0;
+  return copyRange(source, bodyOffset, bodyLength, stream);
 }
 
 int MdatAtom::Write(IOStream* stream) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <vector>
 
 #include "box/byte_order.h"
 #include "box/log.h"
@@ -213,6 +214,30 @@ long long BoundedStream::getLength() { return end_; }
 
 void logStreamFailure(IOStream* stream, const char* operation) {
   QX_LOG_Printf("IO", 3, "offset:%lld, %s fail\n", stream->getOffset(), operation);
+}
+
+int copyBytes(IOStream* from, uint64_t offset, uint64_t length, IOStream* to) {
+  // Large enough for the disk's speed, small next to the tables.
+  constexpr uint64_t kPiece = 4u << 20;
+  if (length == 0) return 0;
+  if (from->seek(static_cast<long long>(offset)) != 0) {
+    QX_LOG_Printf("IO", 3, "offset:%llu cannot be reached\n", static_cast<unsigned long long>(offset));
+    return -1;
+  }
+  std::vector<unsigned char> piece(static_cast<size_t>(std::min(length, kPiece)));
+  for (uint64_t left = length; left > 0;) {
+    const auto count = static_cast<unsigned>(std::min<uint64_t>(left, piece.size()));
+    if (static_cast<unsigned>(from->readBytes(piece.data(), count)) != count) {
+      logStreamFailure(from, "readBytes");
+      return -1;
+    }
+    if (static_cast<unsigned>(to->writeBytes(piece.data(), count)) != count) {
+      logStreamFailure(to, "writeBytes");
+      return -1;
+    }
+    left -= count;
+  }
+  return 0;
 }
 
 }  // namespace mp4stbl

@@ -96,4 +96,8 @@ class BoundedStream : public IOStream {
 // tag "IO", level 3, "offset:<position>, <operation> fail".
 void logStreamFailure(IOStream* stream, const char* operation);
 
+// Copies `length` bytes of `from`, starting at `offset`, to where `to`
+// stands, through a buffer of bounded size. 0, or -1 with a log line.
+int copyBytes(IOStream* from, uint64_t offset, uint64_t length, IOStream* to);
+
 }  // namespace mp4stbl

@@ -3,15 +3,15 @@
 #include <algorithm>
 #include <utility>
 
+#include "box/file_stream.h"
 #include "box/log.h"
 
 namespace mp4stbl::edit {
 
 namespace {
 
-// Large enough that the copy runs at the speed of the disk, small enough
-// to stay out of the way of the tables.
-constexpr uint64_t kCopyPiece = 4u << 20;
+// How much is copied between two reports of progress.
+constexpr uint64_t kCopyPiece = 64u << 20;
 
 bool before(const Layout::Block& a, const Layout::Block& b) {
   return a.source != b.source ? a.source < b.source : a.from < b.from;
@@ -73,27 +73,13 @@ CopyMdatAtom::CopyMdatAtom(const Layout& layout, std::vector<IOStream*> sources,
 }
 
 int CopyMdatAtom::writeData(IOStream* stream) {
-  std::vector<unsigned char> piece(std::min(layout_.length(), kCopyPiece));
   uint64_t done = 0;
   for (const Layout::Block& block : layout_.blocks()) {
-    IOStream* source = sources_.at(block.source);
-    if (source->seek(static_cast<long long>(block.from)) != 0) {
-      QX_LOG_Printf("MP4", 3, "media at offset %llu cannot be reached\n",
-                    static_cast<unsigned long long>(block.from));
-      return -1;
-    }
-    for (uint64_t left = block.length; left > 0;) {
-      const auto length = static_cast<unsigned>(std::min<uint64_t>(left, piece.size()));
-      if (static_cast<unsigned>(source->readBytes(piece.data(), length)) != length) {
-        logStreamFailure(source, "readBytes");
-        return -1;
-      }
-      if (static_cast<unsigned>(stream->writeBytes(piece.data(), length)) != length) {
-        logStreamFailure(stream, "writeBytes");
-        return -1;
-      }
-      left -= length;
-      done += length;
+    for (uint64_t at = 0; at < block.length;) {
+      const uint64_t piece = std::min(block.length - at, kCopyPiece);
+      if (copyRange(sources_.at(block.source), block.from + at, piece, stream) != 0) return -1;
+      at += piece;
+      done += piece;
       if (progress_ && !progress_(done, layout_.length())) {
         QX_LOG_Printf("MP4", 3, "stopped\n");
         return -1;
