@@ -423,8 +423,8 @@ Probed probe(const std::string& path) {
 // Trims of real files against ffprobe: every stream starts at 0 and lasts
 // the window within a frame (40 ms at the slowest rate here), decodes
 // without a message, and each track's samples are a run of the source's,
-// byte for byte. Three joined copies of a cut last three windows and hold
-// three times its samples.
+// byte for byte. Three joined copies of a cut (movie box last) last three
+// windows, hold three times its samples and write back identical.
 TEST(CliEdit, TrimsAndJoinsAgainstFfprobe) {
   if (mediaFiles(MP4STBL_CORPUS_DIR).empty()) GTEST_SKIP() << "no corpus in " << MP4STBL_CORPUS_DIR << " (needs ffmpeg)";
   constexpr double kFrame = 0.0417;
@@ -453,7 +453,9 @@ TEST(CliEdit, TrimsAndJoinsAgainstFfprobe) {
                                      after[t].end());
       EXPECT_NE(first, before[t].end()) << "track " << t + 1 << " is no run of the source's";
     }
-    ASSERT_EQ(cli({"join", cut, cut, cut, "-o", joined}).status, 0);
+    ASSERT_EQ(cli({"join", cut, cut, cut, "-o", joined, "--moov-last"}).status, 0);
+    EXPECT_EQ(cli({"verify", joined}).status, 0);
+    EXPECT_EQ(cli({"info", joined, "--json"}).doc()["fastStart"], false);
     const Probed three = probe(joined);
     EXPECT_EQ(three.errors, "");
     for (size_t s = 0; s < three.durations.size(); ++s) {
