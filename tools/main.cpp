@@ -4,12 +4,7 @@
 // fails, 2 on a usage error.
 #include <CLI/CLI.hpp>
 
-#if defined(__GLIBC__)
-#include <malloc.h>
-#endif
-
 #include <cctype>
-#include <climits>
 #include <cstdlib>
 #include <cstdio>
 #include <new>
@@ -147,22 +142,8 @@ int run(const Commands& commands, const Options& options) {
 
 }  // namespace
 
-namespace {
-
-// Tables are read one after the other into a buffer that is freed at once:
-// kept in the heap rather than unmapped, its pages, already faulted in,
-// serve the next table.
-void keepFreedMemory() {
-#if defined(__GLIBC__)
-  mallopt(M_MMAP_MAX, 0);
-  mallopt(M_TRIM_THRESHOLD, INT_MAX);
-#endif
-}
-
-}  // namespace
 
 int main(int argc, char** argv) {
-  keepFreedMemory();
   CLI::App app{"Inspect, list, seek and verify the sample tables of MP4 files."};
   app.set_version_flag("--version", "mp4stbl " MP4STBL_VERSION);
   app.require_subcommand(1);
