@@ -1,0 +1,146 @@
+// The mp4stbl command as a function: its arguments in, its output on
+// stdout and stderr, its exit status out. main() and the fuzz target call it.
+#include "run.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+#include <stdexcept>
+
+#include "box/log.h"
+#include "command.h"
+
+namespace mp4stbl::cli {
+
+namespace {
+
+void showLine(const char* tag, int level, const char* text) {
+  std::fprintf(stderr, "[%s %d] %s", tag, level, text);
+}
+
+// The library's log lines go to stderr with --verbose; otherwise a failure
+// reaches the user through the command's own message only.
+void routeLog(bool verbose) {
+  mp4stbl::setLogSink(verbose ? mp4stbl::LogSink{&showLine, 0} : mp4stbl::LogSink{&showLine, 4});
+}
+
+std::string digitsOrAll(std::string& value) {
+  if (value == "all") return "";
+  const bool digits = !value.empty() && value.size() <= 20 &&
+                      value.find_first_not_of("0123456789") == std::string::npos &&
+                      value.find_first_not_of('0') != std::string::npos;
+  return digits ? "" : "expects a positive number or all";
+}
+
+// Seconds as "12.5", "1:02.5" or "0:01:02.500", rewritten to plain seconds
+// for the option's own conversion.
+std::string readClockTime(std::string& value) {
+  double total = 0;
+  size_t from = 0;
+  for (int part = 0; part < 3; ++part) {
+    const size_t colon = value.find(':', from);
+    const std::string field = value.substr(from, colon == std::string::npos ? colon : colon - from);
+    const bool last = colon == std::string::npos;
+    const bool digits = !field.empty() && field.size() <= 18 &&
+                        field.find_first_not_of(last ? "0123456789." : "0123456789") ==
+                            std::string::npos &&
+                        field.find('.') == field.rfind('.') && field != ".";
+    if (!digits) break;
+    total = total * 60 + std::strtod(field.c_str(), nullptr);
+    if (last) {
+      value = std::to_string(total);
+      return "";
+    }
+    from = colon + 1;
+  }
+  return "expects seconds (12.5) or hh:mm:ss.mmm";
+}
+
+struct Commands {
+  CLI::App* info;
+  CLI::App* dump;
+  CLI::App* samples;
+  CLI::App* seek;
+  CLI::App* verify;
+};
+
+Commands declare(CLI::App& app, Options& options) {
+  // --json and --verbose belong to the command as a whole: a subcommand
+  // hands them up, so they go before or after it.
+  app.add_flag("--json", options.json, "one JSON document on stdout");
+  app.add_flag("-v,--verbose", options.verbose, "show the library's log lines");
+  app.fallthrough();
+  auto command = [&](const char* name, const char* about) {
+    CLI::App* sub = app.add_subcommand(name, about);
+    sub->add_option("FILE", options.file, "MP4 or QuickTime file")->required();
+    return sub;
+  };
+  auto trackOption = [&](CLI::App* sub, bool required) {
+    sub->add_option("--track", options.track,
+                    required ? "track id" : "track id (default: the first video track)")
+        ->required(required)
+        ->check(CLI::PositiveNumber);
+  };
+  Commands commands{};
+  commands.info = command("info", "per-track summary of the sample tables");
+  commands.dump = command("dump", "box tree with the fields and first entries of tables");
+  commands.dump->add_option("--entries", options.entries, "entries shown per table, or all")
+      ->check(CLI::Validator(digitsOrAll, "N|all"));
+  commands.samples = command("samples", "one row per sample of a track");
+  trackOption(commands.samples, true);
+  commands.seek = command("seek", "the key frame to start playing from");
+  trackOption(commands.seek, false);
+  auto* at = commands.seek->add_option_group("position")->require_option(1);
+  const CLI::Validator clockTime(readClockTime, "S|hh:mm:ss.mmm");
+  at->add_option("--time", options.time, "seconds, or hh:mm:ss.mmm")->transform(clockTime);
+  at->add_option("--sample", options.sample, "1-based sample number")->check(CLI::PositiveNumber);
+  auto* to = commands.seek->add_option_group("end")->require_option(0, 1);
+  to->add_option("--end-time", options.endTime, "play through this time (seconds, or hh:mm:ss.mmm)")
+      ->transform(clockTime);
+  commands.seek->add_flag("--after", options.after,
+                          "the first key frame at or after the time, not the one before it");
+  to->add_option("--end-sample", options.endSample, "play through this sample")
+      ->check(CLI::PositiveNumber);
+  commands.verify = command("verify", "write the file back and compare the bytes");
+  return commands;
+}
+
+int dispatch(const Commands& commands, const Options& options) {
+  routeLog(options.verbose);
+  if (commands.info->parsed()) return info(options);
+  if (commands.dump->parsed()) return dump(options);
+  if (commands.samples->parsed()) return samples(options);
+  if (commands.seek->parsed()) return seek(options);
+  if (commands.verify->parsed()) return verify(options);
+  return 2;
+}
+
+}  // namespace
+
+int runCommand(std::vector<std::string> args) {
+  CLI::App app{"Inspect, list, seek and verify the sample tables of MP4 files.", "mp4stbl"};
+  app.set_version_flag("--version", "mp4stbl " MP4STBL_VERSION);
+  app.require_subcommand(1);
+  Options options;
+  const Commands commands = declare(app, options);
+  std::reverse(args.begin(), args.end());  // CLI11 takes the last argument first
+  try {
+    app.parse(args);
+  } catch (const CLI::ParseError& error) {
+    const int status = app.exit(error);
+    return status == 0 ? 0 : 2;
+  }
+  // A table that cannot grow throws; the command reports it like any failure.
+  try {
+    return dispatch(commands, options);
+  } catch (const std::bad_alloc&) {
+    return fail(options, "out of memory");
+  } catch (const std::length_error&) {
+    return fail(options, "a table is longer than this machine can hold");
+  }
+}
+
+}  // namespace mp4stbl::cli
