@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdio>
 
+#include "box/table_reason.h"
 #include "command.h"
 #include "table.h"
 
@@ -35,7 +36,7 @@ json trackSummary(const Track& track) {
   json summary = {
       {"id", track.id()},
       {"handler", track.kind()},
-      {"entry", track.entryType()},
+      {"entry", printable(track.entryType())},
       {"timescale", track.timescale()},
       {"samples", track.sampleCount()},
       {"duration", duration},
@@ -80,9 +81,7 @@ int info(const Options& options) {
   json tracks = json::array();
   for (const Track& track : opened->tracks) tracks.push_back(trackSummary(track));
   const uint64_t length = opened->file.length();
-  for (const std::string& reason : opened->unreadable) {
-    std::fprintf(stderr, "mp4stbl: %s: %s\n", options.file.c_str(), reason.c_str());
-  }
+  for (const std::string& reason : opened->unreadable) report(options, reason);
   if (options.json) {
     printJson({{"file", options.file}, {"bytes", length}, {"tracks", tracks},
                {"unreadable", opened->unreadable}});

@@ -5,12 +5,14 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
 #include <stdexcept>
 
 #include "box/log.h"
+#include "box/table_reason.h"
 #include "command.h"
 
 namespace mp4stbl::cli {
@@ -27,12 +29,47 @@ void routeLog(bool verbose) {
   mp4stbl::setLogSink(verbose ? mp4stbl::LogSink{&showLine, 0} : mp4stbl::LogSink{&showLine, 4});
 }
 
+constexpr const char* kSubcommands[] = {"info", "dump", "samples", "seek", "verify"};
+
+// A value as an error message shows it: escaped, and cut after a few
+// characters so a long one does not fill the screen.
+std::string shownValue(const std::string& value) {
+  constexpr size_t kShown = 24;
+  if (value.size() <= kShown) return "'" + printable(value) + "'";
+  return "'" + printable(value.substr(0, kShown)) + "...' (" + std::to_string(value.size()) +
+         " characters)";
+}
+
+// The messages of option errors, with every long word cut like a value.
+std::string shortened(const std::string& message) {
+  std::string text, word;
+  for (size_t i = 0; i <= message.size(); ++i) {
+    if (i < message.size() && message[i] != ' ' && message[i] != '\n') {
+      word += message[i];
+      continue;
+    }
+    text += word.size() > 40 ? shownValue(word) : word;
+    if (i < message.size()) text += message[i];
+    word.clear();
+  }
+  return text;
+}
+
 std::string digitsOrAll(std::string& value) {
   if (value == "all") return "";
   const bool digits = !value.empty() && value.size() <= 20 &&
                       value.find_first_not_of("0123456789") == std::string::npos &&
                       value.find_first_not_of('0') != std::string::npos;
-  return digits ? "" : "expects a positive number or all";
+  return digits ? "" : "expects a positive number or all, not " + shownValue(value);
+}
+
+// Track and sample numbers: 1 to 2^32 - 1.
+std::string positiveCount(std::string& value) {
+  const bool digits = !value.empty() && value.size() <= 10 &&
+                      value.find_first_not_of("0123456789") == std::string::npos;
+  const unsigned long long number = digits ? std::strtoull(value.c_str(), nullptr, 10) : 0;
+  if (number >= 1 && number <= UINT32_MAX) return "";
+  return "expects a whole number from 1 to 4294967295, not " + shownValue(value);
 }
 
 // Seconds as "12.5", "1:02.5" or "0:01:02.500", rewritten to plain seconds
@@ -56,7 +93,7 @@ std::string readClockTime(std::string& value) {
     }
     from = colon + 1;
   }
-  return "expects seconds (12.5) or hh:mm:ss.mmm";
+  return "expects seconds (12.5) or hh:mm:ss.mmm, not " + shownValue(value);
 }
 
 struct Commands {
@@ -78,11 +115,12 @@ Commands declare(CLI::App& app, Options& options) {
     sub->add_option("FILE", options.file, "MP4 or QuickTime file")->required();
     return sub;
   };
+  const CLI::Validator count(positiveCount, "N");
   auto trackOption = [&](CLI::App* sub, bool required) {
     sub->add_option("--track", options.track,
                     required ? "track id" : "track id (default: the first video track)")
         ->required(required)
-        ->check(CLI::PositiveNumber);
+        ->check(count);
   };
   Commands commands{};
   commands.info = command("info", "per-track summary of the sample tables");
@@ -96,14 +134,14 @@ Commands declare(CLI::App& app, Options& options) {
   auto* at = commands.seek->add_option_group("position")->require_option(1);
   const CLI::Validator clockTime(readClockTime, "S|hh:mm:ss.mmm");
   at->add_option("--time", options.time, "seconds, or hh:mm:ss.mmm")->transform(clockTime);
-  at->add_option("--sample", options.sample, "1-based sample number")->check(CLI::PositiveNumber);
+  at->add_option("--sample", options.sample, "1-based sample number")->check(count);
   auto* to = commands.seek->add_option_group("end")->require_option(0, 1);
   to->add_option("--end-time", options.endTime, "play through this time (seconds, or hh:mm:ss.mmm)")
       ->transform(clockTime);
   commands.seek->add_flag("--after", options.after,
                           "the first key frame at or after the time, not the one before it");
   to->add_option("--end-sample", options.endSample, "play through this sample")
-      ->check(CLI::PositiveNumber);
+      ->check(count);
   commands.verify = command("verify", "write the file back and compare the bytes");
   return commands;
 }
@@ -126,6 +164,19 @@ int runCommand(std::vector<std::string> args) {
   app.require_subcommand(1);
   Options options;
   const Commands commands = declare(app, options);
+  app.failure_message([](const CLI::App*, const CLI::Error& error) {
+    return "mp4stbl: " + shortened(error.what()) + "\nRun with --help for more information.\n";
+  });
+  // Only --json, --verbose, --help and --version come before the subcommand.
+  const auto named = std::find_if(args.begin(), args.end(),
+                                  [](const std::string& arg) { return arg.rfind('-', 0) != 0; });
+  if (named != args.end() &&
+      std::find(std::begin(kSubcommands), std::end(kSubcommands), *named) == std::end(kSubcommands)) {
+    std::fprintf(stderr,
+                 "mp4stbl: unknown subcommand %s: expects info, dump, samples, seek or verify\n",
+                 shownValue(*named).c_str());
+    return 2;
+  }
   std::reverse(args.begin(), args.end());  // CLI11 takes the last argument first
   try {
     app.parse(args);

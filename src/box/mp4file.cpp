@@ -8,6 +8,7 @@
 #include "box/file_stream.h"
 #include "box/log.h"
 #include "box/movie_boxes.h"
+#include "box/table_reason.h"
 #include "stbl.h"
 
 namespace mp4stbl {
@@ -95,7 +96,9 @@ Atom* FileStblAtom::ReadChild(IOStream* stream) {
   if (Atom* child = StblAtom::ReadChild(stream)) return child;
   // Kept as bytes when its header at least holds: the stbl stays whole.
   Atom* kept = readAs(stream, start, nullptr, 0);
-  if (kept != nullptr) unreadable.push_back(kept->header.type + ": " + note.text());
+  if (const auto* bytes = dynamic_cast<const UserDefAtom*>(kept)) {
+    unreadable.push_back(explainUnreadable(*bytes, note.text()));
+  }
   return kept;
 }
 
