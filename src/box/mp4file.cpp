@@ -24,7 +24,32 @@ constexpr AtomType kFileBoxes[] = {
     {"mdhd", &makeAtom<MdhdAtom>},      {"hdlr", &makeAtom<HdlrAtom>},
 };
 
+// A box of no type above, larger than this (a big free or skip box, a
+// vendor's data), is copied from the file when written, like mdat, and
+// never loaded: memory stays that of the tables.
+constexpr uint64_t kLoadedBoxLimit = 1u << 20;
+
+bool isTyped(const std::string& type) {
+  return std::any_of(std::begin(kFileBoxes), std::end(kFileBoxes),
+                     [&](const AtomType& typed) { return type == typed.type; });
+}
+
 Atom* readFileBox(IOStream* stream) {
+  if (stream != nullptr) {
+    // The header is peeked at quietly; reading it for real logs its faults.
+    const long long start = stream->getOffset();
+    uint32_t size = 0;
+    char type[5] = {};
+    unsigned long long large = 0;
+    const bool copied =
+        stream->readBe32(&size) == 4 &&
+        stream->readBytes(reinterpret_cast<unsigned char*>(type), 4) == 4 &&
+        (size != 1 || stream->readBe64(&large) == 8) && !isTyped(type) &&
+        (size == 0 || (size == 1 ? large : size) > kLoadedBoxLimit);
+    if (stream->seek(start) != 0) return nullptr;
+    const AtomType asMedia[] = {{type, &makeAtom<MdatAtom>}};
+    if (copied) return ReadTypedChild(stream, asMedia, std::size(asMedia));
+  }
   return ReadTypedChild(stream, kFileBoxes, std::size(kFileBoxes));
 }
 
