@@ -344,6 +344,8 @@ TEST(CliRuns, MessagesSayWhatIsWrongAndWhere) {
        "mp4stbl: --sample: expects a whole number from 1 to 4294967295, not "
        "'999999999999999999999999...' (300 characters)\n"},
       {{"seek", clip, "--track", "0", "--sample", "1"}, 2, "", "--track: expects a whole number"},
+      {{"samples", clip, "--track", "4294967296"}, 2, "",
+       "--track: expects a whole number from 1 to 4294967295, not '4294967296'"},
       {{"seek", clip, "--time", nines + "x"}, 2, "", "hh:mm:ss.mmm, not '9999"},
       {{"dump", clip, "--entries", "-1"}, 2, "", "--entries: expects a positive number or all"},
       {{"info", clip, nines}, 2, "", "not expected: '999999999999999999999999...' (300 characters)"},
