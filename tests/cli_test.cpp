@@ -296,7 +296,9 @@ TEST(CliRuns, TextOutputExitCodesAndMessages) {
       {{"seek", clip, "--sample", "10", "--after"}, 1, "",
        "mp4stbl: " + clip + ": no key frame at or after sample 10; the last one is sample 9\n"},
       {{"seek", clip, "--time", "1:2:3:4"}, 2, "", "--time: expects seconds (12.5) or hh:mm:ss.mmm"},
-      {{"seek", clip, "--sample", "999"}, 1, "", "mp4stbl: " + clip + ": no such sample\n"},
+      {{"seek", clip, "--sample", "999"}, 1, "",
+       "mp4stbl: " + clip + ": track 1 has no sample 999; it has 10\n"},
+      {{"samples", clip, "--track", "3"}, 1, "", ": no track 3; the tracks are 1, 2\n"},
       {{"verify", altered}, 1, altered + ": differs when written back, first at offset " +
        std::to_string(at) + ", in moov/trak/mdia/minf/stbl/stsd\n", ""},
       {{"info", missing}, 1, "", "mp4stbl: " + missing + ": cannot open the file\n"},

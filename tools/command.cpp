@@ -70,7 +70,11 @@ const Track* findTrack(const Options& options, const Opened& opened) {
     }
   }
   const bool noneReadable = opened.tracks.empty() && !opened.unreadable.empty();
-  fail(options, noneReadable ? opened.unreadable.front() : "no track " + std::to_string(options.track));
+  std::string ids;
+  for (const Track& track : opened.tracks) ids += (ids.empty() ? "" : ", ") + std::to_string(track.id());
+  fail(options, noneReadable ? opened.unreadable.front()
+                             : "no track " + std::to_string(options.track) + "; the tracks are " +
+                                   (ids.empty() ? "none" : ids));
   return nullptr;
 }
 
