@@ -250,6 +250,8 @@ TEST(Track, ConstantSampleSizeAndUnreadableTables) {
       {{"stsd", ByteWriter().u32(0).u32(1).u32(4).text("\x01" "abc").bytes},
        "stsd sample entry 1 (\\x01abc) claims 4 bytes, 8 remain in stsd "
        "(detail: box \x01" "abc at offset 248 has a bad size 4)"},
+      {{"stsd", ByteWriter().u32(0).u32(1).u32(8).text("abcd").u32(0).bytes},
+       "stsd has 4 bytes after its 1 sample entries (detail: offset:260, readBytes fail)"},
       {{"stsd", ByteWriter().u32(0).u32(3).u32(8).text("avc1").bytes},
        "stsd announces 3 sample entries but holds 1 (detail: offset:256, readBytes fail)"},
   };

@@ -59,6 +59,9 @@ std::string stsdReason(const std::vector<unsigned char>& body) {
     }
     at += size;
   }
+  if (at < body.size()) {
+    return "stsd has " + n(body.size() - at) + " bytes after its " + n(count) + " sample entries";
+  }
   return "a sample entry of stsd is too short for the fields of its type";
 }
 
