@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -18,8 +19,11 @@ void check(bool ok) {
   if (!ok) __builtin_trap();
 }
 
+// One scratch file per process, rewritten for each input, removed at exit.
 const std::string& inputPath() {
   static const std::string path = "/tmp/mp4stbl_fuzz_command_" + std::to_string(getpid()) + ".mp4";
+  static const bool cleaned = std::atexit([] { std::remove(path.c_str()); }) == 0;
+  check(cleaned);
   return path;
 }
 
