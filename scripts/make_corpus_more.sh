@@ -47,8 +47,8 @@ ff alaw_only.mov -f lavfi -i "$(tone 8000 0.5)" -c:a pcm_alaw
 ff mp3.mp4 -f lavfi -i "$(tone 44100 1)" -c:a libmp3lame -b:a 64k
 ff ac3.mp4 -f lavfi -i "$(tone 48000 1)" -c:a ac3 -b:a 96k
 ff timecode.mov -f lavfi -i "$(video 64x48 0.4)" "${X264[@]}" -timecode 01:00:00:00
-printf ';FFMETADATA1\n[CHAPTER]\nTIMEBASE=1/1000\nSTART=0\nEND=500\ntitle=One\n[CHAPTER]\nTIMEBASE=1/1000\nSTART=500\nEND=1000\ntitle=Two\n' \
-  >"$out/.chapters.txt"
+chapter() { printf '[CHAPTER]\nTIMEBASE=1/1000\nSTART=%s\nEND=%s\ntitle=%s\n' "$@"; }
+{ echo ';FFMETADATA1'; chapter 0 500 One; chapter 500 1000 Two; } >"$out/.chapters.txt"
 ff chapters.mp4 -f lavfi -i "$(video 64x48 1)" -i "$out/.chapters.txt" -map 0:v \
   -map_chapters 1 "${X264[@]}"
 ff chapters.mov -f lavfi -i "$(video 64x48 1)" -i "$out/.chapters.txt" -map 0:v \

@@ -30,7 +30,8 @@ bytes=$(stat -c %s "$big")
 /usr/bin/time -v "$mp4stbl" verify "$big" >"$dir/verify.out" 2>"$dir/verify.time"
 cat "$dir/verify.out"
 grep -q 'identical when written back' "$dir/verify.out"
-rss_kb=$(sed -nE 's/^[[:space:]]*Maximum resident set size \(kbytes\): ([0-9]+)$/\1/p' "$dir/verify.time")
+rss_kb=$(sed -nE 's/^[[:space:]]*Maximum resident set size \(kbytes\): ([0-9]+)$/\1/p' \
+  "$dir/verify.time")
 seconds=$(sed -nE 's/^[[:space:]]*Elapsed \(wall clock\) time.*: (.*)$/\1/p' "$dir/verify.time")
 echo "verify on $bytes bytes: peak RSS $rss_kb kB, $seconds wall clock"
 [ "$rss_kb" -lt "$limit_kb" ] || { echo "peak RSS $rss_kb kB is over $limit_kb kB" >&2; exit 1; }

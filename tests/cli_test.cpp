@@ -126,8 +126,9 @@ void compareWithFfprobe(const std::string& path) {
       for (size_t i = 0; i < samples.size(); ++i) {
         EXPECT_EQ(chapters[i]["time_base"], base);
         EXPECT_EQ(samples[i]["decodeTime"], number(chapters[i]["start"]));
-        EXPECT_EQ(samples[i]["decodeTime"].get<long long>() + samples[i]["duration"].get<long long>(),
-                  number(chapters[i]["end"]));
+        const long long end =
+            samples[i]["decodeTime"].get<long long>() + samples[i]["duration"].get<long long>();
+        EXPECT_EQ(end, number(chapters[i]["end"]));
       }
       continue;
     }
@@ -173,7 +174,8 @@ void compareWithFfprobe(const std::string& path) {
     EXPECT_EQ(tracks[index]["duration"], elapsed);
     // Seconds are the duration over the time scale; the bit rate is bits
     // over seconds, shown in the text as kbit/s.
-    const double seconds = static_cast<double>(elapsed) / std::stoll(base.substr(base.find('/') + 1));
+    const double seconds =
+        static_cast<double>(elapsed) / std::stoll(base.substr(base.find('/') + 1));
     const double bitrate = seconds > 0 ? std::round(bytes * 8 / seconds) : 0;
     EXPECT_EQ(tracks[index]["bytes"], bytes);
     EXPECT_DOUBLE_EQ(tracks[index]["seconds"].get<double>(), seconds);
@@ -350,7 +352,8 @@ TEST(CliRuns, MessagesSayWhatIsWrongAndWhere) {
        "--track: expects a whole number from 1 to 4294967295, not '4294967296'"},
       {{"seek", clip, "--time", nines + "x"}, 2, "", "hh:mm:ss.mmm, not '9999"},
       {{"dump", clip, "--entries", "-1"}, 2, "", "--entries: expects a positive number or all"},
-      {{"info", clip, nines}, 2, "", "not expected: '999999999999999999999999...' (300 characters)"},
+      {{"info", clip, nines}, 2, "",
+       "not expected: '999999999999999999999999...' (300 characters)"},
       {{"bogus", clip}, 2, "", "unknown subcommand 'bogus': expects info, dump, samples, seek"},
       {{"info", odd}, 0, "  \\x01vc1  ", ""},
       {{"info", odd, "--json"}, 0, "\"entry\": \"\\\\x01vc1\"", ""},

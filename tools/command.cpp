@@ -47,7 +47,9 @@ std::unique_ptr<Opened> open(const Options& options) {
   }
   FoundTracks found = findTracks(opened->file);
   opened->tracks = std::move(found.tracks);
-  for (const std::string& reason : found.unreadable) opened->unreadable.push_back(printable(reason));
+  for (const std::string& reason : found.unreadable) {
+    opened->unreadable.push_back(printable(reason));
+  }
   return opened;
 }
 
@@ -71,7 +73,9 @@ const Track* findTrack(const Options& options, const Opened& opened) {
   }
   const bool noneReadable = opened.tracks.empty() && !opened.unreadable.empty();
   std::string ids;
-  for (const Track& track : opened.tracks) ids += (ids.empty() ? "" : ", ") + std::to_string(track.id());
+  for (const Track& track : opened.tracks) {
+    ids += (ids.empty() ? "" : ", ") + std::to_string(track.id());
+  }
   fail(options, noneReadable ? opened.unreadable.front()
                              : "no track " + std::to_string(options.track) + "; the tracks are " +
                                    (ids.empty() ? "none" : ids));

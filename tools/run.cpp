@@ -170,8 +170,9 @@ int runCommand(std::vector<std::string> args) {
   // Only --json, --verbose, --help and --version come before the subcommand.
   const auto named = std::find_if(args.begin(), args.end(),
                                   [](const std::string& arg) { return arg.rfind('-', 0) != 0; });
-  if (named != args.end() &&
-      std::find(std::begin(kSubcommands), std::end(kSubcommands), *named) == std::end(kSubcommands)) {
+  const auto* known = std::find(std::begin(kSubcommands), std::end(kSubcommands),
+                                named != args.end() ? *named : std::string());
+  if (named != args.end() && known == std::end(kSubcommands)) {
     std::fprintf(stderr,
                  "mp4stbl: unknown subcommand %s: expects info, dump, samples, seek or verify\n",
                  shownValue(*named).c_str());

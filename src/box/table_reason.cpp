@@ -52,7 +52,8 @@ std::string stsdReason(const std::vector<unsigned char>& body) {
       return "stsd announces " + n(count) + " sample entries but holds " + n(i - 1);
     }
     const uint32_t size = be32At(body, at);
-    const std::string type = printable(std::string(reinterpret_cast<const char*>(&body[at + 4]), 4));
+    const std::string type =
+        printable(std::string(reinterpret_cast<const char*>(&body[at + 4]), 4));
     if (size < 8 || size > left) {
       return "stsd sample entry " + n(i) + " (" + type + ") claims " + n(size) + " bytes, " +
              n(left) + " remain in stsd";

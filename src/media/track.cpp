@@ -171,7 +171,8 @@ FoundTracks findTracks(Mp4File& file) {
       if (const auto* mdhd = childOf<MdhdAtom>(mdia)) track.timescale_ = mdhd->timescale;
       if (const auto* hdlr = childOf<HdlrAtom>(mdia)) track.handler_ = hdlr->handlerType();
     }
-    Status status = stbl == nullptr ? track.fail("has no sample table (no stbl in mdia/minf)") : track.takeTables(stbl);
+    Status status = stbl == nullptr ? track.fail("has no sample table (no stbl in mdia/minf)")
+                                    : track.takeTables(stbl);
     if (status.ok()) status = track.check();
     if (status.ok()) {
       found.tracks.push_back(track);
