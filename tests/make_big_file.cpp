@@ -17,7 +17,7 @@ namespace {
 // A free box with a 64-bit size whose body is a hole in the file.
 class SparseFree : public Atom {
  public:
-  SparseFree(uint64_t length) : Atom(AtomHeader()), length_(length) {
+  explicit SparseFree(uint64_t length) : Atom(AtomHeader()), length_(length) {
     header.type = "free";
     header.size = 1;
   }
