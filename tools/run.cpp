@@ -113,6 +113,7 @@ Commands declare(CLI::App& app, Options& options) {
   auto command = [&](const char* name, const char* about) {
     CLI::App* sub = app.add_subcommand(name, about);
     sub->add_option("FILE", options.file, "MP4 or QuickTime file")->required();
+    sub->footer("Also --json (one JSON document on stdout) and -v (the library's log lines).");
     return sub;
   };
   const CLI::Validator count(positiveCount, "N");
