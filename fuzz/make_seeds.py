@@ -6,7 +6,9 @@
 fuzz_file gets the small real files of tests/data and one small file per
 class of bad input, each a complete little movie with one thing wrong;
 fuzz_child gets single boxes behind its selector byte (0: a child of stbl,
-1: a child of stsd); fuzz_edit gets a few fixed pseudo-random inputs.
+1: a child of stsd); fuzz_edit gets a few fixed pseudo-random inputs;
+fuzz_command gets the real files alone (scripts/fuzz.sh adds those of
+fuzz_file when it runs it).
 The output depends on nothing but this script and tests/data, so running
 it again writes the same bytes.
 """
@@ -255,12 +257,14 @@ def write(target, files, suffix):
 
 def main():
     folder = write("fuzz_file", hostile_files(), ".mp4")
+    command = write("fuzz_command", {}, "")
     for real in sorted(TEST_DATA.glob("*")):
         if real.is_file() and real.suffix in (".mp4", ".mov") and real.stat().st_size <= 64 * 1024:
             shutil.copyfile(real, folder / f"real_{real.name}")
+            shutil.copyfile(real, command / f"real_{real.name}")
     write("fuzz_child", child_seeds(), ".bin")
     write("fuzz_edit", edit_seeds(), ".bin")
-    for target in ("fuzz_file", "fuzz_child", "fuzz_edit"):
+    for target in ("fuzz_file", "fuzz_child", "fuzz_edit", "fuzz_command"):
         print(f"{CORPUS / target}: {len(list((CORPUS / target).iterdir()))} files")
 
 

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets (fuzz preset) and runs one of them from its
 # seed corpus for a while.
-#   scripts/fuzz.sh TARGET SECONDS      TARGET: fuzz_file, fuzz_child or fuzz_edit
+#   scripts/fuzz.sh TARGET SECONDS
+#     TARGET: fuzz_file, fuzz_child, fuzz_edit or fuzz_command (the whole
+#     command, seeded with fuzz_file's inputs as well as its own)
 # The inputs in fuzz/corpus/TARGET are copied to a scratch directory first, so
 # the inputs the fuzzer adds never land in the source tree. Any crash, leak,
 # timeout or memory-limit report fails the run; the input that caused it is
@@ -11,7 +13,7 @@ cd "$(dirname "$0")/.."
 source scripts/lib.sh
 
 if [ $# -ne 2 ] || ! [[ "$2" =~ ^[0-9]+$ ]] || [ ! -d "fuzz/corpus/$1" ]; then
-  echo "usage: $0 {fuzz_file|fuzz_child|fuzz_edit} SECONDS" >&2
+  echo "usage: $0 {fuzz_file|fuzz_child|fuzz_edit|fuzz_command} SECONDS" >&2
   exit 2
 fi
 target="$1"
@@ -34,6 +36,12 @@ cmake --build --preset fuzz --target "$target"
 scratch="$(mktemp -d)"
 trap 'rm -rf "$scratch"' EXIT
 cp -R "fuzz/corpus/$target" "$scratch/corpus"
+extra=()
+if [ "$target" = fuzz_command ]; then
+  cp fuzz/corpus/fuzz_file/* "$scratch/corpus/"
+  # The command's messages go to stderr; libFuzzer keeps its own reports.
+  extra=(-close_fd_mask=2)
+fi
 findings="build/fuzz/findings/$target"
 mkdir -p "$findings"
 log="build/fuzz/$target.log"
@@ -44,7 +52,7 @@ export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1"
 status=0
 "./build/fuzz/fuzz/$target" "$scratch/corpus" \
   -rss_limit_mb=512 -malloc_limit_mb=256 -timeout=10 -max_total_time="$seconds" \
-  -dict=fuzz/mp4.dict -artifact_prefix="$findings/" -print_final_stats=1 \
+  -dict=fuzz/mp4.dict -artifact_prefix="$findings/" -print_final_stats=1 "${extra[@]}" \
   >"$log" 2>&1 || status=$?
 grep -E '^(#[0-9]+[[:space:]]+(INITED|DONE)|Done [0-9]+ runs|stat::peak_rss_mb)' "$log" || true
 

@@ -68,6 +68,9 @@ make frag_h264_aac.mp4 -map 0:v -map 1:a "${X264B[@]}" -g 8 "${AAC[@]}" \
 
 [ "$wide" -eq 1 ] || exit 0
 
+# Other codecs, timecode and chapter tracks, files cut short, GStreamer's muxers.
+bash "$(dirname "$0")/make_corpus_more.sh" "$out"
+
 video 160x120 25 10 && tone 44100 10
 make long_h264_aac.mp4 -map 0:v -map 1:a "${X264[@]}" -g 50 "${AAC[@]}" -ac 2
 video 128x96 25 2 && tone 48000 2

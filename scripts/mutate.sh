@@ -119,8 +119,9 @@ for patch in "${mutants[@]}"; do
       detail=""
     else
       status=killed
-      # "  7 - Suite.Name<Suite/type.  # TypeParam = ... (Failed)": the name.
-      failed="$(grep -E '^\s+[0-9]+ - ' "$log" |
+      # "  7 - Suite.Name<Suite/type.  # TypeParam = ... (Failed)" after
+      # "tests FAILED:" (skipped tests are listed before it): the name.
+      failed="$(sed -n '/tests FAILED:/,$p' "$log" | grep -E '^\s+[0-9]+ - ' |
         sed -E -e 's/^\s+[0-9]+ - //' -e 's/ \([^()]*\)$//' -e 's/  # .*//' \
           -e 's|^([^.<]+)\.([^<]+)<[^/]*/([^.]*)\.$|\1/\3.\2|' || true)"
       count="$(printf '%s\n' "$failed" | grep -c . || true)"

@@ -2,10 +2,13 @@
 // no more memory than a small multiple of its own size.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
+#include "box/file_stream.h"
 #include "box/mp4file.h"
 #include "media/track.h"
 #include "support/alloc_tracker.h"
@@ -102,6 +105,40 @@ TEST(Hostile, MadeFilesEndAtTheirLimitWithinMemory) {
   Mp4File read;
   ASSERT_TRUE(read.read(&stream).ok());
   EXPECT_EQ(read.root.children.size(), many);
+}
+
+// Boxes of no known type, at the top and inside moov, large and sparse on
+// disk: read without loading their bytes, written back identical.
+TEST(Hostile, LargeBoxesOfNoKnownTypeAreCopiedNotLoaded) {
+  const std::string path = ::testing::TempDir() + "mp4stbl_large_free.mp4";
+  const uint64_t freeLength = 16u << 20, skipLength = 2u << 20;
+  {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    const Bytes head = ByteWriter::box("ftyp", ByteWriter().text("isom").u32(0).bytes);
+    const Bytes free = ByteWriter().u32(1).text("free").u64(freeLength).bytes;
+    const Bytes moov = ByteWriter().u32(uint32_t(8 + skipLength)).text("moov")
+                           .u32(uint32_t(skipLength)).text("skip").bytes;
+    out.write(reinterpret_cast<const char*>(head.data()), head.size());
+    out.write(reinterpret_cast<const char*>(free.data()), free.size());
+    out.seekp(static_cast<std::streamoff>(head.size() + freeLength));
+    out.write(reinterpret_cast<const char*>(moov.data()), moov.size());
+    out.seekp(static_cast<std::streamoff>(head.size() + freeLength + 8 + skipLength - 1));
+    out.put('\x7f');
+  }
+  alloc_tracker::reset();
+  {
+    Mp4File file;
+    ASSERT_TRUE(file.open(path).ok());
+    EXPECT_LE(alloc_tracker::peak(), 3u << 19);  // less than the smaller box
+    FileStream copy;
+    ASSERT_EQ(copy.open(path + ".copy", FileStream::Mode::Write), 0);
+    ASSERT_TRUE(file.write(&copy).ok());
+    ASSERT_EQ(copy.close(), 0);
+  }
+  EXPECT_LE(alloc_tracker::peak(), 4u << 20);
+  EXPECT_TRUE(readFile(path + ".copy") == readFile(path));
+  std::remove(path.c_str());
+  std::remove((path + ".copy").c_str());
 }
 
 }  // namespace

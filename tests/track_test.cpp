@@ -174,13 +174,13 @@ TEST(Track, TablesThatDisagreeGiveAnErrorNamingTrackAndTable) {
          attach<Co64Atom>(t.stbl, "co64")->entries = {100, 200, 300, UINT64_MAX - 20};
        },
        "sample 6 at offset 18446744073709551595 runs past the end of any file"},
-      {[](OneTrack& t) { attach<StszAtom>(t.stbl, "stsz"); }, "two stsz boxes"},
-      {[](OneTrack& t) { attach<Co64Atom>(t.stbl, "co64"); }, "needs exactly one stco or co64"},
+      {[](OneTrack& t) { attach<StszAtom>(t.stbl, "stsz"); }, "its stbl has two stsz boxes"},
+      {[](OneTrack& t) { attach<Co64Atom>(t.stbl, "co64"); }, "its stbl has both stco and co64"},
       {[](OneTrack& t) {
          t.stbl->children.remove(t.stts);
          delete t.stts;
        },
-       "needs exactly one stts"},
+       "its stbl has no stts"},
   };
   for (const auto& c : cases) {
     OneTrack built;
@@ -233,13 +233,41 @@ TEST(Track, ConstantSampleSizeAndUnreadableTables) {
   EXPECT_EQ(tracks->at(0).constantSampleSize(), 50u);
   EXPECT_EQ(tracks->at(0).totalSampleBytes(), 300u);
   EXPECT_EQ(built.walk().at(1), "2 chunk 1 at 150+50 time 100+100 entry 1");
-  // An stss whose count passes its box: kept as bytes, the track is reported.
-  OneTrack broken;
-  broken.stbl->children.remove(broken.stss);
-  delete broken.stss;
-  attach<UserDefAtom>(broken.stbl, "stss")->body = ByteWriter().u32(0).u32(9).bytes;
-  EXPECT_EQ(broken.walk().back(),
-            "track 7 (vide, avc1): stss: read 36 bytes to stss buf failed");
+  // A table that cannot be read is kept as bytes and its track reported:
+  // the box, what it claims and what it holds, the reader's line as detail.
+  const std::pair<std::pair<std::string, Bytes>, std::string> broken[] = {
+      {{"stss", ByteWriter().u32(0).u32(9).bytes},
+       "stss lists 9 entries of 4 bytes (36 bytes) but its box holds 0 bytes of entries "
+       "(detail: read 36 bytes to stss buf failed)"},
+      {{"stts", ByteWriter().u32(0).u32(0x20000000).u32(1).bytes},
+       "stts lists 536870912 entries of 8 bytes (4294967296 bytes) but its box holds 4 bytes "
+       "of entries (detail: stts entry count err)"},
+      {{"stsc", ByteWriter().u32(0).bytes},
+       "stsc is 4 bytes after its header, too short for its 8 bytes of fields "
+       "(detail: offset:306, readBe32 fail)"},
+      {{"stsd", ByteWriter().u32(0).u32(2).u32(8).text("\x01" "abc").u32(9).text("mp4a").bytes},
+       "stsd sample entry 2 (mp4a) claims 9 bytes, 8 remain in stsd "
+       "(detail: box mp4a at offset 256 claims 9 bytes, only 8 remain)"},
+      {{"stsd", ByteWriter().u32(0).u32(1).u32(4).text("\x01" "abc").bytes},
+       "stsd sample entry 1 (\\x01abc) claims 4 bytes, 8 remain in stsd "
+       "(detail: box \x01" "abc at offset 248 has a bad size 4)"},
+      {{"stsd", ByteWriter().u32(0).u32(1).u32(8).text("abcd").u32(0).bytes},
+       "stsd has 4 bytes after its 1 sample entries (detail: offset:260, readBytes fail)"},
+      {{"stsd", ByteWriter().u32(0).u32(3).u32(8).text("avc1").bytes},
+       "stsd announces 3 sample entries but holds 1 (detail: offset:256, readBytes fail)"},
+  };
+  for (const auto& [box, reason] : broken) {
+    OneTrack built;
+    for (Atom* child : built.stbl->children) {
+      if (child->header.type != box.first) continue;
+      built.stbl->children.remove(child);
+      delete child;
+      break;
+    }
+    attach<UserDefAtom>(built.stbl, box.first.c_str())->body = box.second;
+    const std::string track = box.first == "stsd" ? "track 7 (vide): " : "track 7 (vide, avc1): ";
+    EXPECT_EQ(built.walk().back(), track + reason);
+  }
 }
 
 }  // namespace

@@ -2,11 +2,32 @@
 
 #include <cstdio>
 
+#include "box/table_reason.h"
+
 namespace mp4stbl::cli {
 
+namespace {
+
+// A file name keeps its UTF-8; only control bytes are escaped.
+std::string shownName(const std::string& name) {
+  std::string text;
+  for (const unsigned char c : name) {
+    text += c < 0x20 || c == 0x7F ? printable(std::string(1, static_cast<char>(c)))
+                                  : std::string(1, static_cast<char>(c));
+  }
+  return text;
+}
+
+}  // namespace
+
 int fail(const Options& options, const std::string& what) {
-  std::fprintf(stderr, "mp4stbl: %s: %s\n", options.file.c_str(), what.c_str());
+  report(options, what);
   return kFailure;
+}
+
+void report(const Options& options, const std::string& what) {
+  std::fprintf(stderr, "mp4stbl: %s: %s\n", shownName(options.file).c_str(),
+               printable(what).c_str());
 }
 
 std::unique_ptr<Opened> open(const Options& options) {
@@ -19,16 +40,16 @@ std::unique_ptr<Opened> open(const Options& options) {
                                 read.message() + ")");
     return nullptr;
   }
-  for (const std::string& warning : opened->file.warnings()) {
-    std::fprintf(stderr, "mp4stbl: %s: warning: %s\n", options.file.c_str(), warning.c_str());
-  }
+  for (const std::string& warning : opened->file.warnings()) report(options, "warning: " + warning);
   if (opened->file.find("moov").empty()) {
     fail(options, "not an MP4 file (no moov box)");
     return nullptr;
   }
   FoundTracks found = findTracks(opened->file);
   opened->tracks = std::move(found.tracks);
-  opened->unreadable = std::move(found.unreadable);
+  for (const std::string& reason : found.unreadable) {
+    opened->unreadable.push_back(printable(reason));
+  }
   return opened;
 }
 
@@ -51,7 +72,13 @@ const Track* findTrack(const Options& options, const Opened& opened) {
     }
   }
   const bool noneReadable = opened.tracks.empty() && !opened.unreadable.empty();
-  fail(options, noneReadable ? opened.unreadable.front() : "no track " + std::to_string(options.track));
+  std::string ids;
+  for (const Track& track : opened.tracks) {
+    ids += (ids.empty() ? "" : ", ") + std::to_string(track.id());
+  }
+  fail(options, noneReadable ? opened.unreadable.front()
+                             : "no track " + std::to_string(options.track) + "; the tracks are " +
+                                   (ids.empty() ? "none" : ids));
   return nullptr;
 }
 

@@ -36,14 +36,16 @@ struct Options {
   std::vector<std::string> inputs;
 };
 
-// Prints "mp4stbl: FILE: what" on stderr; returns kFailure.
+// Prints "mp4stbl: FILE: what" on stderr, bytes that are not printable
+// escaped as \xNN; fail returns kFailure.
 int fail(const Options& options, const std::string& what);
+void report(const Options& options, const std::string& what);
 
 // A file read with its tracks.
 struct Opened {
   Mp4File file;
   std::vector<Track> tracks;
-  std::vector<std::string> unreadable;  // why each other track cannot be walked
+  std::vector<std::string> unreadable;  // why each other track cannot be walked, printable
 };
 
 // Null after a failure message.

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "box/table_reason.h"
 #include "command.h"
 #include "table.h"
 
@@ -47,7 +48,7 @@ class JsonFields : public FieldSink {
 };
 
 json tree(const Atom& box, size_t limit) {
-  json node = {{"type", box.header.type},
+  json node = {{"type", printable(box.header.type)},
                {"size", box.header.boxLength()},
                {"offset", box.header.headerOffset}};
   JsonFields fields(limit);

@@ -6,6 +6,7 @@
 
 #include "box/codec_config.h"
 #include "box/movie_boxes.h"
+#include "box/table_reason.h"
 #include "command.h"
 #include "table.h"
 
@@ -48,7 +49,7 @@ json trackSummary(const Track& track) {
   json summary = {
       {"id", track.id()},
       {"handler", track.kind()},
-      {"entry", track.entryType()},
+      {"entry", printable(track.entryType())},
       {"timescale", track.timescale()},
       {"samples", track.sampleCount()},
       {"duration", duration},
@@ -262,9 +263,7 @@ int info(const Options& options) {
   }
   json facts = fileSummary(opened->file);
   const uint64_t length = opened->file.length();
-  for (const std::string& reason : opened->unreadable) {
-    std::fprintf(stderr, "mp4stbl: %s: %s\n", options.file.c_str(), reason.c_str());
-  }
+  for (const std::string& reason : opened->unreadable) report(options, reason);
   if (options.json) {
     json document = {{"file", options.file}, {"bytes", length}};
     document.update(facts);

@@ -69,7 +69,11 @@ int seek(const Options& options) {
   const Track* track = findTrack(options, *opened);
   if (track == nullptr) return kFailure;
   const uint32_t asked = sampleFor(*track, options.time, options.sample);
-  if (asked == 0 || asked > track->sampleCount()) return fail(options, "no such sample");
+  if (asked == 0 || asked > track->sampleCount()) {
+    return fail(options, "track " + std::to_string(track->id()) + " has no sample " +
+                             std::to_string(asked) + "; it has " +
+                             std::to_string(track->sampleCount()));
+  }
   const uint32_t key = keyFrameFor(*track, asked, options.after);
   const auto start = sampleAt(options, *track, key);
   if (!start) return kFailure;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "box/file_stream.h"
+#include "box/table_reason.h"
 #include "command.h"
 
 namespace mp4stbl::cli {
@@ -82,7 +83,8 @@ std::string boxAt(const Atom& parent, uint64_t offset, const std::string& path) 
   for (const Atom* box : parent.children) {
     const uint64_t start = box->header.headerOffset;
     if (offset >= start && offset - start < box->header.boxLength()) {
-      return boxAt(*box, offset, path.empty() ? box->header.type : path + "/" + box->header.type);
+      const std::string type = printable(box->header.type);
+      return boxAt(*box, offset, path.empty() ? type : path + "/" + type);
     }
   }
   return path;

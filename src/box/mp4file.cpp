@@ -10,6 +10,7 @@
 #include "box/fragment_boxes.h"
 #include "box/log.h"
 #include "box/movie_boxes.h"
+#include "box/table_reason.h"
 #include "stbl.h"
 
 namespace mp4stbl {
@@ -34,7 +35,32 @@ constexpr AtomType kFileBoxes[] = {
     {"trun", &makeAtom<TrunAtom>},      {"mfra", &makeAtom<ContainerAtom>},
 };
 
+// A box of no type above, larger than this (a big free or skip box, a
+// vendor's data), is copied from the file when written, like mdat, and
+// never loaded: memory stays that of the tables.
+constexpr uint64_t kLoadedBoxLimit = 1u << 20;
+
+bool isTyped(const std::string& type) {
+  return std::any_of(std::begin(kFileBoxes), std::end(kFileBoxes),
+                     [&](const AtomType& typed) { return type == typed.type; });
+}
+
 Atom* readFileBox(IOStream* stream) {
+  if (stream != nullptr) {
+    // The header is peeked at quietly; reading it for real logs its faults.
+    const long long start = stream->getOffset();
+    uint32_t size = 0;
+    char type[5] = {};
+    unsigned long long large = 0;
+    const bool copied =
+        stream->readBe32(&size) == 4 &&
+        stream->readBytes(reinterpret_cast<unsigned char*>(type), 4) == 4 &&
+        (size != 1 || stream->readBe64(&large) == 8) && !isTyped(type) &&
+        (size == 0 || (size == 1 ? large : size) > kLoadedBoxLimit);
+    if (stream->seek(start) != 0) return nullptr;
+    const AtomType asMedia[] = {{type, &makeAtom<MdatAtom>}};
+    if (copied) return ReadTypedChild(stream, asMedia, std::size(asMedia));
+  }
   return ReadTypedChild(stream, kFileBoxes, std::size(kFileBoxes));
 }
 
@@ -128,7 +154,9 @@ Atom* FileStblAtom::ReadChild(IOStream* stream) {
   if (child != nullptr) return child;
   // Kept as bytes when its header at least holds: the stbl stays whole.
   Atom* kept = readAs(stream, start, nullptr, 0);
-  if (kept != nullptr) unreadable.push_back(kept->header.type + ": " + note.text());
+  if (const auto* bytes = dynamic_cast<const UserDefAtom*>(kept)) {
+    unreadable.push_back(explainUnreadable(*bytes, note.text()));
+  }
   return kept;
 }
 

@@ -45,7 +45,7 @@ class FileStblAtom : public StblAtom {
   explicit FileStblAtom(const AtomHeader& header);
   Atom* ReadChild(IOStream* stream) override;
 
-  // "stts: <reason>" for every child kept as bytes because it failed.
+  // Why each child kept as bytes could not be read, naming the box.
   std::vector<std::string> unreadable;
 
  private:

@@ -17,7 +17,7 @@ Result<const Box*> only(const Atom* parent, const char* type, const Track& track
     const auto* box = dynamic_cast<const Box*>(child);
     if (box == nullptr) continue;
     if (found != nullptr) {
-      return track.fail(std::string("two ") + type + " boxes");
+      return track.fail(std::string("its stbl has two ") + type + " boxes");
     }
     found = box;
   }
@@ -202,10 +202,12 @@ Status Track::takeTables(const Atom* stbl) {
   const char* missing = stsd_ == nullptr                               ? "stsd"
                         : stts_ == nullptr                             ? "stts"
                         : stsc_ == nullptr                             ? "stsc"
-                        : (stsz_ == nullptr) == (constant == nullptr)  ? "stsz"
-                        : (stco_ == nullptr) == (co64_ == nullptr)     ? "stco or co64"
+                        : stsz_ == nullptr && constant == nullptr      ? "stsz"
+                        : stco_ == nullptr && co64_ == nullptr         ? "stco or co64"
                                                                        : nullptr;
-  if (missing != nullptr) return fail(std::string("needs exactly one ") + missing);
+  if (missing != nullptr) return fail(std::string("its stbl has no ") + missing);
+  if (stsz_ != nullptr && constant != nullptr) return fail("its stbl has two stsz boxes");
+  if (stco_ != nullptr && co64_ != nullptr) return fail("its stbl has both stco and co64");
   if (constant != nullptr) {
     constantSize_ = constant->sampleSize;
     sampleCount_ = constant->sampleCount;
@@ -233,7 +235,8 @@ FoundTracks findTracks(Mp4File& file) {
       if (const auto* mdhd = childOf<MdhdAtom>(mdia)) track.timescale_ = mdhd->timescale;
       if (const auto* hdlr = childOf<HdlrAtom>(mdia)) track.handler_ = hdlr->handlerType();
     }
-    Status status = stbl == nullptr ? track.fail("no stbl") : track.takeTables(stbl);
+    Status status = stbl == nullptr ? track.fail("has no sample table (no stbl in mdia/minf)")
+                                    : track.takeTables(stbl);
     if (status.ok()) status = track.check();
     if (status.ok()) status = track.takeFragments(fragments);
     if (status.ok()) {

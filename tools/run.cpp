@@ -1,0 +1,223 @@
+// The mp4stbl command as a function: its arguments in, its output on
+// stdout and stderr, its exit status out. main() and the fuzz target call it.
+#include "run.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+#include <stdexcept>
+
+#include "box/log.h"
+#include "box/table_reason.h"
+#include "command.h"
+
+namespace mp4stbl::cli {
+
+namespace {
+
+void showLine(const char* tag, int level, const char* text) {
+  std::fprintf(stderr, "[%s %d] %s", tag, level, text);
+}
+
+// The library's log lines go to stderr with --verbose; otherwise a failure
+// reaches the user through the command's own message only.
+void routeLog(bool verbose) {
+  mp4stbl::setLogSink(verbose ? mp4stbl::LogSink{&showLine, 0} : mp4stbl::LogSink{&showLine, 4});
+}
+
+constexpr const char* kSubcommands[] = {"info", "dump", "samples", "seek", "verify", "trim", "join"};
+
+// A value as an error message shows it: escaped, and cut after a few
+// characters so a long one does not fill the screen.
+std::string shownValue(const std::string& value) {
+  constexpr size_t kShown = 24;
+  if (value.size() <= kShown) return "'" + printable(value) + "'";
+  return "'" + printable(value.substr(0, kShown)) + "...' (" + std::to_string(value.size()) +
+         " characters)";
+}
+
+// The messages of option errors, with every long word cut like a value.
+std::string shortened(const std::string& message) {
+  std::string text, word;
+  for (size_t i = 0; i <= message.size(); ++i) {
+    if (i < message.size() && message[i] != ' ' && message[i] != '\n') {
+      word += message[i];
+      continue;
+    }
+    text += word.size() > 40 ? shownValue(word) : word;
+    if (i < message.size()) text += message[i];
+    word.clear();
+  }
+  return text;
+}
+
+std::string digitsOrAll(std::string& value) {
+  if (value == "all") return "";
+  const bool digits = !value.empty() && value.size() <= 20 &&
+                      value.find_first_not_of("0123456789") == std::string::npos &&
+                      value.find_first_not_of('0') != std::string::npos;
+  return digits ? "" : "expects a positive number or all, not " + shownValue(value);
+}
+
+// Track and sample numbers: 1 to 2^32 - 1.
+std::string positiveCount(std::string& value) {
+  const bool digits = !value.empty() && value.size() <= 10 &&
+                      value.find_first_not_of("0123456789") == std::string::npos;
+  const unsigned long long number = digits ? std::strtoull(value.c_str(), nullptr, 10) : 0;
+  if (number >= 1 && number <= UINT32_MAX) return "";
+  return "expects a whole number from 1 to 4294967295, not " + shownValue(value);
+}
+
+// Seconds as "12.5", "1:02.5" or "0:01:02.500", rewritten to plain seconds
+// for the option's own conversion.
+std::string readClockTime(std::string& value) {
+  double total = 0;
+  size_t from = 0;
+  for (int part = 0; part < 3; ++part) {
+    const size_t colon = value.find(':', from);
+    const std::string field = value.substr(from, colon == std::string::npos ? colon : colon - from);
+    const bool last = colon == std::string::npos;
+    const bool digits = !field.empty() && field.size() <= 18 &&
+                        field.find_first_not_of(last ? "0123456789." : "0123456789") ==
+                            std::string::npos &&
+                        field.find('.') == field.rfind('.') && field != ".";
+    if (!digits) break;
+    total = total * 60 + std::strtod(field.c_str(), nullptr);
+    if (last) {
+      value = std::to_string(total);
+      return "";
+    }
+    from = colon + 1;
+  }
+  return "expects seconds (12.5) or hh:mm:ss.mmm, not " + shownValue(value);
+}
+
+struct Commands {
+  CLI::App* info;
+  CLI::App* dump;
+  CLI::App* samples;
+  CLI::App* seek;
+  CLI::App* verify;
+  CLI::App* trim;
+  CLI::App* join;
+};
+
+Commands declare(CLI::App& app, Options& options) {
+  // --json and --verbose belong to the command as a whole: a subcommand
+  // hands them up, so they go before or after it.
+  app.add_flag("--json", options.json, "one JSON document on stdout");
+  app.add_flag("-v,--verbose", options.verbose, "show the library's log lines");
+  app.fallthrough();
+  auto command = [&](const char* name, const char* about) {
+    CLI::App* sub = app.add_subcommand(name, about);
+    sub->add_option("FILE", options.file, "MP4 or QuickTime file")->required();
+    sub->footer("Also --json (one JSON document on stdout) and -v (the library's log lines).");
+    return sub;
+  };
+  const CLI::Validator count(positiveCount, "N");
+  auto trackOption = [&](CLI::App* sub, bool required) {
+    sub->add_option("--track", options.track,
+                    required ? "track id" : "track id (default: the first video track)")
+        ->required(required)
+        ->check(count);
+  };
+  Commands commands{};
+  commands.info = command("info", "per-track summary of the sample tables");
+  commands.dump = command("dump", "box tree with the fields and first entries of tables");
+  commands.dump->add_option("--entries", options.entries, "entries shown per table, or all")
+      ->check(CLI::Validator(digitsOrAll, "N|all"));
+  commands.samples = command("samples", "one row per sample of a track");
+  trackOption(commands.samples, true);
+  commands.seek = command("seek", "the key frame to start playing from");
+  trackOption(commands.seek, false);
+  auto* at = commands.seek->add_option_group("position")->require_option(1);
+  const CLI::Validator clockTime(readClockTime, "S|hh:mm:ss.mmm");
+  at->add_option("--time", options.time, "seconds, or hh:mm:ss.mmm")->transform(clockTime);
+  at->add_option("--sample", options.sample, "1-based sample number")->check(count);
+  auto* to = commands.seek->add_option_group("end")->require_option(0, 1);
+  to->add_option("--end-time", options.endTime, "play through this time (seconds, or hh:mm:ss.mmm)")
+      ->transform(clockTime);
+  commands.seek->add_flag("--after", options.after,
+                          "the first key frame at or after the time, not the one before it");
+  to->add_option("--end-sample", options.endSample, "play through this sample")
+      ->check(count);
+  commands.verify = command("verify", "write the file back and compare the bytes");
+  commands.trim = command("trim", "a new file holding what plays between two times");
+  commands.trim->add_option("--from", options.from, "start (seconds, or hh:mm:ss.mmm)")
+      ->required()
+      ->transform(clockTime);
+  commands.trim->add_option("--to", options.to, "end (seconds, or hh:mm:ss.mmm)")
+      ->required()
+      ->transform(clockTime);
+  commands.trim->add_option("-o,--output", options.output, "the new file")->required();
+  commands.trim->add_flag("--keyframe", options.keyframe,
+                          "start at the key frame before --from, with no edit list");
+  commands.trim->add_flag("--moov-last", options.moovLast, "movie box after the media data");
+  commands.join = app.add_subcommand("join", "a new file holding clips one after the other");
+  commands.join->add_option("FILES", options.inputs, "the clips, in playing order")
+      ->required()
+      ->expected(2, -1);
+  commands.join->add_option("-o,--output", options.output, "the new file")->required();
+  commands.join->add_flag("--moov-last", options.moovLast, "movie box after the media data");
+  commands.join->footer("Also --json (one JSON document on stdout) and -v (the library's log lines).");
+  return commands;
+}
+
+int dispatch(const Commands& commands, const Options& options) {
+  routeLog(options.verbose);
+  if (commands.info->parsed()) return info(options);
+  if (commands.dump->parsed()) return dump(options);
+  if (commands.samples->parsed()) return samples(options);
+  if (commands.seek->parsed()) return seek(options);
+  if (commands.verify->parsed()) return verify(options);
+  if (commands.trim->parsed()) return trim(options);
+  if (commands.join->parsed()) return join(options);
+  return 2;
+}
+
+}  // namespace
+
+int runCommand(std::vector<std::string> args) {
+  CLI::App app{"Inspect, list, seek, verify, trim and join MP4 files by their sample tables.",
+               "mp4stbl"};
+  app.set_version_flag("--version", "mp4stbl " MP4STBL_VERSION);
+  app.require_subcommand(1);
+  Options options;
+  const Commands commands = declare(app, options);
+  app.failure_message([](const CLI::App*, const CLI::Error& error) {
+    return "mp4stbl: " + shortened(error.what()) + "\nRun with --help for more information.\n";
+  });
+  // Only --json, --verbose, --help and --version come before the subcommand.
+  const auto named = std::find_if(args.begin(), args.end(),
+                                  [](const std::string& arg) { return arg.rfind('-', 0) != 0; });
+  const auto* known = std::find(std::begin(kSubcommands), std::end(kSubcommands),
+                                named != args.end() ? *named : std::string());
+  if (named != args.end() && known == std::end(kSubcommands)) {
+    std::fprintf(stderr,
+                 "mp4stbl: unknown subcommand %s: expects info, dump, samples, seek, verify, trim "
+                 "or join\n",
+                 shownValue(*named).c_str());
+    return 2;
+  }
+  std::reverse(args.begin(), args.end());  // CLI11 takes the last argument first
+  try {
+    app.parse(args);
+  } catch (const CLI::ParseError& error) {
+    const int status = app.exit(error);
+    return status == 0 ? 0 : 2;
+  }
+  // A table that cannot grow throws; the command reports it like any failure.
+  try {
+    return dispatch(commands, options);
+  } catch (const std::bad_alloc&) {
+    return fail(options, "out of memory");
+  } catch (const std::length_error&) {
+    return fail(options, "a table is longer than this machine can hold");
+  }
+}
+
+}  // namespace mp4stbl::cli
