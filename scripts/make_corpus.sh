@@ -81,6 +81,9 @@ video 96x64 30000/1001 3 && tone 48000 3
 make hevc_ntsc.mp4 -map 0:v -map 1:a "${X265[@]}" "${AAC[@]}"
 video 96x64 24000/1001 3
 make h264_bframes.mp4 -c:v libx264 -preset veryfast -threads 1 -bf 3 -g 24
+# A variable frame rate: the frames whose number 3 or 5 divides, at uneven gaps.
+video 96x64 25 3
+make h264_vfr.mp4 "${X264[@]}" -vf "select='not(mod(n\,3))+not(mod(n\,5))'" -fps_mode vfr
 video 64x48 25 0.4 && tone 8000 0.4
 make prores_apcs_alaw.mov -map 0:v -map 1:a -c:v prores_ks -profile:v 1 -c:a pcm_alaw
 video 64x48 25 0.4 && tone 8000 0.4
