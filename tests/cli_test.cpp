@@ -500,7 +500,8 @@ namespace {
 std::vector<std::vector<std::string>> sampleBytes(const std::string& path) {
   std::vector<std::vector<std::string>> tracks;
   const std::string all = slurp(path);
-  for (const json& track : cli({"info", path, "--json"}).doc()["tracks"]) {
+  const json info = cli({"info", path, "--json"}).doc();
+  for (const json& track : info["tracks"]) {
     std::vector<std::string>& samples = tracks.emplace_back();
     for (const json& s : samplesOf(path, track["id"].get<unsigned>())) {
       samples.push_back(all.substr(s["offset"].get<size_t>(), s["size"].get<size_t>()));
