@@ -496,15 +496,27 @@ TEST(CliInfo, BrandsAndFragmentsOnTheFileLine) {
 
 namespace {
 
-// The bytes of every sample of every track, in decode order.
-std::vector<std::vector<std::string>> sampleBytes(const std::string& path) {
-  std::vector<std::vector<std::string>> tracks;
+// The bytes of every sample of every track, in decode order, and of the
+// first sample each track shows at or after `at` seconds.
+struct TrackBytes {
+  std::vector<std::string> samples;
+  std::string shownAt;
+};
+
+std::vector<TrackBytes> sampleBytes(const std::string& path, double at = 0) {
+  std::vector<TrackBytes> tracks;
   const std::string all = slurp(path);
   const json info = cli({"info", path, "--json"}).doc();
   for (const json& track : info["tracks"]) {
-    std::vector<std::string>& samples = tracks.emplace_back();
+    TrackBytes& bytes = tracks.emplace_back();
+    double shown = 1e300;
     for (const json& s : samplesOf(path, track["id"].get<unsigned>())) {
-      samples.push_back(all.substr(s["offset"].get<size_t>(), s["size"].get<size_t>()));
+      bytes.samples.push_back(all.substr(s["offset"].get<size_t>(), s["size"].get<size_t>()));
+      const double when = s["presentationSeconds"].get<double>();
+      if (when >= at - 1e-6 && when < shown) {
+        shown = when;
+        bytes.shownAt = bytes.samples.back();
+      }
     }
   }
   return tracks;
@@ -530,9 +542,9 @@ Probed probe(const std::string& path) {
 
 // Trims of real files against ffprobe: every stream starts at 0 and lasts
 // the window (or to its own end) within a frame (40 ms at the slowest rate
-// here), decodes
-// without a message, and each track's samples are a run of the source's,
-// byte for byte. Three joined copies of a cut (movie box last) last three
+// here), decodes without a message, and each track's samples are a run of
+// the source's, byte for byte, whose first frame shown is the one the
+// source shows at --from. Three joined copies of a cut (movie box last) last three
 // windows, hold three times its samples and write back identical.
 TEST(CliEdit, TrimsAndJoinsAgainstFfprobe) {
   if (mediaFiles(MP4STBL_CORPUS_DIR).empty()) {
@@ -543,7 +555,7 @@ TEST(CliEdit, TrimsAndJoinsAgainstFfprobe) {
   for (const char* name : {"h264_bframes.mp4", "long_h264_aac.mp4", "two_audio.mp4",
                            "hevc_ntsc.mp4", "h264_ulaw.mov", "faststart.mp4", "h264_vfr.mp4",
                            "prores_apcs_alaw.mov", "pcm_s16le.mov", "gst_h264_aac.mp4",
-                           "timecode.mov", "mp3.mp4"}) {
+                           "timecode.mov", "mp3.mp4", "h264_high_eng.mp4"}) {
     const std::string path = std::string(MP4STBL_CORPUS_DIR) + "/" + name;
     SCOPED_TRACE(name);
     const Probed source = probe(path);
@@ -560,12 +572,15 @@ TEST(CliEdit, TrimsAndJoinsAgainstFfprobe) {
       EXPECT_NEAR(result.starts[s], 0, kFrame) << "stream " << s;
       EXPECT_NEAR(result.durations[s], end - from, kFrame) << "stream " << s;
     }
-    const auto before = sampleBytes(path), after = sampleBytes(cut);
+    const auto before = sampleBytes(path, from), after = sampleBytes(cut);
     ASSERT_EQ(before.size(), after.size());
     for (size_t t = 0; t < after.size(); ++t) {
-      const auto first = std::search(before[t].begin(), before[t].end(), after[t].begin(),
-                                     after[t].end());
-      EXPECT_NE(first, before[t].end()) << "track " << t + 1 << " is no run of the source's";
+      const auto& kept = after[t].samples;
+      const auto first = std::search(before[t].samples.begin(), before[t].samples.end(),
+                                     kept.begin(), kept.end());
+      EXPECT_NE(first, before[t].samples.end()) << "track " << t + 1 << " is no run of the source's";
+      // The frame shown first is the one the source shows at --from.
+      EXPECT_TRUE(after[t].shownAt == before[t].shownAt) << "track " << t + 1;
     }
     ASSERT_EQ(cli({"join", cut, cut, cut, "-o", joined, "--moov-last"}).status, 0);
     EXPECT_EQ(cli({"verify", joined}).status, 0);
@@ -577,11 +592,11 @@ TEST(CliEdit, TrimsAndJoinsAgainstFfprobe) {
     }
     const auto tripled = sampleBytes(joined);
     for (size_t t = 0; t < tripled.size(); ++t) {
-      auto expected = after[t];
-      for (int copy = 0; copy < 2; ++copy) {
-        expected.insert(expected.end(), after[t].begin(), after[t].end());
+      std::vector<std::string> expected;
+      for (int copy = 0; copy < 3; ++copy) {
+        expected.insert(expected.end(), after[t].samples.begin(), after[t].samples.end());
       }
-      EXPECT_TRUE(tripled[t] == expected) << "track " << t + 1;
+      EXPECT_TRUE(tripled[t].samples == expected) << "track " << t + 1;
     }
   }
   fs::remove(cut);
