@@ -9,6 +9,7 @@
 #include "box/file_stream.h"
 #include "box/mp4file.h"
 #include "stbl.h"
+#include "support/co64.h"
 
 using namespace mp4stbl;
 
@@ -43,18 +44,7 @@ int main(int argc, char** argv) {
   if (gap < 16) return fail("GAP is at least 16 bytes");
   Mp4File file;
   if (!file.open(argv[1]).ok()) return fail("IN cannot be read");
-  for (Atom* stbl : file.find("moov/trak/mdia/minf/stbl")) {
-    for (Atom*& child : stbl->children) {
-      auto* stco = dynamic_cast<StcoAtom*>(child);
-      if (stco == nullptr) continue;
-      AtomHeader header;
-      header.type = "co64";
-      auto* co64 = new Co64Atom(header);
-      for (uint32_t offset : stco->entries) co64->addEntry(offset + gap);
-      delete child;
-      child = co64;
-    }
-  }
+  widenChunkOffsets(file, gap);
   auto& top = file.root.children;
   auto mdat = top.begin();
   while (mdat != top.end() && (*mdat)->header.type != "mdat") ++mdat;
