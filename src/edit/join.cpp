@@ -19,10 +19,6 @@ struct Clip {
   edit::EditableTracks source;
 };
 
-uint64_t toMovie(uint64_t units, uint32_t timescale, uint32_t movieTimescale) {
-  return static_cast<uint64_t>(static_cast<double>(units) * movieTimescale / timescale + 0.5);
-}
-
 std::string describeTrack(const Track& track) {
   return std::string(track.handler()) + "/" + track.entryType() + " at " +
          std::to_string(track.timescale()) + " Hz";
@@ -91,7 +87,7 @@ int64_t playStart(const Track& track) {
 // list says, else its whole media.
 uint64_t playLength(const Track& track, uint32_t movieTimescale) {
   if (track.elst() != nullptr) return track.presentationDuration();
-  return toMovie(track.mediaDuration(), track.timescale(), movieTimescale);
+  return rescale(track.mediaDuration(), track.timescale(), movieTimescale);
 }
 
 // How long each clip plays: as long as its shortest track, so that no

@@ -57,13 +57,6 @@ void setDuration(FullBoxAtom& box, uint64_t& field, uint64_t value) {
   if (value > UINT32_MAX && box.version == 0) box.version = 1;
 }
 
-uint64_t rescale(uint64_t value, uint32_t from, uint32_t to) {
-  if (from == 0) return 0;
-  // In two parts, so that a long duration times a time scale cannot wrap:
-  // the remainder times a 32-bit scale fits in 64 bits.
-  return value / from * to + (value % from * to + from / 2) / from;
-}
-
 // "edts" holding one "elst" of `edits`, in version 1 when a value needs it.
 std::unique_ptr<Atom> editBox(const std::vector<EditSegment>& edits) {
   AtomHeader header;

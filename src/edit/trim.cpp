@@ -169,9 +169,9 @@ std::unique_ptr<SttsAtom> cutTimes(const SttsAtom& source, uint32_t first, uint3
   return stts;
 }
 
+// A length in the track's units, none when negative, in the movie's.
 uint64_t toMovie(int64_t units, uint32_t timescale, uint32_t movieTimescale) {
-  const double scaled = static_cast<double>(units) * movieTimescale / timescale;
-  return static_cast<uint64_t>(std::llround(std::max(0.0, scaled)));
+  return units <= 0 ? 0 : rescale(static_cast<uint64_t>(units), timescale, movieTimescale);
 }
 
 // The edit list that shows the window and hides what the cut kept before

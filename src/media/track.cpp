@@ -84,15 +84,15 @@ uint64_t Track::presentationDuration() const {
   return total;
 }
 
-namespace {
-
-// `units` of a time scale `from` in the time scale `to`, to the nearest
-// unit; 0 when `from` is 0. Wraps when the result passes 2^64.
+// Wraps when the result passes 2^64; the remainder times a 32-bit scale
+// always fits.
 uint64_t rescale(uint64_t units, uint32_t from, uint32_t to) {
   if (from == 0) return 0;
   const uint64_t whole = units / from, part = units % from;
   return whole * to + (part * to + from / 2) / from;
 }
+
+namespace {
 
 }  // namespace
 

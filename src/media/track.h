@@ -156,6 +156,10 @@ class SampleWalker {
   uint32_t inRun_ = 0;
 };
 
+// `units` of a time scale `from` in the time scale `to`, to the nearest
+// unit; 0 when `from` is 0.
+uint64_t rescale(uint64_t units, uint32_t from, uint32_t to);
+
 // The sample that plays at `time` (time-scale units): the last one when
 // time lies past the end, 0 for an empty track.
 uint32_t sampleAtTime(const Track& track, uint64_t time);
