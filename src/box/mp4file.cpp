@@ -236,6 +236,77 @@ Status statusOf(int result, const FailureNote& note, const char* otherwise) {
   return Status::failure(note.text().empty() ? otherwise : note.text());
 }
 
+// A box header read straight from the stream, for the scan below.
+struct RawBox {
+  uint64_t start = 0;
+  uint64_t end = 0;
+  uint64_t body = 0;
+  std::string type;
+};
+
+bool rawBoxAt(IOStream* stream, uint64_t start, uint64_t limit, RawBox* box) {
+  uint32_t size = 0;
+  unsigned long long large = 0;
+  unsigned char type[4] = {};
+  if (limit - start < 8 || stream->seek(static_cast<long long>(start)) != 0 ||
+      stream->readBe32(&size) != 4 || stream->readBytes(type, 4) != 4 ||
+      (size == 1 && stream->readBe64(&large) != 8)) {
+    return false;
+  }
+  const uint64_t length = size == 1 ? large : size == 0 ? limit - start : size;
+  box->start = start;
+  box->body = start + (size == 1 ? 16 : 8);
+  box->end = start + length;
+  box->type.assign(reinterpret_cast<char*>(type), 4);
+  return length >= box->body - start && length <= limit - start;
+}
+
+// The children of [body, end) one after the other, while they fit.
+template <class Visit>
+void forEachRawChild(IOStream* stream, uint64_t body, uint64_t end, Visit visit) {
+  RawBox child;
+  for (uint64_t at = body; rawBoxAt(stream, at, end, &child) && child.end > at; at = child.end) {
+    if (!visit(child)) return;
+  }
+}
+
+// "track 2 (soun)" for the trak that holds `position`, from its tkhd and
+// hdlr read straight from the stream; empty when no trak holds it. A file
+// that cannot be read as a tree still shows which track its fault is in.
+std::string trackAt(IOStream* stream, uint64_t position) {
+  const auto length = static_cast<uint64_t>(stream->getLength());
+  std::string found;
+  forEachRawChild(stream, 0, length, [&](const RawBox& top) {
+    if (top.type != "moov") return true;
+    forEachRawChild(stream, top.body, top.end, [&](const RawBox& trak) {
+      if (trak.type != "trak" || position < trak.start || position >= trak.end) return true;
+      uint32_t id = 0;
+      unsigned char handler[4] = {'?', '?', '?', '?'};
+      forEachRawChild(stream, trak.body, trak.end, [&](const RawBox& child) {
+        uint8_t version = 0;
+        if (child.type == "tkhd" && stream->seek(static_cast<long long>(child.body)) == 0 &&
+            stream->readByte(&version) == 1) {
+          stream->seek(static_cast<long long>(child.body + (version == 1 ? 20 : 12)));
+          stream->readBe32(&id);
+        }
+        if (child.type != "mdia") return true;
+        forEachRawChild(stream, child.body, child.end, [&](const RawBox& box) {
+          if (box.type == "hdlr" && stream->seek(static_cast<long long>(box.body + 8)) == 0) {
+            stream->readBytes(handler, 4);
+          }
+          return true;
+        });
+        return true;
+      });
+      found = "track " + std::to_string(id) + " (" +
+              std::string(reinterpret_cast<char*>(handler), 4) + ")";
+      return false;
+    });
+    return false;
+  });
+  return found;
+}
+
 }  // namespace
 
 Status Mp4File::open(const std::string& path) {
@@ -260,6 +331,7 @@ Status Mp4File::read(IOStream* stream) {
   while (stream->getOffset() < length) {
     const long long start = stream->getOffset();
     Atom* box = readFileBox(stream);
+    const auto failedAt = static_cast<uint64_t>(stream->getOffset());
     // Past the first box, a header that does not fit the file is the end of
     // a recording cut short, or bytes that are not a box.
     if (box == nullptr && !root.children.empty()) {
@@ -269,7 +341,11 @@ Status Mp4File::read(IOStream* stream) {
         box = nullptr;
       }
     }
-    if (box == nullptr) return statusOf(-1, note, "a box cannot be read");
+    if (box == nullptr) {
+      const std::string why = statusOf(-1, note, "a box cannot be read").message();
+      const std::string track = trackAt(stream, failedAt);
+      return Status::failure(track.empty() ? why : track + ": " + why);
+    }
     root.children.push_back(box);
   }
   return Status();
