@@ -2,6 +2,7 @@
 // byte with its entries typed (the wider corpus runs in cli_test.cpp against
 // ffprobe), saved to disk, and files built past 4 GiB.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -88,7 +89,7 @@ TEST(RealFiles, ABrokenBoxNamesItsTrack) {
 // the file being read, however spelled, and leaves no partial file behind.
 TEST(RealFiles, SaveWritesANewFileOrNothing) {
   namespace fs = std::filesystem;
-  const std::string dir = ::testing::TempDir() + "mp4stbl_save", source = dir + "/clip.mp4";
+  const std::string dir = ::testing::TempDir() + "mp4stbl_save" + std::to_string(getpid()), source = dir + "/clip.mp4";
   LogCapture quiet;
   fs::remove_all(dir);
   fs::create_directories(dir + "/adir");
@@ -122,7 +123,7 @@ TEST(RealFiles, SaveWritesANewFileOrNothing) {
 // target: saving must neither write over it nor remove it.
 TEST(RealFiles, SaveKeepsAnOpenFileNamedLikeItsTemporary) {
   namespace fs = std::filesystem;
-  const std::string dir = ::testing::TempDir() + "mp4stbl_part", source = dir + "/clip.mp4.part";
+  const std::string dir = ::testing::TempDir() + "mp4stbl_part" + std::to_string(getpid()), source = dir + "/clip.mp4.part";
   LogCapture quiet;
   fs::remove_all(dir);
   fs::create_directories(dir);
@@ -166,7 +167,7 @@ TEST(BuiltFile, Co64OffsetsPastFourGigabytesInASparseFile) {
   ASSERT_EQ(co64.Write(&table), 0);
   Bytes moov = table.data();
   for (const char* type : {"stbl", "minf", "mdia", "trak"}) moov = ByteWriter::box(type, moov);
-  const std::string path = ::testing::TempDir() + "mp4stbl_sparse.mp4";
+  const std::string path = ::testing::TempDir() + "mp4stbl_sparse" + std::to_string(getpid()) + ".mp4";
   const uint64_t mdatAt = 8 + moov.size(), mdatSize = chunks.back() + 4 - mdatAt;
   for (uint32_t size : {0u, 1u}) {
     AtomHeader header;

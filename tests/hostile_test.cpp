@@ -1,6 +1,7 @@
 // Hostile and broken files: every one gets a clean answer, ends, and costs
 // no more memory than a small multiple of its own size.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -110,7 +111,7 @@ TEST(Hostile, MadeFilesEndAtTheirLimitWithinMemory) {
 // Boxes of no known type, at the top and inside moov, large and sparse on
 // disk: read without loading their bytes, written back identical.
 TEST(Hostile, LargeBoxesOfNoKnownTypeAreCopiedNotLoaded) {
-  const std::string path = ::testing::TempDir() + "mp4stbl_large_free.mp4";
+  const std::string path = ::testing::TempDir() + "mp4stbl_large_free" + std::to_string(getpid()) + ".mp4";
   const uint64_t freeLength = 16u << 20, skipLength = 2u << 20;
   {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
