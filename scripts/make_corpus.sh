@@ -79,6 +79,8 @@ video 128x96 25 2 && tone 48000 2 && tone 22050 2 880
 make two_audio.mp4 -map 0:v -map 1:a -map 2:a "${X264[@]}" "${AAC[@]}"
 video 96x64 30000/1001 3 && tone 48000 3
 make hevc_ntsc.mp4 -map 0:v -map 1:a "${X265[@]}" "${AAC[@]}"
+video 64x48 25 0.4
+make hevc_hev1.mp4 "${X265[@]}" -tag:v hev1
 video 96x64 24000/1001 3
 make h264_bframes.mp4 -c:v libx264 -preset veryfast -threads 1 -bf 3 -g 24
 # A variable frame rate: the frames whose number 3 or 5 divides, at uneven gaps.

@@ -102,22 +102,39 @@ constexpr AtomType kConstantSizeStsz[] = {{"stsz", &makeAtom<ConstantSizeStszAto
 
 // The sample table's children beside the tables the walk needs.
 constexpr AtomType kSampleTableExtras[] = {
+    {"stsd", &makeAtom<FileStsdAtom>},
     {"ctts", &makeAtom<CttsAtom>},
     {"sdtp", &makeAtom<SdtpAtom>},
     {"sgpd", &makeAtom<SgpdAtom>},
     {"sbgp", &makeAtom<SbgpAtom>},
 };
 
-// The entry of kSampleTableExtras for the box at the stream's position;
-// null for any other box. Leaves the stream where it was.
-const AtomType* extraAt(IOStream* stream, long long start) {
+// Sample entries that stsd keeps as bytes and a file reads as plain
+// visual or audio entries.
+constexpr AtomType kMoreSampleEntries[] = {
+    {"avc3", &makeAtom<VisualSampleEntry>}, {"hev1", &makeAtom<VisualSampleEntry>},
+    {"twos", &makeAtom<AudioSampleEntry>},  {"sowt", &makeAtom<AudioSampleEntry>},
+    {"lpcm", &makeAtom<AudioSampleEntry>},  {"in24", &makeAtom<AudioSampleEntry>},
+    {"fl32", &makeAtom<AudioSampleEntry>},  {"ac-3", &makeAtom<AudioSampleEntry>},
+    {"ec-3", &makeAtom<AudioSampleEntry>},  {".mp3", &makeAtom<AudioSampleEntry>},
+    {"Opus", &makeAtom<AudioSampleEntry>},  {"fLaC", &makeAtom<AudioSampleEntry>},
+};
+
+// The entry of `types` for the box at the stream's position; null for any
+// other box. Leaves the stream where it was.
+template <size_t N>
+const AtomType* typeAt(IOStream* stream, long long start, const AtomType (&types)[N]) {
   AtomHeader header;
   const bool read = header.Read(stream) == 0;
   if (stream->seek(start) != 0 || !read) return nullptr;
-  for (const AtomType& extra : kSampleTableExtras) {
-    if (header.type == extra.type) return &extra;
+  for (const AtomType& type : types) {
+    if (header.type == type.type) return &type;
   }
   return nullptr;
+}
+
+const AtomType* extraAt(IOStream* stream, long long start) {
+  return typeAt(stream, start, kSampleTableExtras);
 }
 
 // Whether the box at the stream's position is an "stsz" whose samples all
@@ -158,6 +175,14 @@ Atom* FileStblAtom::ReadChild(IOStream* stream) {
     unreadable.push_back(explainUnreadable(*bytes, note.text()));
   }
   return kept;
+}
+
+FileStsdAtom::FileStsdAtom(const AtomHeader& from) : StsdAtom(from) {}
+
+Atom* FileStsdAtom::ReadChild(IOStream* stream) {
+  if (stream == nullptr) return StsdAtom::ReadChild(stream);
+  const AtomType* more = typeAt(stream, stream->getOffset(), kMoreSampleEntries);
+  return more != nullptr ? ReadTypedChild(stream, more, 1) : StsdAtom::ReadChild(stream);
 }
 
 MdatAtom::MdatAtom(const AtomHeader& from) : Atom(from) {}

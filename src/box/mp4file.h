@@ -37,6 +37,16 @@ class ConstantSizeStszAtom : public UserDefAtom {
   uint32_t sampleCount = 0;
 };
 
+// The sample descriptions of a file being read: the codings stsd types
+// itself, and more read as plain visual or audio entries (AVC and HEVC with
+// their parameter sets in the stream, QuickTime PCM, AC-3, MP3, ...), so
+// that their picture size, rate and configuration show too.
+class FileStsdAtom : public StsdAtom {
+ public:
+  explicit FileStsdAtom(const AtomHeader& header);
+  Atom* ReadChild(IOStream* stream) override;
+};
+
 // The sample table of a file being read. A constant-size "stsz" is read as
 // such; a table that cannot be read is kept as its bytes, with the reason,
 // so the file still reads and writes back and only its own track is lost.
