@@ -64,21 +64,27 @@ constexpr const char* kMacLanguages[] = {
 
 }  // namespace
 
-void HdlrAtom::describe(FieldSink& sink) const {
+bool FullBoxAtom::describeVersion(FieldSink& sink) const {
   sink.field("version", version);
   sink.field("flags", flags);
-  if (!hasKnownVersion()) return;
+  return hasKnownVersion();
+}
+
+void FullBoxAtom::describeTimes(FieldSink& sink, uint64_t creation, uint64_t modification) {
+  sink.field("creation_time", creation);
+  sink.field("modification_time", modification);
+}
+
+void HdlrAtom::describe(FieldSink& sink) const {
+  if (!describeVersion(sink)) return;
   if (preDefined != 0) sink.text("component", fourcc(preDefined));
   sink.text("handler", handlerType());
   sink.text("name", name());
 }
 
 void MvhdAtom::describe(FieldSink& sink) const {
-  sink.field("version", version);
-  sink.field("flags", flags);
-  if (!hasKnownVersion()) return;
-  sink.field("creation_time", creationTime);
-  sink.field("modification_time", modificationTime);
+  if (!describeVersion(sink)) return;
+  describeTimes(sink, creationTime, modificationTime);
   sink.field("timescale", timescale);
   sink.field("duration", duration);
   uint32_t next = 0;
@@ -96,11 +102,8 @@ bool TkhdAtom::displaySize(uint32_t* width, uint32_t* height) const {
 }
 
 void TkhdAtom::describe(FieldSink& sink) const {
-  sink.field("version", version);
-  sink.field("flags", flags);
-  if (!hasKnownVersion()) return;
-  sink.field("creation_time", creationTime);
-  sink.field("modification_time", modificationTime);
+  if (!describeVersion(sink)) return;
+  describeTimes(sink, creationTime, modificationTime);
   sink.field("track_id", trackId);
   sink.field("duration", duration);
   uint32_t width = 0, height = 0;
@@ -122,11 +125,8 @@ std::string MdhdAtom::languageCode() const {
 }
 
 void MdhdAtom::describe(FieldSink& sink) const {
-  sink.field("version", version);
-  sink.field("flags", flags);
-  if (!hasKnownVersion()) return;
-  sink.field("creation_time", creationTime);
-  sink.field("modification_time", modificationTime);
+  if (!describeVersion(sink)) return;
+  describeTimes(sink, creationTime, modificationTime);
   sink.field("timescale", timescale);
   sink.field("duration", duration);
   sink.text("language", languageCode());

@@ -34,6 +34,10 @@ class FullBoxAtom : public Atom {
     }
   }
   // Defined in box/full_box_io.h, which stays internal.
+  // Shows version and flags; whether the fields of this version follow.
+  bool describeVersion(FieldSink& sink) const;
+  // The creation and modification times every movie header starts with.
+  static void describeTimes(FieldSink& sink, uint64_t creation, uint64_t modification);
   template <class Box>
   int readFullBox(Box& box, IOStream* stream);
   template <class Box>
