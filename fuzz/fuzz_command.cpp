@@ -1,6 +1,6 @@
 // The whole mp4stbl command on a file made of the input: every subcommand,
 // as text and as JSON, must return a status and never abort, leak or read
-// outside its memory. Output goes to /dev/null; scripts/fuzz.sh closes
+// outside its memory; trim and join, when they fail, leave no file. Output goes to /dev/null; scripts/fuzz.sh closes
 // stderr so messages do not flood the log.
 #include <unistd.h>
 
@@ -27,6 +27,14 @@ const std::string& inputPath() {
   return path;
 }
 
+// Where trim and join write; an edit that fails must leave nothing there.
+const std::string& outputPath() {
+  static const std::string path = inputPath() + ".out.mp4";
+  return path;
+}
+
+bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -46,12 +54,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       {"seek", path, "--time", "0.5"},
       {"seek", path, "--track", "1", "--sample", "3", "--after", "--end-time", "1"},
       {"verify", path},
+      {"trim", path, "--from", "0.1", "--to", "0.3", "-o", outputPath()},
+      {"join", path, path, "-o", outputPath()},
   };
   for (const bool json : {false, true}) {
     for (std::vector<std::string> args : commands) {
       if (json) args.push_back("--json");
       const int status = mp4stbl::cli::runCommand(args);
       check(status == 0 || status == 1);  // the arguments are always well formed
+      check(status == 0 || !exists(outputPath()));
+      std::remove(outputPath().c_str());
+      check(!exists(outputPath() + ".part"));
       std::fflush(stdout);
     }
   }
