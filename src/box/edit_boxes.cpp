@@ -8,11 +8,6 @@ namespace mp4stbl {
 
 namespace {
 
-void describeHeader(FieldSink& sink, const FullBoxAtom& box) {
-  sink.field("version", box.version);
-  sink.field("flags", box.flags);
-}
-
 // Offers the first rows of a table of `count` records, each made by row(i).
 template <class Row>
 void describeRows(FieldSink& sink, size_t count, Row row) {
@@ -27,8 +22,7 @@ int CttsAtom::readData(IOStream* stream) { return readFullBox(*this, stream); }
 int CttsAtom::writeData(IOStream* stream) { return writeFullBox(*this, stream); }
 
 void CttsAtom::describe(FieldSink& sink) const {
-  describeHeader(sink, *this);
-  if (!hasKnownVersion()) return;
+  if (!describeVersion(sink)) return;
   describeRows(sink, entries.size(), [&](size_t i) {
     const int64_t row[] = {entries[i].sampleCount, offsetOf(entries[i])};
     sink.signedRow(row, 2);
@@ -40,8 +34,7 @@ int ElstAtom::readData(IOStream* stream) { return readFullBox(*this, stream); }
 int ElstAtom::writeData(IOStream* stream) { return writeFullBox(*this, stream); }
 
 void ElstAtom::describe(FieldSink& sink) const {
-  describeHeader(sink, *this);
-  if (!hasKnownVersion()) return;
+  if (!describeVersion(sink)) return;
   describeRows(sink, entries.size(), [&](size_t i) {
     const ElstEntry& e = entries[i];
     // A duration past 2^63 shows as negative: no file plays that long.
@@ -56,7 +49,7 @@ int SdtpAtom::readData(IOStream* stream) { return readFullBox(*this, stream); }
 int SdtpAtom::writeData(IOStream* stream) { return writeFullBox(*this, stream); }
 
 void SdtpAtom::describe(FieldSink& sink) const {
-  describeHeader(sink, *this);
+  describeVersion(sink);
   // Each byte: is leading, depends on, is depended on, has redundancy.
   describeRows(sink, rest.size(), [&](size_t i) {
     const uint64_t flags = rest[i];
@@ -70,8 +63,7 @@ int SgpdAtom::readData(IOStream* stream) { return readFullBox(*this, stream); }
 int SgpdAtom::writeData(IOStream* stream) { return writeFullBox(*this, stream); }
 
 void SgpdAtom::describe(FieldSink& sink) const {
-  describeHeader(sink, *this);
-  if (!hasKnownVersion()) return;
+  if (!describeVersion(sink)) return;
   sink.field("grouping_type", groupingType);
   sink.field("default_length", defaultLength);
   if (version >= 2) sink.field("default_description_index", defaultDescriptionIndex);
@@ -91,8 +83,7 @@ int SbgpAtom::readData(IOStream* stream) { return readFullBox(*this, stream); }
 int SbgpAtom::writeData(IOStream* stream) { return writeFullBox(*this, stream); }
 
 void SbgpAtom::describe(FieldSink& sink) const {
-  describeHeader(sink, *this);
-  if (!hasKnownVersion()) return;
+  if (!describeVersion(sink)) return;
   sink.field("grouping_type", groupingType);
   if (version == 1) sink.field("grouping_type_parameter", groupingTypeParameter);
   describeRows(sink, entries.size(), [&](size_t i) {

@@ -6,15 +6,6 @@
 
 namespace mp4stbl {
 
-namespace {
-
-void describeFullBox(FieldSink& sink, const FullBoxAtom& box) {
-  sink.field("version", box.version);
-  sink.field("flags", box.flags);
-}
-
-}  // namespace
-
 MehdAtom::MehdAtom(const AtomHeader& from) : FullBoxAtom(from) {}
 int MehdAtom::readData(IOStream* stream) { return readFullBox(*this, stream); }
 int MehdAtom::writeData(IOStream* stream) { return writeFullBox(*this, stream); }
@@ -24,7 +15,7 @@ int TrexAtom::readData(IOStream* stream) { return readFullBox(*this, stream); }
 int TrexAtom::writeData(IOStream* stream) { return writeFullBox(*this, stream); }
 
 void TrexAtom::describe(FieldSink& sink) const {
-  describeFullBox(sink, *this);
+  describeVersion(sink);
   sink.field("track_ID", trackId);
   sink.field("default_sample_description_index", defaultDescriptionIndex);
   sink.field("default_sample_duration", defaultDuration);
@@ -37,7 +28,7 @@ int MfhdAtom::readData(IOStream* stream) { return readFullBox(*this, stream); }
 int MfhdAtom::writeData(IOStream* stream) { return writeFullBox(*this, stream); }
 
 void MfhdAtom::describe(FieldSink& sink) const {
-  describeFullBox(sink, *this);
+  describeVersion(sink);
   sink.field("sequence_number", sequenceNumber);
 }
 
@@ -46,7 +37,7 @@ int TfhdAtom::readData(IOStream* stream) { return readFullBox(*this, stream); }
 int TfhdAtom::writeData(IOStream* stream) { return writeFullBox(*this, stream); }
 
 void TfhdAtom::describe(FieldSink& sink) const {
-  describeFullBox(sink, *this);
+  describeVersion(sink);
   sink.field("track_ID", trackId);
   if (has(kBaseDataOffset)) sink.field("base_data_offset", baseDataOffset);
   if (has(kDescriptionIndex)) sink.field("sample_description_index", descriptionIndex);
@@ -60,7 +51,7 @@ int TfdtAtom::readData(IOStream* stream) { return readFullBox(*this, stream); }
 int TfdtAtom::writeData(IOStream* stream) { return writeFullBox(*this, stream); }
 
 void TfdtAtom::describe(FieldSink& sink) const {
-  describeFullBox(sink, *this);
+  describeVersion(sink);
   sink.field("base_media_decode_time", baseMediaDecodeTime);
 }
 
@@ -71,7 +62,7 @@ int TrunAtom::writeData(IOStream* stream) { return writeFullBox(*this, stream); 
 // The first records as their stored fields in file order; a composition
 // offset shows as its 32 bits.
 void TrunAtom::describe(FieldSink& sink) const {
-  describeFullBox(sink, *this);
+  describeVersion(sink);
   sink.field("sample_count", sampleCount);
   if (has(kDataOffset)) sink.field("data_offset", dataOffset);
   if (has(kFirstSampleFlags)) sink.field("first_sample_flags", firstSampleFlags);
