@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstring>
 #include <vector>
 
 #if defined(__linux__)
@@ -17,6 +18,11 @@ namespace {
 
 // One call moves at most this much, so its int result never wraps.
 constexpr unsigned kMaxCall = INT_MAX;
+
+constexpr std::streamsize kWriteBuffer = 1 << 20;
+// A read window holds a moov's small boxes in one system call without
+// reading far into the media data a walk jumps over.
+constexpr unsigned kWindow = 64 << 10;
 
 // std::filebuf reports some system errors (reading a directory, say) by
 // throwing; a stream reports them as a failed call.
@@ -38,11 +44,13 @@ FileStream::~FileStream() { close(); }
 int FileStream::open(const std::string& path, Mode mode) {
   close();
   // The buffer is taken at the first open, so that a stream never opened
-  // costs nothing.
-  if (buffer_ == nullptr) {
-    constexpr std::streamsize kBuffer = 1 << 20;
-    buffer_.reset(new char[kBuffer]);
-    file_.pubsetbuf(buffer_.get(), kBuffer);
+  // costs nothing. Reading buffers in the window, so the file itself does
+  // not.
+  if (buffer_ == nullptr) buffer_.reset(new char[kWriteBuffer]);
+  if (mode == Mode::Read) {
+    file_.pubsetbuf(nullptr, 0);
+  } else {
+    file_.pubsetbuf(buffer_.get(), kWriteBuffer);
   }
   std::ios_base::openmode how = std::ios_base::binary;
   how |= mode == Mode::Read ? std::ios_base::in : std::ios_base::out | std::ios_base::trunc;
@@ -55,6 +63,9 @@ int FileStream::open(const std::string& path, Mode mode) {
   path_ = path;
   position_ = 0;
   length_ = 0;
+  windowStart_ = 0;
+  windowSize_ = 0;
+  filePosition_ = 0;
   if (mode == Mode::Read) {
     const std::streampos failed(-1);
     const std::streampos end = guarded(
@@ -79,11 +90,47 @@ bool FileStream::isOpen() const { return file_.is_open(); }
 
 int FileStream::read(unsigned char* buffer, unsigned count) {
   if (!file_.is_open() || mode_ != Mode::Read) return -1;
-  const std::streamsize got = guarded(
-      [&] { return file_.sgetn(reinterpret_cast<char*>(buffer), std::min(count, kMaxCall)); },
-      std::streamsize{-1});
+  count = std::min(count, kMaxCall);
+  unsigned done = fromWindow(buffer, count);
+  if (done == count) return static_cast<int>(done);
+  const unsigned rest = count - done;
+  if (rest >= kWindow) {
+    const int got = readFile(reinterpret_cast<char*>(buffer + done), rest);
+    if (got < 0) return done == 0 ? -1 : static_cast<int>(done);
+    position_ += got;
+    return static_cast<int>(done + static_cast<unsigned>(got));
+  }
+  windowStart_ = position_;
+  windowSize_ = 0;
+  const int got = readFile(buffer_.get(), kWindow);
+  if (got < 0) return done == 0 ? -1 : static_cast<int>(done);
+  windowSize_ = static_cast<unsigned>(got);
+  return static_cast<int>(done + fromWindow(buffer + done, rest));
+}
+
+unsigned FileStream::fromWindow(unsigned char* buffer, unsigned count) {
+  if (position_ < windowStart_ || position_ >= windowStart_ + windowSize_) return 0;
+  const auto at = static_cast<unsigned>(position_ - windowStart_);
+  const unsigned n = std::min(count, windowSize_ - at);
+  std::memcpy(buffer, buffer_.get() + at, n);
+  position_ += n;
+  return n;
+}
+
+// Reads at position_ from the file itself, moving it there first.
+int FileStream::readFile(char* buffer, unsigned count) {
+  const std::streampos failed(-1);
+  if (filePosition_ != position_) {
+    if (guarded([&] { return file_.pubseekpos(std::streampos(position_), std::ios_base::in); },
+                failed) == failed) {
+      return -1;
+    }
+    filePosition_ = position_;
+  }
+  const std::streamsize got =
+      guarded([&] { return file_.sgetn(buffer, count); }, std::streamsize{-1});
   if (got < 0) return -1;
-  position_ += got;
+  filePosition_ += got;
   return static_cast<int>(got);
 }
 
@@ -100,12 +147,17 @@ int FileStream::write(const unsigned char* buffer, unsigned count) {
 
 int FileStream::seek(long long offset) {
   if (!file_.is_open() || offset < 0) return -1;
+  if (mode_ == Mode::Read) {
+    // The file moves when a read needs it to.
+    if (offset > length_) return -1;
+    position_ = offset;
+    return 0;
+  }
   // A seek of the file buffer drops what it holds; staying put keeps it.
   if (offset == position_) return 0;
-  if (mode_ == Mode::Read && offset > length_) return -1;
-  std::ios_base::openmode which = mode_ == Mode::Read ? std::ios_base::in : std::ios_base::out;
   const std::streampos failed(-1);
-  if (guarded([&] { return file_.pubseekpos(std::streampos(offset), which); }, failed) == failed) {
+  if (guarded([&] { return file_.pubseekpos(std::streampos(offset), std::ios_base::out); },
+              failed) == failed) {
     return -1;
   }
   position_ = offset;

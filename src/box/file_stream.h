@@ -13,6 +13,11 @@ namespace mp4stbl {
 // A buffered file on disk with 64-bit offsets, opened either for reading or
 // for writing (which truncates). Failures are logged and returned, never
 // thrown.
+//
+// Reading keeps a window of the file: a box walk seeks back and forth
+// among small boxes that the window already holds, so such a seek only
+// moves the position, and a read the size of a whole table goes straight
+// into the caller's buffer.
 class FileStream : public IOStream {
  public:
   enum class Mode { Read, Write };
@@ -40,14 +45,20 @@ class FileStream : public IOStream {
 
  private:
   uint64_t copyInKernel(FileStream& source, uint64_t offset, uint64_t length);
+  unsigned fromWindow(unsigned char* buffer, unsigned count);
+  int readFile(char* buffer, unsigned count);
 
   std::filebuf file_;
   std::string path_;
-  // Left uninitialised: the file's bytes fill it before any is read.
+  // The file buffer when writing, the window when reading. Left
+  // uninitialised: the file's bytes fill it before any is read.
   std::unique_ptr<char[]> buffer_;
   Mode mode_ = Mode::Read;
   long long position_ = 0;
   long long length_ = 0;
+  long long windowStart_ = 0;  // file offset of buffer_[0] when reading
+  unsigned windowSize_ = 0;
+  long long filePosition_ = 0;  // where the unbuffered file stands
 };
 
 // copyBytes, with the kernel's copy when both streams are files.
