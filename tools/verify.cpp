@@ -2,6 +2,7 @@
 // with the file on disk; memory stays that of the tables.
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <set>
 #include <vector>
 
@@ -20,9 +21,11 @@ using nlohmann::json;
 // the box is complete; a short write (a header field) that differs is kept
 // aside until the end, so a later patch can settle it. Memory grows only
 // with the small writes that differ.
-class ComparingStream : public IOStream {
+class ComparingStream : public IOStream, public RangeSink {
  public:
-  explicit ComparingStream(IOStream* original) : original_(original) {}
+  // `source` is the stream the file was read from, a second view of
+  // `original`.
+  ComparingStream(IOStream* original, IOStream* source) : original_(original), source_(source) {}
 
   int read(unsigned char*, unsigned) override { return -1; }
   int write(const unsigned char* buffer, unsigned count) override {
@@ -39,11 +42,9 @@ class ComparingStream : public IOStream {
           differing_.insert(position_ + i);
         }
       }
-    } else {
+    } else if (got < count || std::memcmp(buffer, block_.data(), count) != 0) {
       const auto* differs = std::mismatch(buffer, buffer + got, block_.data()).first;
-      if (differs != buffer + got || got < count) {
-        firstLong_ = std::min(firstLong_, position_ + static_cast<uint64_t>(differs - buffer));
-      }
+      firstLong_ = std::min(firstLong_, position_ + static_cast<uint64_t>(differs - buffer));
     }
     position_ += count;
     end_ = std::max(end_, position_);
@@ -54,6 +55,17 @@ class ComparingStream : public IOStream {
     if (to < 0 || static_cast<uint64_t>(to) > end_) return -1;
     if (static_cast<uint64_t>(to) == end_ && original_->seek(offset(end_)) != 0) return -1;
     position_ = static_cast<uint64_t>(to);
+    return 0;
+  }
+  // Media the writer copies from the file to the offset it comes from is
+  // equal by construction, so it is skipped unread.
+  int copyFrom(IOStream* from, uint64_t at, uint64_t length) override {
+    const bool inPlace = from == source_ && at == position_ && position_ == end_;
+    if (!inPlace || original_->seek(offset(at + length)) != 0) {
+      return copyBytes(from, at, length, this);
+    }
+    position_ += length;
+    end_ = position_;
     return 0;
   }
   long long getOffset() override { return offset(position_); }
@@ -71,6 +83,7 @@ class ComparingStream : public IOStream {
   static long long offset(uint64_t at) { return static_cast<long long>(at); }
 
   IOStream* original_;
+  IOStream* source_;
   std::vector<unsigned char> block_;
   uint64_t position_ = 0;
   uint64_t end_ = 0;
@@ -99,7 +112,7 @@ int verify(const Options& options) {
   if (original.open(options.file, FileStream::Mode::Read) != 0) {
     return fail(options, "cannot open the file");
   }
-  ComparingStream compared(&original);
+  ComparingStream compared(&original, opened->file.stream());
   const Status written = opened->file.write(&compared);
   if (!written.ok()) return fail(options, "cannot be written back (" + written.message() + ")");
   const uint64_t length = opened->file.length();

@@ -169,16 +169,18 @@ long long FileStream::getOffset() { return position_; }
 
 long long FileStream::getLength() { return file_.is_open() ? length_ : -1; }
 
-int FileStream::copyFrom(FileStream& source, uint64_t offset, uint64_t length) {
-  if (mode_ != Mode::Write || source.mode_ != Mode::Read || !isOpen() || !source.isOpen()) {
-    return -1;
+int FileStream::copyFrom(IOStream* source, uint64_t offset, uint64_t length) {
+  auto* file = dynamic_cast<FileStream*>(source);
+  if (file == nullptr || file->mode_ != Mode::Read || !file->isOpen() || mode_ != Mode::Write ||
+      !isOpen()) {
+    return copyBytes(source, offset, length, this);
   }
-  const uint64_t moved = copyInKernel(source, offset, length);
+  const uint64_t moved = copyInKernel(*file, offset, length);
   if (moved > 0 && seek(position_ + static_cast<long long>(moved)) != 0) {
     logStreamFailure(this, "seek");
     return -1;
   }
-  return copyBytes(&source, offset + moved, length - moved, this);
+  return copyBytes(source, offset + moved, length - moved, this);
 }
 
 // The bytes never enter this process: copy_file_range moves them between
@@ -207,13 +209,6 @@ uint64_t FileStream::copyInKernel(FileStream& source, uint64_t offset, uint64_t 
   (void)length;
 #endif
   return moved;
-}
-
-int copyRange(IOStream* from, uint64_t offset, uint64_t length, IOStream* to) {
-  auto* file = dynamic_cast<FileStream*>(from);
-  auto* target = dynamic_cast<FileStream*>(to);
-  if (file != nullptr && target != nullptr) return target->copyFrom(*file, offset, length);
-  return copyBytes(from, offset, length, to);
 }
 
 }  // namespace mp4stbl

@@ -18,7 +18,7 @@ namespace mp4stbl {
 // among small boxes that the window already holds, so such a seek only
 // moves the position, and a read the size of a whole table goes straight
 // into the caller's buffer.
-class FileStream : public IOStream {
+class FileStream : public IOStream, public RangeSink {
  public:
   enum class Mode { Read, Write };
 
@@ -37,11 +37,9 @@ class FileStream : public IOStream {
   long long getOffset() override;
   long long getLength() override;
 
-  // Appends `length` bytes of `source` from `offset` at this stream's
-  // position (a stream open for writing) and moves past them. The kernel
-  // copies file to file where it can; otherwise the bytes pass through
-  // memory in bounded blocks. 0, or -1 with a log line.
-  int copyFrom(FileStream& source, uint64_t offset, uint64_t length);
+  // The kernel copies file to file where it can; otherwise the bytes pass
+  // through memory in bounded blocks.
+  int copyFrom(IOStream* source, uint64_t offset, uint64_t length) override;
 
  private:
   uint64_t copyInKernel(FileStream& source, uint64_t offset, uint64_t length);
@@ -60,8 +58,5 @@ class FileStream : public IOStream {
   unsigned windowSize_ = 0;
   long long filePosition_ = 0;  // where the unbuffered file stands
 };
-
-// copyBytes, with the kernel's copy when both streams are files.
-int copyRange(IOStream* from, uint64_t offset, uint64_t length, IOStream* to);
 
 }  // namespace mp4stbl

@@ -240,4 +240,9 @@ int copyBytes(IOStream* from, uint64_t offset, uint64_t length, IOStream* to) {
   return 0;
 }
 
+int copyRange(IOStream* from, uint64_t offset, uint64_t length, IOStream* to) {
+  if (auto* sink = dynamic_cast<RangeSink*>(to)) return sink->copyFrom(from, offset, length);
+  return copyBytes(from, offset, length, to);
+}
+
 }  // namespace mp4stbl

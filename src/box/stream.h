@@ -100,4 +100,17 @@ void logStreamFailure(IOStream* stream, const char* operation);
 // stands, through a buffer of bounded size. 0, or -1 with a log line.
 int copyBytes(IOStream* from, uint64_t offset, uint64_t length, IOStream* to);
 
+// A stream that takes a range of another stream its own, faster way: a
+// file has the kernel copy it, a comparison skips bytes it knows are equal.
+class RangeSink {
+ public:
+  virtual ~RangeSink() = default;
+  // Appends `length` bytes of `source` from `offset` where this stream
+  // stands and moves past them. 0, or -1 with a log line.
+  virtual int copyFrom(IOStream* source, uint64_t offset, uint64_t length) = 0;
+};
+
+// The target's own copy where it has one, else copyBytes.
+int copyRange(IOStream* from, uint64_t offset, uint64_t length, IOStream* to);
+
 }  // namespace mp4stbl
