@@ -32,9 +32,10 @@ struct Sample {
   uint32_t duration;
   bool sync;
   uint32_t description;
+  uint64_t inPage;  // media keeps its offset within a page, for the kernel's copy
   bool operator==(const Sample& o) const {
     return bytes == o.bytes && duration == o.duration && sync == o.sync &&
-           description == o.description;
+           description == o.description && inPage == o.inPage;
   }
 };
 
@@ -57,7 +58,7 @@ Read readBack(const std::string& path) {
     for (Result<const SampleInfo*> s = walk.next(); s.ok() && *s != nullptr; s = walk.next()) {
       const SampleInfo& info = **s;
       samples.push_back({Bytes(all.begin() + info.offset, all.begin() + info.offset + info.size),
-                         info.duration, info.sync, info.descriptionIndex});
+                         info.duration, info.sync, info.descriptionIndex, info.offset % 4096});
     }
   }
   for (Atom* elst : file.find("moov/trak/edts/elst")) {

@@ -44,12 +44,20 @@ void Layout::finish() {
     }
     joined.push_back(block);
   }
+  blocks_ = std::move(joined);
+  copied_ = 0;
+  for (const Block& block : blocks_) copied_ += block.length;
+  place(0);
+}
+
+void Layout::place(uint64_t start) {
   length_ = 0;
-  for (Block& block : joined) {
+  for (Block& block : blocks_) {
+    // Unsigned arithmetic wraps on purpose: only the offset within a page counts.
+    length_ += (block.from - (start + length_)) % kPage;
     block.out = length_;
     length_ += block.length;
   }
-  blocks_ = std::move(joined);
 }
 
 uint64_t Layout::map(size_t source, uint64_t offset) const {
@@ -60,8 +68,10 @@ uint64_t Layout::map(size_t source, uint64_t offset) const {
   return block.out + (offset - block.from);
 }
 
-unsigned CopyMdatAtom::headerLengthFor(uint64_t bodyLength) {
-  return bodyLength > UINT32_MAX - 8 ? 16 : 8;
+// Decided on the longest placement, so that the header's width never
+// depends on where the media data starts.
+unsigned CopyMdatAtom::headerLengthFor(const Layout& layout) {
+  return layout.longest() > UINT32_MAX - 8 ? 16 : 8;
 }
 
 CopyMdatAtom::CopyMdatAtom(const Layout& layout, std::vector<IOStream*> sources,
@@ -69,12 +79,20 @@ CopyMdatAtom::CopyMdatAtom(const Layout& layout, std::vector<IOStream*> sources,
     : Atom(AtomHeader()), layout_(layout), sources_(std::move(sources)),
       progress_(std::move(progress)) {
   header.type = "mdat";
-  if (headerLengthFor(layout.length()) == 16) header.size = 1;
+  if (headerLengthFor(layout) == 16) header.size = 1;
 }
 
 int CopyMdatAtom::writeData(IOStream* stream) {
+  static const unsigned char kZeros[Layout::kPage] = {};
   uint64_t done = 0;
+  uint64_t written = 0;
   for (const Layout::Block& block : layout_.blocks()) {
+    const auto padding = static_cast<unsigned>(block.out - written);
+    if (static_cast<unsigned>(stream->writeBytes(kZeros, padding)) != padding) {
+      logStreamFailure(stream, "writeBytes");
+      return -1;
+    }
+    written = block.out + block.length;
     for (uint64_t at = 0; at < block.length;) {
       const uint64_t piece = std::min(block.length - at, kCopyPiece);
       if (copyRange(sources_.at(block.source), block.from + at, piece, stream) != 0) return -1;

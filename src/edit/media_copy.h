@@ -14,7 +14,10 @@ namespace mp4stbl::edit {
 // Source byte ranges laid out one after the other in the new media data.
 // Ranges of one source are kept in their file order; a gap between two of
 // them is copied along when it is small, so that interleaved tracks come
-// across as one block and keep their distances.
+// across as one block and keep their distances. Each block lands at the
+// same offset within a page as in its source, a few bytes of padding
+// before it if need be: the kernel copies page-congruent ranges faster and
+// shares their blocks on file systems that can.
 class Layout {
  public:
   struct Block {
@@ -29,18 +32,24 @@ class Layout {
   void add(size_t source, uint64_t offset, uint64_t length);
   // Sorts and joins the ranges into blocks; call once, after the last add.
   void finish();
+  // Places the blocks for media data that starts at file offset `start`.
+  void place(uint64_t start);
   // Where a source byte lands, from the start of the new media data. Only
   // for bytes inside a range that was added.
   uint64_t map(size_t source, uint64_t offset) const;
 
   const std::vector<Block>& blocks() const { return blocks_; }
   uint64_t length() const { return length_; }
+  // The length wherever the media data starts.
+  uint64_t longest() const { return copied_ + (kPage - 1) * blocks_.size(); }
 
   // The largest gap copied along rather than skipped.
   static constexpr uint64_t kMaxGap = 64 * 1024;
+  static constexpr uint64_t kPage = 4096;
 
  private:
   std::vector<Block> blocks_;
+  uint64_t copied_ = 0;
   uint64_t length_ = 0;
 };
 
@@ -52,8 +61,8 @@ class CopyMdatAtom : public Atom {
                std::function<bool(uint64_t, uint64_t)> progress);
   int writeData(IOStream* stream) override;
 
-  // The length of the box's header for this much media data.
-  static unsigned headerLengthFor(uint64_t bodyLength);
+  // The length of the box's header for this layout.
+  static unsigned headerLengthFor(const Layout& layout);
 
  private:
   const Layout& layout_;

@@ -161,11 +161,12 @@ bool needsWide(const NewTrack& track, const Layout& layout, uint64_t base) {
 }
 
 // The length of what precedes the media data, with offsets of the width
-// chosen so far. The movie box grows as tracks move to co64, so the choice
-// is repeated until it holds; each round can only widen tracks.
+// chosen so far, and the layout placed after it. The movie box grows as
+// tracks move to co64, so the choice is repeated until it holds; each round
+// can only widen tracks.
 Result<uint64_t> settleOffsets(Mp4File& tree, Atom& moov, std::vector<NewTrack>& tracks,
-                               const Layout& layout, bool moovLast, std::vector<bool>& wide) {
-  uint64_t before = CopyMdatAtom::headerLengthFor(layout.length());
+                               Layout& layout, bool moovLast, std::vector<bool>& wide) {
+  uint64_t before = CopyMdatAtom::headerLengthFor(layout);
   for (Atom* box : tree.root.children) before += writtenLength(*box);
   for (size_t round = 0; round <= tracks.size(); ++round) {
     uint64_t base = before;
@@ -178,6 +179,7 @@ Result<uint64_t> settleOffsets(Mp4File& tree, Atom& moov, std::vector<NewTrack>&
         sampleTable(track).children.pop_back();
       }
     }
+    layout.place(base);
     bool changed = false;
     for (size_t t = 0; t < tracks.size(); ++t) {
       if (!wide[t] && needsWide(tracks[t], layout, base)) wide[t] = changed = true;
@@ -302,7 +304,7 @@ Result<EditableTracks> editableTracks(Mp4File& file, const std::string& path) {
   return editable;
 }
 
-Status writeEdited(Mp4File& tree, std::vector<NewTrack>& tracks, const Layout& layout,
+Status writeEdited(Mp4File& tree, std::vector<NewTrack>& tracks, Layout& layout,
                    const std::vector<IOStream*>& sources, const std::vector<std::string>& inputs,
                    const std::string& output, const EditOptions& options) {
   Status refused = refuseInputs(inputs, output);

@@ -49,7 +49,7 @@ struct NewTrack {
 // tracks and the media of `layout` in place of its media data, to a new
 // file at `output`, then reads it back to check it. `inputs` are refused as
 // the output; a failure leaves no file.
-Status writeEdited(Mp4File& tree, std::vector<NewTrack>& tracks, const Layout& layout,
+Status writeEdited(Mp4File& tree, std::vector<NewTrack>& tracks, Layout& layout,
                    const std::vector<IOStream*>& sources, const std::vector<std::string>& inputs,
                    const std::string& output, const EditOptions& options);
 
