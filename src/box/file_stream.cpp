@@ -23,6 +23,7 @@ constexpr std::streamsize kWriteBuffer = 1 << 20;
 // A read window holds a moov's small boxes in one system call without
 // reading far into the media data a walk jumps over.
 constexpr unsigned kWindow = 64 << 10;
+constexpr uint64_t kPage = 4096;
 
 // std::filebuf reports some system errors (reading a directory, say) by
 // throwing; a stream reports them as a failed call.
@@ -196,7 +197,11 @@ uint64_t FileStream::copyInKernel(FileStream& source, uint64_t offset, uint64_t 
   const int out = ::open(path_.c_str(), O_WRONLY | O_CLOEXEC);
   loff_t from = static_cast<loff_t>(offset), to = static_cast<loff_t>(position_);
   while (in >= 0 && out >= 0 && moved < length) {
-    const size_t piece = static_cast<size_t>(std::min<uint64_t>(length - moved, 1u << 30));
+    // A file system shares blocks only from page-aligned offsets, so the
+    // bytes before the source's next page go first, on their own.
+    const uint64_t toPage = (kPage - static_cast<uint64_t>(from) % kPage) % kPage;
+    const uint64_t limit = toPage != 0 ? toPage : uint64_t{1} << 30;
+    const size_t piece = static_cast<size_t>(std::min(length - moved, limit));
     const ssize_t done = copy_file_range(in, &from, out, &to, piece, 0);
     if (done <= 0) break;
     moved += static_cast<uint64_t>(done);

@@ -94,7 +94,9 @@ int CopyMdatAtom::writeData(IOStream* stream) {
     }
     written = block.out + block.length;
     for (uint64_t at = 0; at < block.length;) {
-      const uint64_t piece = std::min(block.length - at, kCopyPiece);
+      // Pieces end on the source's page boundaries, where blocks can be shared.
+      const uint64_t end = (block.from + at + kCopyPiece) / Layout::kPage * Layout::kPage;
+      const uint64_t piece = std::min(block.length - at, end - (block.from + at));
       if (copyRange(sources_.at(block.source), block.from + at, piece, stream) != 0) return -1;
       at += piece;
       done += piece;
