@@ -3,6 +3,8 @@
 # bytes copied, nothing else) and with ffmpeg's stream copy (-c copy).
 #
 #   bench/edit.sh              RUNS=5 bench/edit.sh   (runs per figure; 3 by default)
+#   EDIT_DIR=/mnt/xfs bench/edit.sh   (files on another file system, e.g. one
+#                                      that reflinks; build/bench-data by default)
 #
 # The clip is encoded once (lossless H.264 so that it is large, with AAC),
 # joined 26 times over with mp4stbl into build/bench-data/big.mp4 (1 GiB),
@@ -15,7 +17,7 @@ ensure_packages "${BUILD_PACKAGES[@]}" "${BENCH_PACKAGES[@]}"
 
 RUNS="${RUNS:-3}"
 bin=build/release/tools/mp4stbl
-data=build/bench-data
+data="${EDIT_DIR:-build/bench-data}"
 out="$data/edit-out.mp4"
 
 cmake --preset release >/dev/null
@@ -59,7 +61,7 @@ row() {
 }
 
 echo "machine: $(nproc) CPUs, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ *//')"
-echo "file: $big, $(($(stat -c %s "$big") / 1048576)) MiB; runs per figure: $RUNS (median)"
+echo "file: $big, $(($(stat -c %s "$big") / 1048576)) MiB on $(stat -f -c %T "$data"); runs per figure: $RUNS (median)"
 printf '%-34s %9s %9s %9s %10s %10s\n' job "mp4stbl" "ffmpeg" "cp" "vs cp" "ffmpeg/m"
 cp_ms=$(measure cp "$big" "$out")
 row "trim, whole file" "$(measure "$bin" trim "$big" --from 0 --to 100000 -o "$out")" \

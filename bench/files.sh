@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Whole-file timings: `mp4stbl info` on long recordings, side by side with
-# the least work the same tables need (lower_bound) and with ffprobe.
+# Whole-file timings: `mp4stbl info` and `mp4stbl verify` on long
+# recordings and on the shipped 15 KB clip, side by side with the least work
+# the same tables need (lower_bound) and with ffprobe and mediainfo.
 #
 #   bench/files.sh              RUNS=9 bench/files.sh   (runs per figure; 5 by default)
 #
@@ -38,6 +39,9 @@ record v1e6-c30 --samples 1000000 --per-chunk 30
 record v1e7-c1 --samples 10000000 --per-chunk 1
 record v1e7-c30 --samples 10000000 --per-chunk 30
 record av1e6-c1-co64 --samples 1000000 --per-chunk 1 --audio --co64
+# The 15 KB clip that ships with the repository, for the start-up cost.
+cp -f tests/data/h264_aac.mp4 "$data/clip15k.mp4"
+files=(clip15k "${files[@]}")
 
 rss_file="$(mktemp)"
 trap 'rm -f "$rss_file"' EXIT
@@ -62,32 +66,34 @@ measure() {
 echo
 echo "machine: $(nproc) CPUs, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ *//'), $(awk '/MemTotal/ {printf "%.1f GiB", $2 / 1048576}' /proc/meminfo)"
 echo "runs per figure: $RUNS (median wall time, largest peak RSS)"
-read -r _ base_rss < <(measure "$bin/tools/mp4stbl" --version)
-echo "mp4stbl --version peak RSS: $((base_rss / 1024)) MiB (the process's own floor)"
+echo "transparent huge pages: $(cat /sys/kernel/mm/transparent_hugepage/enabled 2>/dev/null || echo none)"
 echo
 "$bin/tools/mp4stbl" info "$data/v1e7-c1.mp4"
 echo
 
 declare -A info_ms
-printf '%-14s %8s %8s | %9s %9s %9s | %8s %8s %8s | %8s %8s %8s %8s\n' \
-  file "MiB" "tables" "info ms" "lower ms" "ffprobe" "info MB" "lower MB" "ffpr MB" \
-  "info/lb" "ffp/info" "rss/tab" "net/tab"
+printf '%-14s %7s %7s | %7s %7s %7s %8s %8s | %7s %7s | %7s %7s %7s %7s %7s\n' \
+  file "MiB" "tables" "info" "lower" "verify" "ffprobe" "mediainf" "info MB" "ver MB" \
+  "info/lb" "ver/inf" "ffp/inf" "mi/inf" "rss/lim"
 for name in "${files[@]}"; do
   file="$data/$name.mp4"
-  tables=$("$bin/bench/lower_bound" "$file" | sed -E 's/.*tables ([0-9]+) bytes.*/\1/')
+  read -r tables largest < <("$bin/bench/lower_bound" "$file" |
+    sed -E 's/.*tables ([0-9]+) bytes, largest ([0-9]+).*/\1 \2/')
   read -r info info_rss < <(measure "$bin/tools/mp4stbl" info "$file")
-  read -r lower lower_rss < <(measure "$bin/bench/lower_bound" "$file")
-  read -r probe probe_rss < <(measure ffprobe -v error -show_streams "$file")
+  read -r lower _ < <(measure "$bin/bench/lower_bound" "$file")
+  read -r verify verify_rss < <(measure "$bin/tools/mp4stbl" verify "$file")
+  read -r probe _ < <(measure ffprobe -v error -show_streams "$file")
+  read -r mi _ < <(measure mediainfo "$file")
   info_ms[$name]=$info
-  awk -v n="$name" -v size="$(stat -c %s "$file")" -v t="$tables" -v i="$info" -v l="$lower" \
-    -v p="$probe" -v ir="$info_rss" -v lr="$lower_rss" -v pr="$probe_rss" -v base="$base_rss" 'BEGIN {
-      printf "%-14s %8.1f %8.1f | %9.1f %9.1f %9.1f | %8.1f %8.1f %8.1f | %8.2f %8.2f %8.2f %8.2f\n",
-        n, size / 1048576, t / 1048576, i, l, p, ir / 1024, lr / 1024, pr / 1024,
-        i / l, p / i, ir * 1024 / t, (ir - base) * 1024 / t }'
+  awk -v n="$name" -v size="$(stat -c %s "$file")" -v t="$tables" -v big="$largest" -v i="$info" \
+    -v l="$lower" -v v="$verify" -v p="$probe" -v m="$mi" -v ir="$info_rss" -v vr="$verify_rss" 'BEGIN {
+      printf "%-14s %7.1f %7.2f | %7.1f %7.1f %7.1f %8.1f %8.1f | %7.1f %7.1f | %7.2f %7.2f %7.1f %7.1f %7.2f\n",
+        n, size / 1048576, t / 1048576, i, l, v, p, m, ir / 1024, vr / 1024,
+        i / l, v / i, p / i, m / i, ir * 1024 / (1.3 * t + big) }'
 done
 echo
 echo "columns: MiB and tables in MiB; times are median ms; MB columns are peak RSS in MiB;"
-echo "rss/tab = info's peak RSS / table bytes; net/tab = the same less mp4stbl --version's RSS"
+echo "rss/lim = info's peak RSS / (1.3 x the table bytes + the largest table)"
 echo
 for chunking in c1 c30; do
   awk -v c="$chunking" -v a="${info_ms[v1e7-$chunking]}" -v b="${info_ms[v1e6-$chunking]}" \

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -20,6 +21,7 @@ struct Totals {
   std::vector<std::vector<uint32_t>> tables32;
   std::vector<std::vector<uint64_t>> tables64;
   uint64_t tableBytes = 0;
+  uint64_t largest = 0;  // the largest table box
   uint64_t words = 0;
   uint64_t checksum = 0;
 };
@@ -88,10 +90,12 @@ bool walk(int fd, uint64_t start, uint64_t end, Totals* totals) {
     } else if (is(type, "co64")) {
       if (!loadTable<uint64_t>(fd, body, length, totals)) return false;
       totals->tableBytes += size;
+      totals->largest = std::max(totals->largest, size);
     } else if (is(type, "stts") || is(type, "stsc") || is(type, "stsz") || is(type, "stss") ||
                is(type, "stco")) {
       if (!loadTable<uint32_t>(fd, body, length, totals)) return false;
       totals->tableBytes += size;
+      totals->largest = std::max(totals->largest, size);
     }
     at += size;
   }
@@ -117,8 +121,9 @@ int main(int argc, char** argv) {
     return 1;
   }
   close(fd);
-  std::printf("%s: tables %llu bytes, %llu words, checksum %016llx\n", argv[1],
+  std::printf("%s: tables %llu bytes, largest %llu, %llu words, checksum %016llx\n", argv[1],
               static_cast<unsigned long long>(totals.tableBytes),
+              static_cast<unsigned long long>(totals.largest),
               static_cast<unsigned long long>(totals.words),
               static_cast<unsigned long long>(totals.checksum));
   return 0;

@@ -30,4 +30,4 @@ TEST_PACKAGES=(ffmpeg libbenchmark-dev time gstreamer1.0-tools gstreamer1.0-plug
 FUZZ_PACKAGES=(clang-14 libclang-rt-14-dev)
 # The benchmarks (scripts/bench.sh): Google Benchmark, the command's parsers,
 # ffprobe to compare with and GNU time for peak memory.
-BENCH_PACKAGES=(libbenchmark-dev libcli11-dev nlohmann-json3-dev ffmpeg time)
+BENCH_PACKAGES=(libbenchmark-dev libcli11-dev nlohmann-json3-dev ffmpeg mediainfo time)
