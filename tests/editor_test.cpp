@@ -15,6 +15,7 @@
 #include "box/movie_boxes.h"
 #include "box/mp4file.h"
 #include "edit/editor.h"
+#include "edit/media_copy.h"
 #include "media/track.h"
 #include "support/bytes.h"
 #include "support/co64.h"
@@ -32,10 +33,9 @@ struct Sample {
   uint32_t duration;
   bool sync;
   uint32_t description;
-  uint64_t inPage;  // media keeps its offset within a page, for the kernel's copy
   bool operator==(const Sample& o) const {
     return bytes == o.bytes && duration == o.duration && sync == o.sync &&
-           description == o.description && inPage == o.inPage;
+           description == o.description;
   }
 };
 
@@ -58,7 +58,7 @@ Read readBack(const std::string& path) {
     for (Result<const SampleInfo*> s = walk.next(); s.ok() && *s != nullptr; s = walk.next()) {
       const SampleInfo& info = **s;
       samples.push_back({Bytes(all.begin() + info.offset, all.begin() + info.offset + info.size),
-                         info.duration, info.sync, info.descriptionIndex, info.offset % 4096});
+                         info.duration, info.sync, info.descriptionIndex});
     }
   }
   for (Atom* elst : file.find("moov/trak/edts/elst")) {
@@ -202,3 +202,28 @@ TEST_F(Edit, RefusalsLeaveNoFile) {
 }
 
 }  // namespace
+
+// Media is laid out source by source; a small gap is copied along, a large
+// one skipped. A block of a megabyte or more keeps its source's offset
+// within a page wherever the media data starts; a small one is not padded.
+TEST(Layout, JoinsRangesAndAlignsLargeBlocks) {
+  constexpr uint64_t kMiB = 1 << 20;
+  edit::Layout layout;
+  layout.add(0, 100, 10);
+  layout.add(0, 200, 10);
+  layout.add(0, 5000 + kMiB, kMiB);
+  layout.add(1, 7, 2 * kMiB);
+  layout.finish();
+  for (uint64_t start : {0, 48, 4095}) {
+    SCOPED_TRACE(start);
+    layout.place(start);
+    EXPECT_EQ(layout.map(0, 100), 0u);
+    EXPECT_EQ(layout.map(0, 205), 105u);
+    const uint64_t large = layout.map(0, 5000 + kMiB);
+    EXPECT_EQ((start + large) % 4096, (5000 + kMiB) % 4096);
+    EXPECT_LT(large, 110u + 4096);
+    EXPECT_EQ((start + layout.map(1, 7)) % 4096, 7u);
+    EXPECT_EQ(layout.length(), layout.map(1, 7) + 2 * kMiB);
+    EXPECT_LE(layout.length(), layout.longest());
+  }
+}

@@ -54,7 +54,7 @@ void Layout::place(uint64_t start) {
   length_ = 0;
   for (Block& block : blocks_) {
     // Unsigned arithmetic wraps on purpose: only the offset within a page counts.
-    length_ += (block.from - (start + length_)) % kPage;
+    if (block.length >= kAligned) length_ += (block.from - (start + length_)) % kPage;
     block.out = length_;
     length_ += block.length;
   }

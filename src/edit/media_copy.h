@@ -14,7 +14,7 @@ namespace mp4stbl::edit {
 // Source byte ranges laid out one after the other in the new media data.
 // Ranges of one source are kept in their file order; a gap between two of
 // them is copied along when it is small, so that interleaved tracks come
-// across as one block and keep their distances. Each block lands at the
+// across as one block and keep their distances. A large block lands at the
 // same offset within a page as in its source, a few bytes of padding
 // before it if need be: the kernel copies page-congruent ranges faster and
 // shares their blocks on file systems that can.
@@ -46,6 +46,8 @@ class Layout {
   // The largest gap copied along rather than skipped.
   static constexpr uint64_t kMaxGap = 64 * 1024;
   static constexpr uint64_t kPage = 4096;
+  // Blocks from this size on are aligned; the padding is then under 0.4%.
+  static constexpr uint64_t kAligned = 1 << 20;
 
  private:
   std::vector<Block> blocks_;
