@@ -3,14 +3,17 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <iterator>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 
 #include "box/byte_order.h"
 #include "box/log.h"
 #include "box/bounded_fill.h"
 #include "box/memory_hints.h"
+#include "box/wide_clones.h"
 
 using mp4stbl::AtomType;
 using mp4stbl::FieldSink;
@@ -357,6 +360,77 @@ void appendRange(std::vector<T>& to, const std::vector<T>& from, IndexRange rang
   to.insert(to.end(), first, last);
 }
 
+// A source range read as the values it takes in the new table, so that
+// `insert` writes each record once (`resize` would clear it first).
+template <class In, class Out>
+class Shifted {
+ public:
+  using iterator_category = std::forward_iterator_tag;
+  using value_type = Out;
+  using difference_type = std::ptrdiff_t;
+  using pointer = const Out*;
+  using reference = Out;
+
+  Shifted(const In* at, uint64_t shift) : at_(at), shift_(shift) {}
+  // Wraps on purpose, at the width of Out.
+  Out operator*() const { return static_cast<Out>(shift_ + *at_); }
+  Shifted& operator++() {
+    ++at_;
+    return *this;
+  }
+  Shifted operator++(int) {
+    Shifted was = *this;
+    ++at_;
+    return was;
+  }
+  bool operator==(const Shifted& other) const { return at_ == other.at_; }
+  bool operator!=(const Shifted& other) const { return at_ != other.at_; }
+
+ private:
+  const In* at_;
+  uint64_t shift_;
+};
+
+// Appends from[range], each record plus `shift`; `from` may be `to` itself.
+template <class T>
+void appendShifted(std::vector<T>& to, const std::vector<T>& from, IndexRange range,
+                   uint64_t shift) {
+  reserveMore(to, range.size());  // first, so that `from` stays put while it is read
+  const T* first = from.data() + range.begin;
+  to.insert(to.end(), Shifted<T, T>(first, shift), Shifted<T, T>(first + range.size(), shift));
+}
+
+struct Bounds {
+  uint32_t low;
+  uint32_t high;
+};
+
+// The smallest and largest of `count` (at least 1) records, in one pass.
+MP4STBL_WIDE_CLONES Bounds bounds32(const uint32_t* first, size_t count) {
+  Bounds bounds{first[0], first[0]};
+  for (size_t i = 1; i < count; ++i) {
+    bounds.low = std::min(bounds.low, first[i]);
+    bounds.high = std::max(bounds.high, first[i]);
+  }
+  return bounds;
+}
+
+// How many of `count` offsets are 0, in one pass (64-bit minima do not
+// vectorise before AVX-512; this does).
+MP4STBL_WIDE_CLONES size_t zeros64(const uint64_t* first, size_t count) {
+  size_t found = 0;
+  for (size_t i = 0; i < count; ++i) found += first[i] == 0;
+  return found;
+}
+
+// How many numbers are smaller than the one before them: 0 for an
+// ascending table. Branch-free, so that it vectorises.
+MP4STBL_WIDE_CLONES size_t descents(const uint32_t* numbers, size_t count) {
+  size_t found = 0;
+  for (size_t i = 1; i < count; ++i) found += numbers[i] < numbers[i - 1];
+  return found;
+}
+
 // Appends runs of a run-length table as addEntry would one by one: a record
 // that `continues` the last run is folded into it by `fold`, any other is
 // appended. Past the first, a record can only continue its predecessor in
@@ -574,14 +648,6 @@ void StssAtom::getIFrameNumber(uint32_t* no) const {
 
 namespace {
 
-// The index of the first number at or past `start` before `stop`.
-size_t firstKept(const std::vector<uint32_t>& numbers, size_t stop, uint32_t start) {
-  const auto end = numbers.begin() + static_cast<std::ptrdiff_t>(stop);
-  return static_cast<size_t>(
-      std::find_if(numbers.begin(), end, [start](uint32_t n) { return n >= start; }) -
-      numbers.begin());
-}
-
 // Appends the source's sync samples within start..end, each moved by
 // `shift` (32-bit, wrapping). The walk relies on ascending numbers: it ends
 // at the first one past `end`.
@@ -592,6 +658,17 @@ void renumberSyncSamples(StssAtom& table, const StssAtom* source, uint32_t start
     return;
   }
   const std::vector<uint32_t>& from = source->entries;
+  const bool tracing = trace && mp4stbl::logEnabled(0);
+  if (!tracing && descents(from.data(), from.size()) == 0) {
+    // Ascending, as the format wants: two searches find the kept stretch.
+    const auto stop = std::upper_bound(from.begin(), from.end(), end);
+    const auto first = std::lower_bound(from.begin(), stop, start);
+    const IndexRange kept{static_cast<size_t>(first - from.begin()),
+                          static_cast<size_t>(stop - from.begin())};
+    appendShifted(table.entries, from, kept, shift);
+    growBy(table, kStss.width, kept.size());
+    return;
+  }
   const size_t stop = static_cast<size_t>(
       std::find_if(from.begin(), from.end(), [end](uint32_t sync) { return sync > end; }) -
       from.begin());
@@ -601,14 +678,6 @@ void renumberSyncSamples(StssAtom& table, const StssAtom* source, uint32_t start
   const size_t before = table.entries.size();
   table.entries.resize(before + static_cast<size_t>(kept));  // `from` may be table.entries
   uint32_t* out = table.entries.data() + before;
-  const bool tracing = trace && mp4stbl::logEnabled(0);
-  if (!tracing && static_cast<size_t>(kept) == stop - firstKept(from, stop, start)) {
-    // Ascending, as the format wants: the kept numbers are one stretch.
-    const uint32_t* in = from.data() + (stop - static_cast<size_t>(kept));
-    for (size_t i = 0; i < static_cast<size_t>(kept); ++i) out[i] = in[i] + shift;
-    growBy(table, kStss.width, static_cast<size_t>(kept));
-    return;
-  }
   for (size_t i = 0; i < stop; ++i) {
     if (from[i] < start) continue;
     *out = from[i] + shift;
@@ -655,23 +724,33 @@ struct RebaseRules {
   const char* trace;      // per-chunk trace line, or null
 };
 
+// Whether stco chunks first..first+count, moved so that the first lands at
+// outPos, all stay below 4 GiB without a 0 among them. Positions rise with
+// the offsets, so the smallest and largest offsets decide.
+bool movesWithin32Bits(const uint32_t* first, size_t count, uint64_t outPos) {
+  constexpr uint64_t kLimit = uint64_t{1} << 32;
+  const Bounds offsets = bounds32(first, count);
+  const uint64_t below = *first - offsets.low;
+  const uint64_t above = offsets.high - *first;
+  return offsets.low != 0 && outPos >= below && outPos < kLimit && above < kLimit - outPos;
+}
+
 // Without a 0 among the offsets the walk below telescopes: every chunk
 // lands at outPos + (its offset - the first offset), in 64-bit wrapping
-// arithmetic. Written in that closed form the copy vectorises. Returns
-// false, having written nothing, when the walk's own rules must decide.
-template <class In, class Offset>
-bool rebaseInOnePass(const In* source, IndexRange range, uint64_t outPos,
-                     const RebaseRules& rules, Offset* out) {
-  const In* first = source + range.begin;
-  const In* last = source + range.end;
-  if (first == last || std::find(first, last, In{0}) != last) return false;
-  const uint64_t shift = outPos - uint64_t{*first};
-  if (rules.stopsAt32Bits) {
-    uint64_t high = 0;
-    for (const In* in = first; in != last; ++in) high |= (shift + *in) >> 32;
-    if (high != 0) return false;  // the copy stops early
+// arithmetic, so one scan decides and one pass writes. Returns false,
+// having written nothing, when the walk's own rules must decide (a 0, or
+// for stco a position past 32 bits, where the copy stops early).
+template <class Table>
+bool rebaseInOnePass(Table& table, const Table& source, IndexRange range, uint64_t outPos) {
+  if (range.size() == 0) return false;
+  const auto* first = &source.entries[range.begin];
+  const uint64_t firstOffset = *first;
+  if constexpr (std::is_same_v<Table, StcoAtom>) {
+    if (!movesWithin32Bits(first, range.size(), outPos)) return false;
+  } else {
+    if (zeros64(first, range.size()) != 0) return false;
   }
-  for (const In* in = first; in != last; ++in) *out++ = static_cast<Offset>(shift + *in);
+  appendShifted(table.entries, source.entries, range, outPos - firstOffset);
   return true;
 }
 
@@ -687,14 +766,14 @@ void rebaseChunks(Table& table, const Table* source, uint32_t start, uint32_t en
     return;
   }
   const IndexRange range = clampRange(start, end, source->entries.size());
-  const size_t before = table.entries.size();
-  table.entries.resize(before + range.size());  // source may be table itself
-  Offset* out = table.entries.data() + before;
   const bool tracing = rules.trace != nullptr && mp4stbl::logEnabled(0);
-  if (!tracing && rebaseInOnePass(source->entries.data(), range, outPos, rules, out)) {
+  if (!tracing && rebaseInOnePass(table, *source, range, outPos)) {
     growBy(table, rules.growth, range.size());
     return;
   }
+  const size_t before = table.entries.size();
+  table.entries.resize(before + range.size());  // source may be table itself
+  Offset* out = table.entries.data() + before;
   uint64_t position = outPos;
   uint64_t previous = 0;
   for (size_t i = range.begin; i < range.end; ++i, ++out) {

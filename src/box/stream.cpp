@@ -7,6 +7,7 @@
 
 #include "box/byte_order.h"
 #include "box/log.h"
+#include "box/wide_clones.h"
 
 namespace {
 
@@ -82,15 +83,6 @@ int IOStream::readBytes(unsigned char* buffer, unsigned count) {
 }
 
 namespace {
-
-// The byte swaps of whole tables are built twice on x86-64, for AVX2 (32
-// bytes a step) and for the baseline, and the loader picks the one the CPU
-// runs.
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
-#define MP4STBL_WIDE_CLONES __attribute__((target_clones("avx2", "default")))
-#else
-#define MP4STBL_WIDE_CLONES
-#endif
 
 template <class Word>
 void swapWords(Word* array, unsigned count) {
