@@ -111,16 +111,18 @@ TEST(StszRange, AppendsTheInclusiveSampleRange) {
 
 // crop2new renumbers from 1 at start, merge to follow `offset` samples of the
 // joined track. The walk stops at the first number past the end: 50, after
-// 1000, is never copied.
+// 1000, is never copied; a sorted table gives the same.
 TEST(StssRange, RenumbersTheKeyFramesWithinTheRange) {
-  expectCopies<StssAtom>({1, 31, 61, 91, 1000, 50}, {
-      {1, 91, 500, {1, 31, 61, 91}, {501, 531, 561, 591}},
-      {31, 61, 500, {1, 31}, {501, 531}},  // both ends on key frames
-      {30, 70, 500, {2, 32}, {502, 532}},
-      {0, 40, 10, {2, 32}, {12, 42}},    // start 0 renumbers from 0
-      {31, 61, 0, {1, 31}, {1, 31}},       // the shift wraps backwards
-      {92, 200, 500, {}, {}},
-  }, "stss ", " \n");
+  for (const Numbers& numbers : {Numbers{1, 31, 61, 91, 1000, 50}, Numbers{1, 31, 61, 91, 1000}}) {
+    expectCopies<StssAtom>(numbers, {
+        {1, 91, 500, {1, 31, 61, 91}, {501, 531, 561, 591}},
+        {31, 61, 500, {1, 31}, {501, 531}},  // both ends on key frames
+        {30, 70, 500, {2, 32}, {502, 532}},
+        {0, 40, 10, {2, 32}, {12, 42}},    // start 0 renumbers from 0
+        {31, 61, 0, {1, 31}, {1, 31}},       // the shift wraps backwards
+        {92, 200, 500, {}, {}},
+    }, "stss ", " \n");
+  }
   Held<StssAtom> self({1, 31});  // a table may be its own source
   self.crop2new(&self, 1, 40);
   self.merge(&self, 1, 40, 100);
