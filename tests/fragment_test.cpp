@@ -1,24 +1,10 @@
 // Fragmented files built byte by byte: where each fragment sample lies,
 // when it decodes and whether it is a key frame, the defaults and base
 // offsets that decide it, and what a broken fragment gives.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <functional>
-#include <string>
-#include <vector>
-
 #include "box/fragment_boxes.h"
-#include "media/track.h"
-#include "support/bytes.h"
-
-using namespace mp4stbl;
+#include "support/test.h"
 
 namespace {
-
-Bytes fullBox(const std::string& type, unsigned version, uint32_t flags, const Bytes& body) {
-  return ByteWriter::box(type, ByteWriter().u8(version).u24(flags).append(body).bytes);
-}
 
 // Big-endian 32-bit words.
 Bytes words(std::initializer_list<uint32_t> values) {
@@ -28,10 +14,9 @@ Bytes words(std::initializer_list<uint32_t> values) {
 }
 
 Bytes boxOf(const std::string& type, std::initializer_list<Bytes> children) {
-  ByteWriter body;
-  for (const Bytes& child : children) body.append(child);
-  return ByteWriter::box(type, body.bytes);
+  return ByteWriter::box(type, concat(children));
 }
+constexpr auto fullBox = &ByteWriter::fullBox;
 
 // The parts of a one-track fragmented file (time scale 1000), each a
 // field a case can change before the file is put together.
@@ -92,29 +77,28 @@ struct Fragmented {
 struct Walked {
   std::vector<std::string> rows;  // every sample, or the reason the track was refused
   Bytes written;
+  std::unique_ptr<Mp4File> file = std::make_unique<Mp4File>();
+  FoundTracks found;
 };
 
 Walked walk(const Bytes& bytes) {
-  MemoryStream in(bytes);
-  Mp4File file;
+  MemoryStream in(bytes), out;
   Walked walked;
-  const Status read = file.read(&in);
-  if (!read.ok()) return {{read.message()}, {}};
-  MemoryStream out;
-  EXPECT_TRUE(file.write(&out).ok());
+  const Status read = walked.file->read(&in);
+  if (!read.ok()) walked.rows = {read.message()};
+  if (!read.ok()) return walked;
+  EXPECT_TRUE(walked.file->write(&out).ok());
   walked.written = out.data();
-  FoundTracks found = findTracks(file);
-  walked.rows = found.unreadable;
-  for (const Track& track : found.tracks) {
-    SampleWalker walker(track);
-    for (auto step = walker.next(); step.ok() && *step != nullptr; step = walker.next()) {
-      const SampleInfo& s = **step;
+  walked.found = findTracks(*walked.file);
+  walked.rows = walked.found.unreadable;
+  for (const Track& track : walked.found.tracks) {
+    walkSamples(track, [&](const SampleInfo& s) {
       walked.rows.push_back(std::to_string(s.number) + " run " + std::to_string(s.chunk) + " at " +
                             std::to_string(s.offset) + "+" + std::to_string(s.size) + " time " +
                             std::to_string(s.decodeTime) + "+" + std::to_string(s.duration) +
                             " cto " + std::to_string(s.compositionOffset) + (s.sync ? " key" : "") +
                             (s.missing ? " missing" : ""));
-    }
+    });
   }
   return walked;
 }
@@ -135,12 +119,8 @@ TEST(Fragments, WalkFollowsDefaultsBaseOffsetsAndDecodeTimes) {
                              "6 run 3 at 629+8 time 5410+40 cto 0",
                              "7 run 4 at 637+9 time 5450+100 cto 0 key",
                          }));
-  MemoryStream in(bytes);
-  Mp4File file;
-  ASSERT_TRUE(file.read(&in).ok());
-  const FoundTracks found = findTracks(file);
-  ASSERT_EQ(found.tracks.size(), 1u);
-  const Track& track = found.tracks[0];
+  ASSERT_EQ(walked.found.tracks.size(), 1u);
+  const Track& track = walked.found.tracks[0];
   EXPECT_EQ(track.sampleCount(), 7u);
   EXPECT_EQ(track.totalSampleBytes(), 89u);
   EXPECT_EQ(track.fragments().endTime, 5550u);
