@@ -1,23 +1,6 @@
 // The box layer: headers, the generic box reader and writer, the movie
 // headers, and the log.
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <memory>
-#include <string>
-#include <tuple>
-#include <vector>
-
-#include "box/file_stream.h"
-#include "box/log.h"
-#include "box/movie_boxes.h"
-#include "box/mp4file.h"
-#include "stbl.h"
-#include "support/bytes.h"
-#include "support/log_capture.h"
-#include "support/records.h"
-
-using namespace mp4stbl;
+#include "support/test.h"
 
 namespace {
 

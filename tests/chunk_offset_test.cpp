@@ -2,17 +2,7 @@
 // the same cases. The two answer some questions differently on purpose; each
 // difference sits side by side in the traits below. Reading and writing them
 // is in table_frame_test.cpp.
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <string>
-#include <tuple>
-#include <type_traits>
-#include <utility>
-#include <vector>
-
-#include "stbl.h"
-#include "support/log_capture.h"
+#include "support/test.h"
 
 namespace {
 

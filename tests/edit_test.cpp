@@ -1,18 +1,8 @@
 // The boxes an editor keeps beside the sample tables: golden bodies read,
 // shown and written back byte for byte, and counts that pass their box.
-#include <gtest/gtest.h>
-
-#include <cstdint>
 #include <iterator>
-#include <memory>
-#include <string>
-#include <vector>
 
-#include "box/edit_boxes.h"
-#include "support/bytes.h"
-#include "support/log_capture.h"
-
-using namespace mp4stbl;
+#include "support/test.h"
 
 namespace {
 

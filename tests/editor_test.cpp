@@ -2,25 +2,9 @@
 // source's samples byte for byte, with their durations, key frames and
 // descriptions; the edit list shows the window asked for; refusals leave no
 // file behind.
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <string>
-#include <vector>
-
-#include "box/edit_boxes.h"
-#include "box/movie_boxes.h"
-#include "box/mp4file.h"
 #include "edit/editor.h"
-#include "media/track.h"
-#include "support/bytes.h"
 #include "support/co64.h"
-
-using namespace mp4stbl;
-namespace fs = std::filesystem;
+#include "support/test.h"
 
 namespace {
 

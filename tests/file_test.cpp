@@ -1,26 +1,11 @@
 // Whole files: the shipped encoder output read and written back byte for
 // byte with its entries typed (the wider corpus runs in cli_test.cpp against
 // ffprobe), saved to disk, and files built past 4 GiB.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <set>
-#include <string>
-#include <tuple>
-#include <vector>
 
-#include "box/codec_config.h"
-#include "box/file_stream.h"
-#include "box/mp4file.h"
-#include "stbl.h"
-#include "support/bytes.h"
-#include "support/log_capture.h"
-
-using namespace mp4stbl;
+#include "support/test.h"
 
 namespace {
 

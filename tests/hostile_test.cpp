@@ -1,22 +1,9 @@
 // Hostile and broken files: every one gets a clean answer, ends, and costs
 // no more memory than a small multiple of its own size.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <filesystem>
 #include <fstream>
-#include <string>
-#include <vector>
 
-#include "box/file_stream.h"
-#include "box/mp4file.h"
-#include "media/track.h"
 #include "support/alloc_tracker.h"
-#include "support/bytes.h"
-#include "support/log_capture.h"
-
-using namespace mp4stbl;
+#include "support/test.h"
 
 namespace {
 

@@ -1,21 +1,9 @@
 // The child factories of stbl and stsd, and the sample entries beneath stsd.
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <array>
-#include <memory>
 #include <new>
-#include <string>
-#include <tuple>
 #include <typeinfo>
-#include <utility>
 
-#include "box/codec_config.h"
-#include "stbl.h"
-#include "support/bytes.h"
-#include "support/log_capture.h"
-
-using namespace mp4stbl;
+#include "support/test.h"
 
 namespace {
 bool failNextNothrowNew = false;

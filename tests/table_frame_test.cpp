@@ -2,21 +2,8 @@
 // flags and count, the count guard, the one-read table load, the empty-table
 // notice, stream failures at the offset reached and null streams. What a
 // table does beyond the frame is tested in its own file.
-#include <gtest/gtest.h>
-
-#include <string>
-#include <tuple>
-#include <type_traits>
-#include <utility>
-#include <vector>
-
-#include "stbl.h"
-#include "support/bytes.h"
 #include "support/fault_stream.h"
-#include "support/log_capture.h"
-#include "support/records.h"
-
-using namespace mp4stbl;
+#include "support/test.h"
 
 namespace {
 
