@@ -3,7 +3,6 @@
 // ffprobe), saved to disk, and files built past 4 GiB.
 #include <fstream>
 #include <map>
-#include <set>
 
 #include "support/test.h"
 
@@ -72,54 +71,39 @@ TEST(RealFiles, ABrokenBoxNamesItsTrack) {
 
 // A save writes a new file whole, through a temporary beside it; it refuses
 // the file being read, however spelled, and leaves no partial file behind.
+// The open file may be named like the temporary a save makes beside its
+// target: saving must neither write over it nor remove it.
 TEST(RealFiles, SaveWritesANewFileOrNothing) {
-  namespace fs = std::filesystem;
-  const std::string dir = ::testing::TempDir() + "mp4stbl_save" + std::to_string(getpid()), source = dir + "/clip.mp4";
+  const ScratchDir dir("mp4stbl_save");
+  const std::string source = dir / "clip.mp4", part = dir / "part.mp4.part";
   LogCapture quiet;
-  fs::remove_all(dir);
-  fs::create_directories(dir + "/adir");
+  fs::create_directories(dir / "adir");
   fs::copy_file(std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4", source);
-  std::ofstream(dir + "/old.mp4") << "old";
+  fs::copy_file(source, part);
+  std::ofstream(dir / "old.mp4") << "old";
   const Bytes original = readFile(source);
-  Mp4File file;
-  ASSERT_TRUE(file.open(source).ok());
+  Mp4File file, partFile;
+  ASSERT_TRUE(file.open(source).ok() && partFile.open(part).ok());
   const std::pair<std::string, bool> cases[] = {
-      {dir + "/copy.mp4", true},          {source, false},
-      {dir + "/./clip.mp4", false},       {dir + "/adir/../clip.mp4", false},
-      {dir + "/missing/out.mp4", false},  {dir + "/adir", false},
+      {dir / "copy.mp4", true},          {source, false},
+      {dir / "./clip.mp4", false},       {dir / "adir/../clip.mp4", false},
+      {dir / "missing/out.mp4", false},  {dir / "adir", false},
   };
   for (const auto& [target, ok] : cases) {
     EXPECT_EQ(file.save(target).ok(), ok) << target;
     EXPECT_EQ(readFile(source), original) << target;
   }
-  EXPECT_EQ(readFile(dir + "/copy.mp4"), original);
-  EXPECT_TRUE(fs::is_directory(dir + "/adir"));
+  EXPECT_EQ(readFile(dir / "copy.mp4"), original);
+  EXPECT_TRUE(fs::is_directory(dir / "adir"));
+  const bool saved = partFile.save(dir / "part.mp4").ok();
+  EXPECT_EQ(readFile(part), original);
+  EXPECT_EQ(readFile(dir / "part.mp4"), saved ? original : Bytes{});
   // A tree that cannot be written leaves the file it would replace as it was.
   file.root.children.front()->header.type = "ftyp!";
-  EXPECT_FALSE(file.save(dir + "/old.mp4").ok());
-  EXPECT_EQ(readFile(dir + "/old.mp4"), (Bytes{'o', 'l', 'd'}));
-  std::set<std::string> left;
-  for (const auto& entry : fs::directory_iterator(dir)) left.insert(entry.path().filename());
-  EXPECT_EQ(left, (std::set<std::string>{"adir", "clip.mp4", "copy.mp4", "old.mp4"}));
-  fs::remove_all(dir);
-}
-
-// The open file may be named like the temporary a save makes beside its
-// target: saving must neither write over it nor remove it.
-TEST(RealFiles, SaveKeepsAnOpenFileNamedLikeItsTemporary) {
-  namespace fs = std::filesystem;
-  const std::string dir = ::testing::TempDir() + "mp4stbl_part" + std::to_string(getpid()), source = dir + "/clip.mp4.part";
-  LogCapture quiet;
-  fs::remove_all(dir);
-  fs::create_directories(dir);
-  fs::copy_file(std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4", source);
-  const Bytes original = readFile(source);
-  Mp4File file;
-  ASSERT_TRUE(file.open(source).ok());
-  const bool saved = file.save(dir + "/clip.mp4").ok();
-  EXPECT_EQ(readFile(source), original);
-  EXPECT_EQ(readFile(dir + "/clip.mp4"), saved ? original : Bytes{});
-  fs::remove_all(dir);
+  EXPECT_FALSE(file.save(dir / "old.mp4").ok());
+  EXPECT_EQ(readFile(dir / "old.mp4"), (Bytes{'o', 'l', 'd'}));
+  EXPECT_EQ(dir.names(), (std::vector<std::string>{"adir", "clip.mp4", "copy.mp4", "old.mp4",
+                                                   "part.mp4", "part.mp4.part"}));
 }
 
 // The body of a huge media data box: a hole up to each chunk, then a marker.
@@ -152,7 +136,8 @@ TEST(BuiltFile, Co64OffsetsPastFourGigabytesInASparseFile) {
   ASSERT_EQ(co64.Write(&table), 0);
   Bytes moov = table.data();
   for (const char* type : {"stbl", "minf", "mdia", "trak"}) moov = ByteWriter::box(type, moov);
-  const std::string path = ::testing::TempDir() + "mp4stbl_sparse" + std::to_string(getpid()) + ".mp4";
+  const ScratchDir dir("mp4stbl_sparse");
+  const std::string path = dir / "sparse.mp4";
   const uint64_t mdatAt = 8 + moov.size(), mdatSize = chunks.back() + 4 - mdatAt;
   for (uint32_t size : {0u, 1u}) {
     AtomHeader header;
@@ -189,7 +174,6 @@ TEST(BuiltFile, Co64OffsetsPastFourGigabytesInASparseFile) {
     EXPECT_TRUE(in.seek(static_cast<long long>(pos)) == 0 && in.readBe32(&marker) == 4);
     EXPECT_EQ(marker, SparseMedia::marker(i)) << "chunk " << i + 1;
   }
-  std::remove(path.c_str());
 }
 
 }  // namespace
