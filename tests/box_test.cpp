@@ -98,6 +98,8 @@ TEST(Atom, LargeHeaderGrowsItsLargeSizeAndIsWrittenLarge) {
        [](Atom& b) { dynamic_cast<StscAtom&>(b).addEntry(2, 5, 1); }},
       {"co64", ByteWriter().u64(1ull << 33).bytes, ByteWriter().u64(3).bytes,
        [](Atom& b) { dynamic_cast<Co64Atom&>(b).addEntry(3); }},
+      {"stco", ByteWriter().u32(1).bytes, ByteWriter().u32(3).bytes,
+       [](Atom& b) { dynamic_cast<StcoAtom&>(b).addEntry(3); }},
   };
   for (const auto& c : cases) {
     auto box = [&](const Bytes& added) {  // version and flags, count, records

@@ -77,11 +77,6 @@ LogLine ioLine(uint64_t offset, const std::string& operation) {
 template <class T>
 class TableFrame : public ::testing::Test {};
 
-struct TypeNames {
-  template <class T>
-  static std::string GetName(int) { return T::type; }
-};
-
 using Tables = ::testing::Types<Stts, Stsc, Stsz, Stss, Stco, Co64>;
 TYPED_TEST_SUITE(TableFrame, Tables, TypeNames);
 

@@ -57,6 +57,32 @@ class ScratchDir {
   fs::path path_;
 };
 
+// The files of `folder` whose names end in one of `endings`, sorted; none
+// when the folder is missing. Names that start with a dot are left out.
+inline std::vector<std::string> filesIn(const std::string& folder,
+                                        std::initializer_list<const char*> endings) {
+  std::vector<std::string> files;
+  std::error_code error;
+  for (const auto& entry : fs::directory_iterator(folder, error)) {
+    const std::string name = entry.path().filename();
+    for (const std::string ending : endings) {
+      if (name[0] != '.' && name.size() >= ending.size() &&
+          name.compare(name.size() - ending.size(), ending.size(), ending) == 0) {
+        files.push_back(entry.path());
+        break;
+      }
+    }
+  }
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+// Names the cases of a typed test after their type's `type`.
+struct TypeNames {
+  template <class T>
+  static std::string GetName(int) { return T::type; }
+};
+
 // A box of the library made in memory, its type set, added to `parent`.
 template <class Box>
 Box* attach(Atom* parent, const char* type) {
