@@ -351,11 +351,7 @@ TEST(CliRuns, TextOutputExitCodesAndMessages) {
   // a movie fragment box after its media.
   const std::string noFtyp = patched("noftyp.mp4", "ftyp", 0, "free"), moof = scratch("moof.mp4");
   std::ofstream(moof, std::ios::binary) << slurp(clip) << std::string("\0\0\0\x08moof", 8);
-  const struct {
-    std::vector<std::string> args;
-    int status;
-    std::string out, err;
-  } cases[] = {
+  const struct { std::vector<std::string> args; int status; std::string out, err; } cases[] = {
       {{"seek", clip, "--sample", "1"}, 0,
        "track 1: sample 1 -> key frame 1 at 0.000 s, chunk 1, offset 315\n"
        "read bytes 315..13502 (13187 bytes)" + through10, ""},

@@ -40,11 +40,7 @@ ByteWriter full(unsigned version) { return std::move(ByteWriter().u8(version).u2
 TEST(EditBoxes, GoldenBodiesReadShowAndWriteBackIdentical) {
   const std::string v0 = "version 0 flags 0 ", v1 = "version 1 flags 0 ";
   const std::string roll = "grouping_type 1919904876 ";
-  const struct {
-    const char* type;
-    Bytes body;
-    std::string shown;
-  } cases[] = {
+  const struct { const char* type; Bytes body; std::string shown; } cases[] = {
       {"ctts", full(0).u32(2).u32(2).u32(1024).u32(1).u32(0xFFFFFC00).bytes,
        v0 + "count 2 [2 1024] [1 4294966272]"},
       {"ctts", full(1).u32(2).u32(3).u32(0xFFFFFE00).u32(1).u32(512).bytes,
@@ -82,11 +78,7 @@ TEST(EditBoxes, GoldenBodiesReadShowAndWriteBackIdentical) {
 // A count or length that the rest of the box cannot hold is refused before
 // anything is allocated; its one line says where.
 TEST(EditBoxes, CountsPastTheBoxAreRefused) {
-  const struct {
-    const char* type;
-    Bytes body;
-    std::string line;
-  } cases[] = {
+  const struct { const char* type; Bytes body; std::string line; } cases[] = {
       {"ctts", full(0).u32(1u << 28).u32(1).u32(0).bytes,
        "268435456 records of 8 bytes at offset 16"},
       {"elst", full(1).u32(0xFFFFFFFF).u64(1).u64(0).u32(0).bytes,

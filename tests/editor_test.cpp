@@ -142,10 +142,7 @@ TEST_F(Edit, RefusalsLeaveNoFile) {
   const Bytes before = readFile(kClip);
   EditOptions stop;
   stop.progress = [](uint64_t, uint64_t) { return false; };
-  const struct {
-    Status status;
-    const char* reason;
-  } cases[] = {
+  const struct { Status status; const char* reason; } cases[] = {
       {trim(kClip, 0.3, 0.3, out("a.mp4")), "is empty"},
       {trim(kClip, 5, 6, out("a.mp4")), "nothing plays"},
       {trim(kClip, 0, 1, kClip), "is one of the inputs"},

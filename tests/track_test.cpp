@@ -82,18 +82,7 @@ TEST(Track, WalkFollowsRunsChunksAndSyncSamples) {
   OneTrack built;
   const Result<std::vector<Track>> tracks = built.find();
   ASSERT_TRUE(tracks.ok()) << tracks.message();
-  const Track& track = tracks->at(0);
-  EXPECT_STREQ(track.kind(), "video");
-  // The bytes a seek reads: from the start of the key frame's chunk through
-  // the end chunk.
-  const struct { uint32_t start, end; unsigned long long pos; uint32_t length; } ranges[] = {
-      {1, 1, 100, 0}, {2, 4, 200, 740}, {1, 3, 100, 200}};
-  for (const auto& r : ranges) {
-    unsigned long long pos = 0;
-    uint32_t length = 9;
-    track.stco()->getFramePos(r.start, r.end, &pos, &length);
-    EXPECT_EQ(std::make_pair(pos, length), std::make_pair(r.pos, r.length)) << r.start << ".." << r.end;
-  }
+  EXPECT_STREQ(tracks->at(0).kind(), "video");
   EXPECT_EQ(built.walk(), (std::vector<std::string>{
                               "1 chunk 1 at 100+10 time 0+100 key entry 1",
                               "2 chunk 1 at 110+20 time 100+100 entry 1",
