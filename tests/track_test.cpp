@@ -39,10 +39,9 @@ struct OneTrack {
     EXPECT_TRUE(file.write(&out).ok());
     Bytes bytes = ByteWriter().append(out.data()).u32(uint32_t(fileLength - out.data().size())).text("free").bytes;
     bytes.resize(fileLength);
-    stored = std::make_unique<MemoryStream>(bytes);
-    reread = std::make_unique<Mp4File>();
-    EXPECT_TRUE(reread->read(stored.get()).ok());
-    FoundTracks found = findTracks(*reread);
+    reread = std::make_unique<ReadFile>(bytes);
+    EXPECT_TRUE(reread->status.ok());
+    FoundTracks found = findTracks(reread->file);
     if (!found.unreadable.empty()) return Status::failure(found.unreadable.front());
     return std::move(found.tracks);
   }
@@ -74,8 +73,7 @@ struct OneTrack {
     }
   }
 
-  std::unique_ptr<MemoryStream> stored;
-  std::unique_ptr<Mp4File> reread;
+  std::unique_ptr<ReadFile> reread;
 };
 
 TEST(Track, WalkFollowsRunsChunksAndSyncSamples) {
@@ -167,16 +165,11 @@ TEST(Track, FilesCutShortOrPaddedReadWithAWarning) {
       {padded, "3 bytes at offset 20 are not a box: kept as they are"},
   };
   for (const auto& [bytes, warning] : cases) {
-    MemoryStream in(bytes);
-    Mp4File file;
-    ASSERT_TRUE(file.read(&in).ok());
-    EXPECT_EQ(file.warnings(), std::vector<std::string>{warning});
-    MemoryStream out;
-    ASSERT_TRUE(file.write(&out).ok());
-    EXPECT_EQ(out.data(), bytes);
+    const ReadFile read(bytes);
+    ASSERT_TRUE(read.status.ok());
+    EXPECT_EQ(read.file.warnings(), std::vector<std::string>{warning});
   }
-  MemoryStream alone(Bytes(cut.begin() + 20, cut.end()));
-  EXPECT_FALSE(Mp4File().read(&alone).ok());
+  EXPECT_FALSE(ReadFile(Bytes(cut.begin() + 20, cut.end())).status.ok());
 }
 
 // An stsz with one size for every sample and no table: the track reads and

@@ -83,6 +83,19 @@ struct TypeNames {
   static std::string GetName(int) { return T::type; }
 };
 
+// A file read from memory; a file that reads must write back identical.
+struct ReadFile {
+  explicit ReadFile(const Bytes& bytes) : in(bytes), status(file.read(&in)) {
+    MemoryStream out;
+    if (!status.ok()) return;
+    EXPECT_TRUE(file.write(&out).ok());
+    EXPECT_EQ(out.data(), bytes);
+  }
+  MemoryStream in;
+  Mp4File file;
+  Status status;
+};
+
 // A box of the library made in memory, its type set, added to `parent`.
 template <class Box>
 Box* attach(Atom* parent, const char* type) {
