@@ -23,13 +23,13 @@ struct Outcome {
   json doc() const { return json::parse(out, nullptr, false); }
 };
 
-std::string scratch(const std::string& name) {
-  return ::testing::TempDir() + "mp4stbl_cli_" + std::to_string(getpid()) + "_" + name;
-}
+// Files the tests make, all removed when the program ends.
+const ScratchDir kScratch("mp4stbl_cli_");
+std::string scratch(const std::string& name) { return kScratch / name; }
 
 std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  const Bytes bytes = readFile(path);
+  return std::string(bytes.begin(), bytes.end());
 }
 
 // Runs `program args...`, stdout through a pipe, stderr through a file.
@@ -41,13 +41,11 @@ Outcome run(const std::string& program, const std::vector<std::string>& args) {
   FILE* pipe = popen((command + " 2>'" + errors + "'").c_str(), "r");
   if (pipe == nullptr) return result;
   char block[65536];
-  for (size_t got; (got = std::fread(block, 1, sizeof block, pipe)) > 0;) {
-    result.out.append(block, got);
-  }
+  size_t got;
+  while ((got = std::fread(block, 1, sizeof block, pipe)) > 0) result.out.append(block, got);
   const int status = pclose(pipe);
   result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   result.err = slurp(errors);
-  std::remove(errors.c_str());
   return result;
 }
 
@@ -58,7 +56,9 @@ long long number(const json& value) {
   return value.is_string() ? std::stoll(value.get<std::string>()) : value.get<long long>();
 }
 
-std::vector<std::string> mediaFiles(const std::string& dir) { return filesIn(dir, {".mp4", ".mov"}); }
+std::vector<std::string> mediaFiles(const std::string& dir) {
+  return filesIn(dir, {".mp4", ".mov"});
+}
 
 json samplesOf(const std::string& path, unsigned track) {
   const Outcome listed = cli({"samples", path, "--track", std::to_string(track), "--json"});
@@ -274,24 +274,19 @@ TEST(CliAgainstFfprobe, CommittedFilesAndWideCorpus) {
   }
 }
 
-// The shipped clip with its stco tables replaced by co64 tables of the same
-// offsets (moov follows mdat, so no sample moves).
-std::string withCo64(const std::string& clip) {
-  Mp4File file;
-  EXPECT_TRUE(file.open(clip).ok());
-  widenChunkOffsets(file, 0);
-  const std::string path = scratch("co64.mp4");
-  EXPECT_TRUE(file.save(path).ok());
-  return path;
-}
-
 // Seeking in the shipped clip (video key frames 1, 5 and 9; samples 8 and 9
 // share chunk 8): the key frame to decode from (at or before the sample, or
 // with --after at or after it) and the bytes to read, which start with the
 // key frame's chunk; the same through co64 tables.
 TEST(CliSeek, FindsTheKeyFrameAndTheBytesToReadThroughStcoOrCo64) {
   const std::string clip = std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4";
-  const std::string co64 = withCo64(clip);
+  // The clip with its stco tables turned into co64 tables of the same offsets
+  // (moov follows mdat, so no sample moves).
+  const std::string co64 = scratch("co64.mp4");
+  Mp4File file;
+  ASSERT_TRUE(file.open(clip).ok());
+  widenChunkOffsets(file, 0);
+  ASSERT_TRUE(file.save(co64).ok());
   compareWithFfprobe(co64);
   const std::pair<std::vector<std::string>, json> cases[] = {
       {{"--sample", "6", "--end-sample", "7"},
@@ -317,7 +312,6 @@ TEST(CliSeek, FindsTheKeyFrameAndTheBytesToReadThroughStcoOrCo64) {
       EXPECT_EQ(doc, answer) << file << " " << position[1];
     }
   }
-  std::remove(co64.c_str());
 }
 
 // The clip with `bytes` written at `at` bytes past the first `box` type.
@@ -414,7 +408,6 @@ TEST(CliRuns, TextOutputExitCodesAndMessages) {
     EXPECT_TRUE(c.err.empty() ? result.err.empty() : result.err.find(c.err) != npos) << result.err;
     EXPECT_LT(result.err.size(), 400u) << result.err;
   }
-  for (const std::string& made : {text, altered, counted, odd, noFtyp, moof}) fs::remove(made);
 }
 
 // The bytes of every sample of every track, in decode order, and of the
@@ -520,8 +513,6 @@ TEST(CliEdit, TrimsAndJoinsAgainstFfprobe) {
       EXPECT_TRUE(tripled[t].samples == expected) << "track " << t + 1;
     }
   }
-  fs::remove(cut);
-  fs::remove(joined);
 }
 
 }  // namespace
