@@ -41,8 +41,6 @@ class ScratchDir {
     fs::create_directories(path_);
   }
   ~ScratchDir() { fs::remove_all(path_); }
-  ScratchDir(const ScratchDir&) = delete;
-  ScratchDir& operator=(const ScratchDir&) = delete;
 
   std::string operator/(const std::string& name) const { return (path_ / name).string(); }
   // The names the directory holds, sorted.
