@@ -210,16 +210,4 @@ TEST(Log, SinkLevelsFailureNoteAndTheDefault) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "[MP4] shown 1\n");
 }
 
-// A directory opens for reading on Linux, and std::filebuf throws when it is
-// read; the stream must report -1 and a file read must fail cleanly.
-TEST(FileStream, SystemErrorsAreFailedCallsNotExceptions) {
-  FileStream directory;
-  ASSERT_EQ(directory.open(MP4STBL_TEST_DATA, FileStream::Mode::Read), 0);
-  unsigned char byte = 0;
-  EXPECT_EQ(directory.read(&byte, 1), -1);
-  LogCapture log;
-  EXPECT_FALSE(Mp4File().open(MP4STBL_TEST_DATA).ok());
-  EXPECT_EQ(FileStream().open("/nonexistent/x.mp4", FileStream::Mode::Read), -1);
-}
-
 }  // namespace

@@ -308,7 +308,7 @@ TEST(CliSeek, FindsTheKeyFrameAndTheBytesToReadThroughStcoOrCo64) {
 }
 
 // The clip with `bytes` written at `at` bytes past the first `box` type.
-std::string patched(const std::string& name, const char* box, size_t at, const std::string& bytes) {
+std::string patched(const std::string& name, const char* box, long at, const std::string& bytes) {
   std::string data = slurp(std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4");
   data.replace(data.find(box) + at, bytes.size(), bytes);
   const std::string path = scratch(name);
@@ -332,6 +332,7 @@ TEST(CliRuns, TextOutputExitCodesAndMessages) {
   const size_t at = slurp(clip).find("stsd") + 11;
   const std::string counted = patched("counted.mp4", "stsz", 12, std::string("\0\0\x03\xe8", 4));
   const std::string odd = patched("odd.mp4", "stsd", 16, "\x01vc1");
+  const std::string badSize = patched("badsize.mp4", "stsz", -4, std::string("\0\0\0\4", 4));
   const std::string nines(300, '9'), through10 = " to play through sample 10\n";
   const std::string fragmented = std::string(MP4STBL_TEST_DATA) + "/frag_h264_aac.mp4";
   // A file whose ftyp is hidden (QuickTime files may have none) and one with
@@ -364,6 +365,11 @@ TEST(CliRuns, TextOutputExitCodesAndMessages) {
       {{"verify", altered}, 1, altered + ": differs when written back, first at offset " +
        std::to_string(at) + ", in moov/trak/mdia/minf/stbl/stsd\n", ""},
       {{"info", missing}, 1, "", "mp4stbl: " + missing + ": cannot open the file\n"},
+      // A directory opens but its reads fail: an error, not an exception.
+      {{"info", MP4STBL_TEST_DATA}, 1, "", "data: not an MP4 file (offset:0, readBe32 fail)\n"},
+      // A box whose header breaks the tree names the track it lies in.
+      {{"info", badSize}, 1, "", "cannot be read (track 1 (vide): box stsz at offset " +
+       std::to_string(slurp(clip).find("stsz") - 4) + " has a bad size 4)\n"},
       {{"dump", text}, 1, "", "mp4stbl: " + text + ": not an MP4 file"},
       {{"info", clip, "--bogus"}, 2, "", "--bogus"},
       {{"dump", std::string(MP4STBL_TEST_DATA) + "/hevc.mp4", "--entries", "3"}, 0,
