@@ -56,7 +56,7 @@ long long number(const json& value) {
 }
 
 std::vector<std::string> mediaFiles(const std::string& dir) {
-  return filesIn(dir, {".mp4", ".mov"});
+  return filesIn(dir, ".*\\.(mp4|mov)");
 }
 
 json samplesOf(const std::string& path, unsigned track) {

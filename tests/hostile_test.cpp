@@ -30,7 +30,7 @@ bool survives(const Bytes& input) {
 size_t allowance(size_t inputSize) { return 32 * inputSize + (1u << 20); }
 
 TEST(Hostile, EveryKnownBadFileEndsCleanlyWithinMemory) {
-  const std::vector<std::string> paths = filesIn(MP4STBL_FUZZ_SEEDS, {""});
+  const std::vector<std::string> paths = filesIn(MP4STBL_FUZZ_SEEDS, "[^.].*");
   ASSERT_FALSE(paths.empty());
   LogCapture quiet;
   for (const std::string& path : paths) {

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <regex>
 #include <string>
 #include <tuple>
 #include <type_traits>
@@ -55,20 +56,14 @@ class ScratchDir {
   fs::path path_;
 };
 
-// The files of `folder` whose names end in one of `endings`, sorted; none
-// when the folder is missing. Names that start with a dot are left out.
-inline std::vector<std::string> filesIn(const std::string& folder,
-                                        std::initializer_list<const char*> endings) {
+// The files of `folder` whose names match `names`, sorted; none when the
+// folder is missing.
+inline std::vector<std::string> filesIn(const std::string& folder, const std::string& names) {
   std::vector<std::string> files;
   std::error_code error;
   for (const auto& entry : fs::directory_iterator(folder, error)) {
-    const std::string name = entry.path().filename();
-    for (const std::string ending : endings) {
-      if (name[0] != '.' && name.size() >= ending.size() &&
-          name.compare(name.size() - ending.size(), ending.size(), ending) == 0) {
-        files.push_back(entry.path());
-        break;
-      }
+    if (std::regex_match(entry.path().filename().string(), std::regex(names))) {
+      files.push_back(entry.path());
     }
   }
   std::sort(files.begin(), files.end());
