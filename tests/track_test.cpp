@@ -63,14 +63,16 @@ struct OneTrack {
     return rows;
   }
 
-  // Takes the first box of `type` out of stbl.
-  void drop(const std::string& type) {
+  // Takes the first box of `type` out of stbl; with a body, puts a box of
+  // that type holding it in its place, kept as bytes.
+  void drop(const std::string& type, const Bytes* body = nullptr) {
     for (Atom* child : stbl->children) {
       if (child->header.type != type) continue;
       stbl->children.remove(child);
       delete child;
-      return;
+      break;
     }
+    if (body != nullptr) attach<UserDefAtom>(stbl, type.c_str())->body = *body;
   }
 
   std::unique_ptr<ReadFile> reread;
@@ -166,8 +168,8 @@ TEST(Track, FilesCutShortOrPaddedReadWithAWarning) {
 // walks with that size; a table that cannot be read costs only its track.
 TEST(Track, ConstantSampleSizeAndUnreadableTables) {
   OneTrack built;
-  built.drop("stsz");
-  attach<UserDefAtom>(built.stbl, "stsz")->body = ByteWriter().u32(0).u32(50).u32(6).bytes;
+  const Bytes constant = ByteWriter().u32(0).u32(50).u32(6).bytes;
+  built.drop("stsz", &constant);
   const Result<std::vector<Track>> tracks = built.find();
   ASSERT_TRUE(tracks.ok()) << tracks.message();
   EXPECT_EQ(tracks->at(0).constantSampleSize(), 50u);
@@ -198,8 +200,7 @@ TEST(Track, ConstantSampleSizeAndUnreadableTables) {
   };
   for (const auto& [box, reason] : broken) {
     OneTrack built;
-    built.drop(box.first);
-    attach<UserDefAtom>(built.stbl, box.first.c_str())->body = box.second;
+    built.drop(box.first, &box.second);
     const std::string track = box.first == "stsd" ? "track 7 (vide): " : "track 7 (vide, avc1): ";
     EXPECT_EQ(built.walk().back(), track + reason);
   }
@@ -272,8 +273,8 @@ TEST(Track, DurationsPast32BitsComeFromTheWalk) {
   EXPECT_EQ(tracks->at(0).stts().totalDuration(), 0x80000000ull + 400);
   EXPECT_EQ(built.walk().back(), "6 chunk 4 at 940+60 time 6442451244+100 key entry 1");
   // Ten million samples of 1001 units, all of one size in one chunk.
-  built.drop("stsz");
-  attach<UserDefAtom>(built.stbl, "stsz")->body = ByteWriter().u32(0).u32(1).u32(10000000).bytes;
+  const Bytes constant = ByteWriter().u32(0).u32(1).u32(10000000).bytes;
+  built.drop("stsz", &constant);
   built.stts->entries = {{10000000, 1001}};
   built.stsc->entries = {{1, 10000000, 1}};
   const Result<std::vector<Track>> recording = built.find();
