@@ -73,11 +73,14 @@ TEST(RealFiles, SaveWritesANewFileOrNothing) {
                                                    "part.mp4", "part.mp4.part"}));
 }
 
-// The body of a huge media data box: a hole up to each chunk, then a marker.
+// A huge media data box with a 32-bit (`size` 0) or 64-bit (1) header: a
+// hole up to each chunk, then a marker.
 class SparseMedia : public Atom {
  public:
-  SparseMedia(const AtomHeader& header, std::vector<uint64_t> chunks)
-      : Atom(header), chunks_(std::move(chunks)) {}
+  SparseMedia(uint32_t size, std::vector<uint64_t> chunks) : Atom(AtomHeader()), chunks_(chunks) {
+    header.type = "mdat";
+    header.size = size;
+  }
   int writeData(IOStream* stream) override {
     for (size_t i = 0; i < chunks_.size(); ++i) {
       if (stream->seek(static_cast<long long>(chunks_[i])) != 0) return -1;
@@ -96,25 +99,16 @@ class SparseMedia : public Atom {
 // With a 32-bit header the box is refused.
 TEST(BuiltFile, Co64OffsetsPastFourGigabytesInASparseFile) {
   const std::vector<uint64_t> chunks = {(1ull << 32) + 0x10, (5ull << 30) + 3, (6ull << 30) - 4};
-  Co64Atom co64{AtomHeader()};
-  co64.header.type = "co64";
-  for (uint64_t offset : chunks) co64.addEntry(offset);
-  MemoryStream table;
-  ASSERT_EQ(co64.Write(&table), 0);
-  Bytes moov = table.data();
+  Bytes moov = ByteWriter::fullBox("co64", 0, 0, ByteWriter().u32(3).u64(chunks[0]).u64(chunks[1])
+                                                     .u64(chunks[2]).bytes);
   for (const char* type : {"stbl", "minf", "mdia", "trak"}) moov = ByteWriter::box(type, moov);
   const ScratchDir dir("mp4stbl_sparse");
   const std::string path = dir / "sparse.mp4";
   const uint64_t mdatAt = 8 + moov.size(), mdatSize = chunks.back() + 4 - mdatAt;
   for (uint32_t size : {0u, 1u}) {
-    AtomHeader header;
-    header.type = "mdat";
-    header.size = size;
     Atom root{AtomHeader()};
-    auto* moovBox = new UserDefAtom(AtomHeader());
-    moovBox->header.type = "moov";
-    moovBox->body = moov;
-    root.children = {moovBox, new SparseMedia(header, chunks)};
+    attach<UserDefAtom>(&root, "moov")->body = moov;
+    root.children.push_back(new SparseMedia(size, chunks));
     FileStream out;
     ASSERT_EQ(out.open(path, FileStream::Mode::Write), 0);
     LogCapture log;
