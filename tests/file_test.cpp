@@ -1,38 +1,20 @@
 // Whole files: the shipped encoder output read and written back byte for
-// byte with its entries typed (the wider corpus runs in cli_test.cpp against
-// ffprobe), saved to disk, and files built past 4 GiB.
+// byte (the command's tests compare it and a wider corpus with ffprobe),
+// saved to disk, and files built past 4 GiB.
 #include <fstream>
-#include <map>
 
 #include "support/test.h"
 
 namespace {
 
-// The sample entries of the shipped files, track by track, with the profile
-// and level ffprobe reports. ffmpeg writes the fixed channel count 2 of the
-// ISO audio entry into .mp4 files whatever the source has (its esds tells
-// the truth); QuickTime's AAC is sound version 1, its esds inside a wave box.
-const std::map<std::string, std::vector<std::string>> kEntries = {
-    {"h264_aac.mp4",
-     {"avc1 96x64 Constrained Baseline@1 len4 sps1 pps1", "mp4a 2ch 22050Hz 16bit v0 1ch 22050Hz"}},
-    {"hevc.mp4", {"hvc1 64x48 Main@L1 len4 vps1 sps1 pps1"}},
-    {"prores_apcn.mov", {"apcn 64x48"}},
-    {"prores_apch_aac.mov", {"apch 64x48", "mp4a 1ch 22050Hz 16bit v1"}},
-};
-
-// Every shipped file is read with its sample entries typed and written back
-// byte for byte (the command's tests check every file in data/).
-TEST(RealFiles, ShippedFilesRoundTripWithTypedEntries) {
-  for (const auto& [name, entries] : kEntries) {
-    const std::string path = std::string(MP4STBL_TEST_DATA) + "/" + name;
+// Every shipped file reads and is written back byte for byte (the command's
+// tests compare what it holds, entry by entry, with ffprobe).
+TEST(RealFiles, ShippedFilesRoundTrip) {
+  const std::vector<std::string> files = filesIn(MP4STBL_TEST_DATA, ".*\\.(mp4|mov)");
+  ASSERT_GE(files.size(), 5u);
+  for (const std::string& path : files) {
     SCOPED_TRACE(path);
-    ReadFile read(readFile(path));
-    ASSERT_TRUE(read.status.ok());
-    std::vector<std::string> seen;
-    for (Atom* stsd : read.file.find("moov/trak/mdia/minf/stbl/stsd")) {
-      for (Atom* entry : stsd->children) seen.push_back(describe(*entry));
-    }
-    EXPECT_EQ(seen, entries);
+    EXPECT_TRUE(ReadFile(readFile(path)).status.ok());
   }
 }
 
