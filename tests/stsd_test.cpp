@@ -185,6 +185,24 @@ TEST(SampleEntry, TruncatedFieldsFailWithTheStreamOffset) {
   }
 }
 
+// What an entry's decoder configuration child tells: profile@level, length
+// size and parameter set counts, or the channels and rate of an AAC stream.
+std::string configOf(const Atom& entry) {
+  auto n = [](uint64_t value) { return std::to_string(value); };
+  const Atom* child = entry.children.empty() ? nullptr : entry.children.front();
+  if (auto* avc = dynamic_cast<const AvcConfigAtom*>(child)) {
+    return avc->profileName() + "@" + avc->levelName() + " len" + n(avc->lengthSize) + " sps" +
+           n(avc->spsCount) + " pps" + n(avc->ppsCount);
+  }
+  if (auto* hevc = dynamic_cast<const HevcConfigAtom*>(child)) {
+    return hevc->profileName() + "@" + hevc->levelName() + " len" + n(hevc->lengthSize) + " vps" +
+           n(hevc->vpsCount) + " sps" + n(hevc->spsCount) + " pps" + n(hevc->ppsCount);
+  }
+  auto* esds = dynamic_cast<const EsdsAtom*>(child);
+  if (esds == nullptr) return "untyped";
+  return esds->parsed ? n(esds->channels()) + "ch " + n(esds->sampleRate) + "Hz" : "unknown";
+}
+
 // hvcC's 23 leading bytes: the profile byte (space, tier, idc), Main
 // compatibility, level, 4:2:0 8-bit, 4-byte lengths, then `arrays`.
 Bytes hvcC(uint8_t general, uint8_t level, uint8_t arrays) {
@@ -239,7 +257,7 @@ TEST(CodecConfig, ProfileLevelAndCountsFromGoldenBytesOthersKeptWhole) {
     const std::string type = audio ? "mp4a" : config[4] == 'a' ? "avc1" : "hvc1";
     Box entry = readChild(stsd, ByteWriter::box(type, concat({fields, config})));
     ASSERT_NE(entry, nullptr);
-    EXPECT_EQ(describe(*entry), (audio ? "mp4a 2ch 48000Hz 16bit v0 " : type + " 64x48 ") + expected);
+    EXPECT_EQ(configOf(*entry), expected);
   }
 }
 

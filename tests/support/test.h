@@ -89,36 +89,6 @@ struct ReadFile {
   Status status;
 };
 
-// A sample entry as text: its type; its picture size, or its channels, rate,
-// sample size and sound version; then what each decoder configuration child
-// tells: profile@level, length size and parameter set counts, or the
-// channels and rate of an AAC stream ("unknown" when they cannot be read).
-inline std::string describe(const Atom& entry) {
-  auto number = [](uint64_t value) { return std::to_string(value); };
-  auto level = [&](const auto& c) {
-    return " " + c.profileName() + "@" + c.levelName() + " len" + number(c.lengthSize);
-  };
-  std::string out = entry.header.type;
-  if (auto* video = dynamic_cast<const VisualSampleEntry*>(&entry)) {
-    out += " " + number(video->width) + "x" + number(video->height);
-  } else if (auto* audio = dynamic_cast<const AudioSampleEntry*>(&entry)) {
-    out += " " + number(audio->channelCount) + "ch " + number(audio->sampleRate >> 16) + "Hz " +
-           number(audio->sampleSize) + "bit v" + number(audio->soundVersion);
-  }
-  for (const Atom* child : entry.children) {
-    if (auto* avc = dynamic_cast<const AvcConfigAtom*>(child)) {
-      out += level(*avc) + " sps" + number(avc->spsCount) + " pps" + number(avc->ppsCount);
-    } else if (auto* hevc = dynamic_cast<const HevcConfigAtom*>(child)) {
-      out += level(*hevc) + " vps" + number(hevc->vpsCount) + " sps" + number(hevc->spsCount) +
-             " pps" + number(hevc->ppsCount);
-    } else if (auto* esds = dynamic_cast<const EsdsAtom*>(child)) {
-      out += esds->parsed ? " " + number(esds->channels()) + "ch " + number(esds->sampleRate) + "Hz"
-                          : " unknown";
-    }
-  }
-  return out;
-}
-
 // A box of the library made in memory, its type set, added to `parent`.
 template <class Box>
 Box* attach(Atom* parent, const char* type) {
