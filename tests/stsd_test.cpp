@@ -85,8 +85,8 @@ TEST(ChildFactories, EachTypeYieldsItsClassAndOthersStayOpaque) {
   }
 }
 
-// A null stream, no memory for the child, or a table cut short: no child, and
-// one line; the half-read table is deleted, not leaked.
+// A null stream, no memory for the child, a table or an entry cut short: no
+// child, and one line; the half-read box is deleted, not leaked.
 TEST(ChildFactories, FailuresYieldNullWithOneLine) {
   GpmdAtom gpmd{AtomHeader()};
   LogCapture log;
@@ -98,19 +98,31 @@ TEST(ChildFactories, FailuresYieldNullWithOneLine) {
     ASSERT_EQ(log.lines().size(), 2u);
     EXPECT_TRUE(isNullParamLine(log.lines()[0], "readData") && isNullParamLine(log.lines()[1], "writeData"));
   }
-  const std::tuple<Atom&, const char*, Bytes, bool, long long, std::string> cases[] = {
-      {stbl, "stts", Bytes(28, 0), true, 8, "new stts atom no memory\n"},
-      {stsd, "mp4a", Bytes(28, 0), true, 8, "new mp4a atom no memory\n"},
+  auto mp4 = [](const char* text) { return LogLine{"MP4", 3, text}; };
+  auto io = [](const char* text) { return LogLine{"IO", 3, text}; };
+  const std::tuple<Atom&, const char*, Bytes, bool, long long, LogLine> cases[] = {
+      {stbl, "stts", Bytes(28, 0), true, 8, mp4("new stts atom no memory\n")},
+      {stsd, "mp4a", Bytes(28, 0), true, 8, mp4("new mp4a atom no memory\n")},
       {stbl, "stts", ByteWriter().u32(0).u32(3).u32(1).u32(10).u32(1).u32(20).bytes, false, -1,
-       "read 24 bytes to stts buf failed\n"},
+       mp4("read 24 bytes to stts buf failed\n")},
+      // A body cut short fails at the offset reached, never reading into the next box.
+      {stsd, "mp4a", Bytes(20, 0), false, -1, io("offset:28, readBe16 fail\n")},
+      {stsd, "alaw", concat({audioFields(1, 2, 0), Bytes(8, 0)}), false, -1,
+       io("offset:44, readBe32 fail\n")},
+      {stsd, "mp4a", concat({audioFields(2, 2, 0), Bytes(7, 0)}), false, -1,
+       io("offset:43, readBe64 fail\n")},
+      {stsd, "avc1", Bytes(50, 0), false, -1, io("offset:58, readBytes fail\n")},
+      {stsd, "gpmd", Bytes(8, 0), false, -1, io("offset:16, readBe32 fail\n")},
+      {stbl, "stsd", ByteWriter().u8(1).u24(0x0A0B0C).bytes, false, -1, io("offset:12, readBe32 fail\n")},
   };
-  for (const auto& [parent, type, body, noMemory, offset, text] : cases) {
+  for (const auto& [parent, type, body, noMemory, offset, line] : cases) {
+    SCOPED_TRACE(line.text);
     log.clear();
-    MemoryStream in(concat({ByteWriter::box(type, body), ByteWriter::box("free", Bytes(16, 0))}));
+    MemoryStream in(concat({ByteWriter::box(type, body), kFree}));
     failNextNothrowNew = noMemory;
     EXPECT_EQ(parent.ReadChild(&in), nullptr);
     EXPECT_FALSE(failNextNothrowNew);  // the child was asked for without throwing
-    EXPECT_EQ(log.only(), (LogLine{"MP4", 3, text}));
+    EXPECT_EQ(log.only(), line);
     EXPECT_EQ(offset < 0 || in.getOffset() == offset, true);
   }
 }
@@ -164,25 +176,6 @@ TEST(SampleEntry, FieldsAndWhatFollowsThemRoundTrip) {
   ASSERT_EQ(v1->children.size(), 2u);
   EXPECT_EQ(dynamic_cast<UserDefAtom&>(*v1->children.front()).body, Bytes(wave.begin() + 8, wave.end()));
   EXPECT_EQ(v1->children.back()->header.type, "chan");
-}
-
-// A body cut short fails at the offset reached, never reading into the next box.
-TEST(SampleEntry, TruncatedFieldsFailWithTheStreamOffset) {
-  const std::tuple<Atom&, const char*, Bytes, const char*> cases[] = {
-      {stsd, "mp4a", Bytes(20, 0), "offset:28, readBe16 fail\n"},
-      {stsd, "alaw", concat({audioFields(1, 2, 0), Bytes(8, 0)}), "offset:44, readBe32 fail\n"},
-      {stsd, "mp4a", concat({audioFields(2, 2, 0), Bytes(7, 0)}), "offset:43, readBe64 fail\n"},
-      {stsd, "avc1", Bytes(50, 0), "offset:58, readBytes fail\n"},
-      {stsd, "gpmd", Bytes(8, 0), "offset:16, readBe32 fail\n"},
-      {stbl, "stsd", ByteWriter().u8(1).u24(0x0A0B0C).bytes, "offset:12, readBe32 fail\n"},
-  };
-  for (const auto& [parent, type, fields, text] : cases) {
-    SCOPED_TRACE(text);
-    MemoryStream in(concat({ByteWriter::box(type, fields), kFree}));
-    LogCapture log;
-    EXPECT_EQ(parent.ReadChild(&in), nullptr);
-    EXPECT_EQ(log.only(), (LogLine{"IO", 3, text}));
-  }
 }
 
 // What an entry's decoder configuration child tells: profile@level, length
