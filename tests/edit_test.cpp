@@ -1,18 +1,8 @@
 // The boxes an editor keeps beside the sample tables: golden bodies read,
 // shown and written back byte for byte, and counts that pass their box.
-#include <gtest/gtest.h>
-
-#include <cstdint>
 #include <iterator>
-#include <memory>
-#include <string>
-#include <vector>
 
-#include "box/edit_boxes.h"
-#include "support/bytes.h"
-#include "support/log_capture.h"
-
-using namespace mp4stbl;
+#include "support/test.h"
 
 namespace {
 
@@ -47,14 +37,13 @@ Atom* readBox(const Bytes& bytes) {
 
 ByteWriter full(unsigned version) { return std::move(ByteWriter().u8(version).u24(0)); }
 
-TEST(EditBoxes, GoldenBodiesReadShowAndWriteBackIdentical) {
+// Golden bodies read, shown and written back identical; a count or length
+// that the rest of the box cannot hold is refused before anything is
+// allocated, its one line saying where.
+TEST(EditBoxes, GoldenBodiesReadShowAndWriteBackIdenticalCountsPastTheBoxRefused) {
   const std::string v0 = "version 0 flags 0 ", v1 = "version 1 flags 0 ";
-  const std::string roll = "grouping_type 1919904876 ";
-  const struct {
-    const char* type;
-    Bytes body;
-    std::string shown;
-  } cases[] = {
+  const std::string roll = "grouping_type 1919904876 ", past = " run past the box\n";
+  const struct { const char* type; Bytes body; std::string shown; } cases[] = {
       {"ctts", full(0).u32(2).u32(2).u32(1024).u32(1).u32(0xFFFFFC00).bytes,
        v0 + "count 2 [2 1024] [1 4294966272]"},
       {"ctts", full(1).u32(2).u32(3).u32(0xFFFFFE00).u32(1).u32(512).bytes,
@@ -75,10 +64,28 @@ TEST(EditBoxes, GoldenBodiesReadShowAndWriteBackIdentical) {
       {"sgpd", full(0).text("roll").u32(1).be(5, 2).bytes, v0},
       {"sbgp", full(1).text("roll").u32(3).u32(1).u32(6).u32(2).bytes,
        v1 + roll + "grouping_type_parameter 3 count 1 [6 2]"},
+      {"ctts", full(0).u32(1u << 28).u32(1).u32(0).bytes,
+       "268435456 records of 8 bytes at offset 16" + past},
+      {"elst", full(1).u32(0xFFFFFFFF).u64(1).u64(0).u32(0).bytes,
+       "4294967295 records of 20 bytes at offset 16" + past},
+      {"elst", full(0).u32(2).u32(1).u32(0).u32(0).bytes,
+       "2 records of 12 bytes at offset 16" + past},
+      {"sgpd", full(1).text("roll").u32(0xFFFFFFFF).u32(2).u32(0).bytes,
+       "2 records of 4294967295 bytes at offset 24" + past},
+      {"sgpd", full(1).text("roll").u32(0).u32(1).u32(0xFFFFFFF0).u32(0).bytes,
+       "4294967280 records of 1 bytes at offset 28" + past},
+      {"sbgp", full(1).text("roll").u32(0).u32(0x20000000).u32(1).u32(1).bytes,
+       "536870912 records of 8 bytes at offset 24" + past},
   };
   for (const auto& c : cases) {
     const Bytes bytes = ByteWriter::box(c.type, c.body);
+    LogCapture log;
     std::unique_ptr<Atom> box(readBox(bytes));
+    if (c.shown.find(past) != std::string::npos) {
+      EXPECT_EQ(box, nullptr) << c.shown;
+      EXPECT_EQ(log.lines().empty() ? "" : log.lines().front().text, c.shown);
+      continue;
+    }
     ASSERT_NE(dynamic_cast<FullBoxAtom*>(box.get()), nullptr) << c.shown;
     TextSink sink;
     box->describe(sink);
@@ -86,33 +93,6 @@ TEST(EditBoxes, GoldenBodiesReadShowAndWriteBackIdentical) {
     MemoryStream out;
     ASSERT_EQ(box->Write(&out), 0);
     EXPECT_EQ(out.data(), bytes) << c.shown;
-  }
-}
-
-// A count or length that the rest of the box cannot hold is refused before
-// anything is allocated; its one line says where.
-TEST(EditBoxes, CountsPastTheBoxAreRefused) {
-  const struct {
-    const char* type;
-    Bytes body;
-    std::string line;
-  } cases[] = {
-      {"ctts", full(0).u32(1u << 28).u32(1).u32(0).bytes,
-       "268435456 records of 8 bytes at offset 16"},
-      {"elst", full(1).u32(0xFFFFFFFF).u64(1).u64(0).u32(0).bytes,
-       "4294967295 records of 20 bytes at offset 16"},
-      {"elst", full(0).u32(2).u32(1).u32(0).u32(0).bytes, "2 records of 12 bytes at offset 16"},
-      {"sgpd", full(1).text("roll").u32(0xFFFFFFFF).u32(2).u32(0).bytes,
-       "2 records of 4294967295 bytes at offset 24"},
-      {"sgpd", full(1).text("roll").u32(0).u32(1).u32(0xFFFFFFF0).u32(0).bytes,
-       "4294967280 records of 1 bytes at offset 28"},
-      {"sbgp", full(1).text("roll").u32(0).u32(0x20000000).u32(1).u32(1).bytes,
-       "536870912 records of 8 bytes at offset 24"},
-  };
-  for (const auto& c : cases) {
-    LogCapture log;
-    EXPECT_EQ(readBox(ByteWriter::box(c.type, c.body)), nullptr) << c.line;
-    EXPECT_EQ(log.lines().empty() ? "" : log.lines().front().text, c.line + " run past the box\n");
   }
 }
 

@@ -2,42 +2,18 @@
 // source's samples byte for byte, with their durations, key frames and
 // descriptions; the edit list shows the window asked for; refusals leave no
 // file behind.
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <string>
-#include <vector>
-
-#include "box/edit_boxes.h"
-#include "box/movie_boxes.h"
-#include "box/mp4file.h"
 #include "edit/editor.h"
 #include "edit/media_copy.h"
-#include "media/track.h"
-#include "support/bytes.h"
 #include "support/co64.h"
-
-using namespace mp4stbl;
-namespace fs = std::filesystem;
+#include "support/test.h"
 
 namespace {
 
 const std::string kData = MP4STBL_TEST_DATA;
 const std::string kClip = kData + "/h264_aac.mp4";  // 10 frames at 25/s, a key frame every 4
 
-struct Sample {
-  Bytes bytes;
-  uint32_t duration;
-  bool sync;
-  uint32_t description;
-  bool operator==(const Sample& o) const {
-    return bytes == o.bytes && duration == o.duration && sync == o.sync &&
-           description == o.description;
-  }
-};
+// A sample's bytes, duration, key flag and description index.
+using Sample = std::tuple<Bytes, uint32_t, bool, uint32_t>;
 
 struct Read {
   std::vector<std::vector<Sample>> tracks;
@@ -54,12 +30,10 @@ Read readBack(const std::string& path) {
   EXPECT_TRUE(found.unreadable.empty());
   for (const Track& track : found.tracks) {
     std::vector<Sample>& samples = read.tracks.emplace_back();
-    SampleWalker walk(track);
-    for (Result<const SampleInfo*> s = walk.next(); s.ok() && *s != nullptr; s = walk.next()) {
-      const SampleInfo& info = **s;
-      samples.push_back({Bytes(all.begin() + info.offset, all.begin() + info.offset + info.size),
-                         info.duration, info.sync, info.descriptionIndex});
-    }
+    EXPECT_EQ(walkSamples(track, [&](const SampleInfo& s) {
+      samples.emplace_back(Bytes(all.begin() + s.offset, all.begin() + s.offset + s.size),
+                           s.duration, s.sync, s.descriptionIndex);
+    }), "");
   }
   for (Atom* elst : file.find("moov/trak/edts/elst")) {
     std::vector<uint64_t>& pairs = read.edits.emplace_back();
@@ -78,20 +52,10 @@ std::vector<Sample> range(const std::vector<Sample>& samples, size_t first, size
 
 class Edit : public ::testing::Test {
  protected:
-  void SetUp() override {
-    dir_ = fs::temp_directory_path() / ("mp4stbl_edit_" + std::to_string(::getpid()));
-    fs::create_directories(dir_);
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-  std::string out(const std::string& name) const { return (dir_ / name).string(); }
+  std::string out(const std::string& name) const { return dir_ / name; }
   // The directory holds exactly `names`: no temporary is left.
-  void expectFiles(std::vector<std::string> names) const {
-    std::vector<std::string> held;
-    for (const auto& entry : fs::directory_iterator(dir_)) held.push_back(entry.path().filename());
-    std::sort(held.begin(), held.end());
-    EXPECT_EQ(held, names);
-  }
-  fs::path dir_;
+  void expectFiles(std::vector<std::string> names) const { EXPECT_EQ(dir_.names(), names); }
+  const ScratchDir dir_{"mp4stbl_edit_"};
 };
 
 // Video from the key frame at or before the start, audio from the frame
@@ -158,7 +122,7 @@ TEST_F(Edit, JoinAppendsClipsAndSharesEqualEntries) {
     std::vector<Sample> expected;
     for (uint32_t clip = 0; clip < 3; ++clip) {
       for (Sample sample : source.tracks[t]) {
-        if (t == 0 && clip == 2) sample.description = 2;
+        if (t == 0 && clip == 2) std::get<3>(sample) = 2;
         expected.push_back(sample);
       }
     }
@@ -166,7 +130,7 @@ TEST_F(Edit, JoinAppendsClipsAndSharesEqualEntries) {
   }
   const uint64_t videoMedia = 10 * 512;
   uint64_t audioMedia = 0;
-  for (const Sample& sample : source.tracks[1]) audioMedia += sample.duration;
+  for (const Sample& sample : source.tracks[1]) audioMedia += std::get<1>(sample);
   EXPECT_EQ(joined.edits, (std::vector<std::vector<uint64_t>>{
                               {400, 0, 400, videoMedia, 400, 2 * videoMedia},
                               {400, 1024, 400, audioMedia + 1024, 400, 2 * audioMedia + 1024}}));
@@ -179,10 +143,7 @@ TEST_F(Edit, RefusalsLeaveNoFile) {
   const Bytes before = readFile(kClip);
   EditOptions stop;
   stop.progress = [](uint64_t, uint64_t) { return false; };
-  const struct {
-    Status status;
-    const char* reason;
-  } cases[] = {
+  const struct { Status status; const char* reason; } cases[] = {
       {trim(kClip, 0.3, 0.3, out("a.mp4")), "is empty"},
       {trim(kClip, 5, 6, out("a.mp4")), "nothing plays"},
       {trim(kClip, 0, 1, kClip), "is one of the inputs"},

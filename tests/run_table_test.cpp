@@ -1,16 +1,7 @@
 // The run tables, stts and stsc: recording with folding, merging ranges of
 // runs, trimming and the total duration. Reading and writing them is in
 // table_frame_test.cpp.
-#include <gtest/gtest.h>
-
-#include <string>
-#include <tuple>
-#include <utility>
-#include <vector>
-
-#include "stbl.h"
-#include "support/log_capture.h"
-#include "support/records.h"
+#include "support/test.h"
 
 namespace {
 

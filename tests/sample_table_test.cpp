@@ -1,19 +1,7 @@
 // The per-sample tables, stsz and stss: stsz's sample count, copying ranges
 // of samples with their traces, and the lookups. Reading and writing them is
 // in table_frame_test.cpp.
-#include <gtest/gtest.h>
-
-#include <string>
-#include <type_traits>
-#include <utility>
-#include <vector>
-
-#include "stbl.h"
-#include "support/bytes.h"
-#include "support/log_capture.h"
-#include "support/records.h"
-
-using namespace mp4stbl;
+#include "support/test.h"
 
 namespace {
 

@@ -1,21 +1,9 @@
 // The child factories of stbl and stsd, and the sample entries beneath stsd.
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <array>
-#include <memory>
 #include <new>
-#include <string>
-#include <tuple>
 #include <typeinfo>
-#include <utility>
 
-#include "box/codec_config.h"
-#include "stbl.h"
-#include "support/bytes.h"
-#include "support/log_capture.h"
-
-using namespace mp4stbl;
+#include "support/test.h"
 
 namespace {
 bool failNextNothrowNew = false;
@@ -36,12 +24,6 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
 namespace {
 
 using Box = std::unique_ptr<Atom>;
-
-Bytes join(std::initializer_list<Bytes> parts) {
-  ByteWriter all;
-  for (const Bytes& part : parts) all.append(part);
-  return all.bytes;
-}
 
 // The 78 bytes of a visual entry's fields: vendor "appl", qualities 0x200
 // and 0x300, 72 dpi, one frame, compressor name, depth 24, no colour table.
@@ -66,15 +48,16 @@ StblAtom stbl{AtomHeader()};
 StsdAtom stsd{AtomHeader()};
 
 // Read from a stream in which a free box follows: the child stops at its end
-// and is written back byte for byte.
-Box readChild(Atom& parent, const Bytes& box) {
-  MemoryStream in(join({box, kFree})), out;
+// and is written back byte for byte. Null unless it is an Entry.
+template <class Entry = Atom>
+std::unique_ptr<Entry> readChild(Atom& parent, const Bytes& box) {
+  MemoryStream in(concat({box, kFree})), out;
   Box child(parent.ReadChild(&in));
-  if (child == nullptr) return nullptr;
+  if (dynamic_cast<Entry*>(child.get()) == nullptr) return nullptr;
   EXPECT_EQ(in.getOffset(), static_cast<long long>(box.size()));
   EXPECT_EQ(child->Write(&out), 0);
   EXPECT_EQ(out.data(), box);
-  return child;
+  return std::unique_ptr<Entry>(static_cast<Entry*>(child.release()));
 }
 
 TEST(ChildFactories, EachTypeYieldsItsClassAndOthersStayOpaque) {
@@ -102,8 +85,8 @@ TEST(ChildFactories, EachTypeYieldsItsClassAndOthersStayOpaque) {
   }
 }
 
-// A null stream, no memory for the child, or a table cut short: no child, and
-// one line; the half-read table is deleted, not leaked.
+// A null stream, no memory for the child, a table or an entry cut short: no
+// child, and one line; the half-read box is deleted, not leaked.
 TEST(ChildFactories, FailuresYieldNullWithOneLine) {
   GpmdAtom gpmd{AtomHeader()};
   LogCapture log;
@@ -115,19 +98,31 @@ TEST(ChildFactories, FailuresYieldNullWithOneLine) {
     ASSERT_EQ(log.lines().size(), 2u);
     EXPECT_TRUE(isNullParamLine(log.lines()[0], "readData") && isNullParamLine(log.lines()[1], "writeData"));
   }
-  const std::tuple<Atom&, const char*, Bytes, bool, long long, std::string> cases[] = {
-      {stbl, "stts", Bytes(28, 0), true, 8, "new stts atom no memory\n"},
-      {stsd, "mp4a", Bytes(28, 0), true, 8, "new mp4a atom no memory\n"},
+  auto mp4 = [](const char* text) { return LogLine{"MP4", 3, text}; };
+  auto io = [](const char* text) { return LogLine{"IO", 3, text}; };
+  const std::tuple<Atom&, const char*, Bytes, bool, long long, LogLine> cases[] = {
+      {stbl, "stts", Bytes(28, 0), true, 8, mp4("new stts atom no memory\n")},
+      {stsd, "mp4a", Bytes(28, 0), true, 8, mp4("new mp4a atom no memory\n")},
       {stbl, "stts", ByteWriter().u32(0).u32(3).u32(1).u32(10).u32(1).u32(20).bytes, false, -1,
-       "read 24 bytes to stts buf failed\n"},
+       mp4("read 24 bytes to stts buf failed\n")},
+      // A body cut short fails at the offset reached, never reading into the next box.
+      {stsd, "mp4a", Bytes(20, 0), false, -1, io("offset:28, readBe16 fail\n")},
+      {stsd, "alaw", concat({audioFields(1, 2, 0), Bytes(8, 0)}), false, -1,
+       io("offset:44, readBe32 fail\n")},
+      {stsd, "mp4a", concat({audioFields(2, 2, 0), Bytes(7, 0)}), false, -1,
+       io("offset:43, readBe64 fail\n")},
+      {stsd, "avc1", Bytes(50, 0), false, -1, io("offset:58, readBytes fail\n")},
+      {stsd, "gpmd", Bytes(8, 0), false, -1, io("offset:16, readBe32 fail\n")},
+      {stbl, "stsd", ByteWriter().u8(1).u24(0x0A0B0C).bytes, false, -1, io("offset:12, readBe32 fail\n")},
   };
-  for (const auto& [parent, type, body, noMemory, offset, text] : cases) {
+  for (const auto& [parent, type, body, noMemory, offset, line] : cases) {
+    SCOPED_TRACE(line.text);
     log.clear();
-    MemoryStream in(join({ByteWriter::box(type, body), ByteWriter::box("free", Bytes(16, 0))}));
+    MemoryStream in(concat({ByteWriter::box(type, body), kFree}));
     failNextNothrowNew = noMemory;
     EXPECT_EQ(parent.ReadChild(&in), nullptr);
     EXPECT_FALSE(failNextNothrowNew);  // the child was asked for without throwing
-    EXPECT_EQ(log.only(), (LogLine{"MP4", 3, text}));
+    EXPECT_EQ(log.only(), line);
     EXPECT_EQ(offset < 0 || in.getOffset() == offset, true);
   }
 }
@@ -136,7 +131,7 @@ TEST(ChildFactories, FailuresYieldNullWithOneLine) {
 // constants (reference index 1), the stsd count as the number of entries held.
 TEST(Stsd, RoundTripResetsTheGpmdPreambleAndTheCount) {
   auto box = [](uint32_t count, const Bytes& preamble) {
-    return ByteWriter::box("stsd", join({ByteWriter().u32(0).u32(count).bytes, ByteWriter::box("gpmd", preamble),
+    return ByteWriter::box("stsd", concat({ByteWriter().u32(0).u32(count).bytes, ByteWriter::box("gpmd", preamble),
                                          ByteWriter::box("alaw", audioFields(0, 1, 8000u << 16))}));
   };
   for (uint32_t stored : {5u, 0u, 1u}) {
@@ -148,29 +143,22 @@ TEST(Stsd, RoundTripResetsTheGpmdPreambleAndTheCount) {
   }
 }
 
-template <class Entry>
-std::unique_ptr<Entry> readEntry(const Bytes& box) {
-  Box child = readChild(stsd, box);
-  if (dynamic_cast<Entry*>(child.get()) == nullptr) return nullptr;
-  return std::unique_ptr<Entry>(static_cast<Entry*>(child.release()));
-}
-
 // Fields read from golden bytes, and what follows them kept as child boxes
 // when it is a clean run of boxes, as raw bytes otherwise; all written back.
 TEST(SampleEntry, FieldsAndWhatFollowsThemRoundTrip) {
-  auto avc1 = readEntry<Avc1Atom>(ByteWriter::box("avc1", join({visualFields(1920, 1080, "AVC Coding"), kAvcC})));
-  auto hvc1 = readEntry<Hvc1Atom>(
-      ByteWriter::box("hvc1", join({visualFields(320, 240, "x"), kAvcC, Bytes{0xAB, 0xCD}})));
+  auto avc1 = readChild<Avc1Atom>(stsd, ByteWriter::box("avc1", concat({visualFields(1920, 1080, "AVC Coding"), kAvcC})));
+  auto hvc1 = readChild<Hvc1Atom>(stsd,
+      ByteWriter::box("hvc1", concat({visualFields(320, 240, "x"), kAvcC, Bytes{0xAB, 0xCD}})));
   // Sound version 2: struct size 72, 48000.0 as a double, 6 channels, 24
   // bits, float|packed, 18 bytes a packet, one frame a packet.
   const Bytes v2 = ByteWriter().u32(72).u64(0x40E7700000000000).u32(6).u32(0x7F000000).u32(24)
                        .u32(0x0C).u32(18).u32(1).bytes;
-  auto mp4a = readEntry<Mp4aAtom>(ByteWriter::box("mp4a", join({audioFields(2, 3, 0x10000), v2})));
+  auto mp4a = readChild<Mp4aAtom>(stsd, ByteWriter::box("mp4a", concat({audioFields(2, 3, 0x10000), v2})));
   // Sound version 1: 1024 samples a packet, 6 bytes a packet, 12 a frame, 2
   // a sample; then a wave box holding frma and esds, and a chan box.
-  const Bytes wave = ByteWriter::box("wave", join({ByteWriter::box("frma", ByteWriter().text("mp4a").bytes),
+  const Bytes wave = ByteWriter::box("wave", concat({ByteWriter::box("frma", ByteWriter().text("mp4a").bytes),
                                                    ByteWriter::box("esds", Bytes{0, 0, 0, 0, 3, 0x19})}));
-  auto v1 = readEntry<Mp4aAtom>(ByteWriter::box("mp4a", join({audioFields(1, 2, 44100u << 16),
+  auto v1 = readChild<Mp4aAtom>(stsd, ByteWriter::box("mp4a", concat({audioFields(1, 2, 44100u << 16),
       ByteWriter().u32(1024).u32(6).u32(12).u32(2).bytes, wave, ByteWriter::box("chan", Bytes(12, 0))})));
   ASSERT_TRUE(avc1 && hvc1 && mp4a && v1);
   EXPECT_EQ(std::make_tuple(avc1->width, avc1->height, avc1->vendor, avc1->spatialQuality,
@@ -178,7 +166,7 @@ TEST(SampleEntry, FieldsAndWhatFollowsThemRoundTrip) {
             std::make_tuple(1920, 1080, 0x6170706Cu, 0x300u, 'A', 0xFFFF, size_t{1}, size_t{0}));
   EXPECT_EQ(dynamic_cast<UserDefAtom&>(*avc1->children.front()).body, Bytes(kAvcC.begin() + 8, kAvcC.end()));
   EXPECT_TRUE(hvc1->children.empty());
-  EXPECT_EQ(hvc1->tail, join({kAvcC, Bytes{0xAB, 0xCD}}));
+  EXPECT_EQ(hvc1->tail, concat({kAvcC, Bytes{0xAB, 0xCD}}));
   EXPECT_EQ(std::make_tuple(mp4a->channelCount, mp4a->sampleRate, mp4a->compressionId, mp4a->v2StructSize,
                             mp4a->v2SampleRate, mp4a->children.size() + mp4a->tail.size()),
             std::make_tuple(3, 0x10000u, 0xFFFE, 72u, 0x40E7700000000000u, size_t{0}));
@@ -190,43 +178,22 @@ TEST(SampleEntry, FieldsAndWhatFollowsThemRoundTrip) {
   EXPECT_EQ(v1->children.back()->header.type, "chan");
 }
 
-// A body cut short fails at the offset reached, never reading into the next box.
-TEST(SampleEntry, TruncatedFieldsFailWithTheStreamOffset) {
-  const std::tuple<Atom&, const char*, Bytes, const char*> cases[] = {
-      {stsd, "mp4a", Bytes(20, 0), "offset:28, readBe16 fail\n"},
-      {stsd, "alaw", join({audioFields(1, 2, 0), Bytes(8, 0)}), "offset:44, readBe32 fail\n"},
-      {stsd, "mp4a", join({audioFields(2, 2, 0), Bytes(7, 0)}), "offset:43, readBe64 fail\n"},
-      {stsd, "avc1", Bytes(50, 0), "offset:58, readBytes fail\n"},
-      {stsd, "gpmd", Bytes(8, 0), "offset:16, readBe32 fail\n"},
-      {stbl, "stsd", ByteWriter().u8(1).u24(0x0A0B0C).bytes, "offset:12, readBe32 fail\n"},
-  };
-  for (const auto& [parent, type, fields, text] : cases) {
-    SCOPED_TRACE(text);
-    MemoryStream in(join({ByteWriter::box(type, fields), kFree}));
-    LogCapture log;
-    EXPECT_EQ(parent.ReadChild(&in), nullptr);
-    EXPECT_EQ(log.only(), (LogLine{"IO", 3, text}));
-  }
-}
-
-// What a decoder configuration child tells: profile@level and parameter
-// set counts, or the channels and rate of an AAC stream.
+// What an entry's decoder configuration child tells: profile@level, length
+// size and parameter set counts, or the channels and rate of an AAC stream.
 std::string configOf(const Atom& entry) {
+  auto n = [](uint64_t value) { return std::to_string(value); };
   const Atom* child = entry.children.empty() ? nullptr : entry.children.front();
   if (auto* avc = dynamic_cast<const AvcConfigAtom*>(child)) {
-    return avc->profileName() + "@" + avc->levelName() + " len" + std::to_string(avc->lengthSize) +
-           " sps" + std::to_string(avc->spsCount) + " pps" + std::to_string(avc->ppsCount);
+    return avc->profileName() + "@" + avc->levelName() + " len" + n(avc->lengthSize) + " sps" +
+           n(avc->spsCount) + " pps" + n(avc->ppsCount);
   }
   if (auto* hevc = dynamic_cast<const HevcConfigAtom*>(child)) {
-    return hevc->profileName() + "@" + hevc->levelName() + " len" + std::to_string(hevc->lengthSize) +
-           " vps" + std::to_string(hevc->vpsCount) + " sps" + std::to_string(hevc->spsCount) + " pps" +
-           std::to_string(hevc->ppsCount);
+    return hevc->profileName() + "@" + hevc->levelName() + " len" + n(hevc->lengthSize) + " vps" +
+           n(hevc->vpsCount) + " sps" + n(hevc->spsCount) + " pps" + n(hevc->ppsCount);
   }
-  if (auto* esds = dynamic_cast<const EsdsAtom*>(child)) {
-    return esds->parsed ? std::to_string(esds->channels()) + "ch " + std::to_string(esds->sampleRate) + "Hz"
-                        : "unknown";
-  }
-  return "untyped";
+  auto* esds = dynamic_cast<const EsdsAtom*>(child);
+  if (esds == nullptr) return "untyped";
+  return esds->parsed ? n(esds->channels()) + "ch " + n(esds->sampleRate) + "Hz" : "unknown";
 }
 
 // hvcC's 23 leading bytes: the profile byte (space, tier, idc), Main
@@ -243,17 +210,17 @@ Bytes esds(Bytes config, bool longLengths) {
     return longLengths ? ByteWriter().u8(0x80).u8(0x80).u8(0x80).u8(static_cast<unsigned>(n)).bytes
                        : Bytes{static_cast<unsigned char>(n)};
   };
-  const Bytes decoderInfo = join({{5}, length(config.size()), config});
-  const Bytes decoder = join({{4}, length(13 + decoderInfo.size()), {0x40, 0x15}, Bytes(11, 0), decoderInfo});
-  return ByteWriter::box("esds", join({Bytes(4, 0), {3}, length(3 + decoder.size()), {0, 1, 0}, decoder}));
+  const Bytes decoderInfo = concat({{5}, length(config.size()), config});
+  const Bytes decoder = concat({{4}, length(13 + decoderInfo.size()), {0x40, 0x15}, Bytes(11, 0), decoderInfo});
+  return ByteWriter::box("esds", concat({Bytes(4, 0), {3}, length(3 + decoder.size()), {0, 1, 0}, decoder}));
 }
 
 // The configuration children parsed from golden bytes; short or garbage
 // ones read as unknown and, like every case, are written back byte for byte.
 TEST(CodecConfig, ProfileLevelAndCountsFromGoldenBytesOthersKeptWhole) {
   const Bytes sps = {0x67, 0x64, 0x00, 0x1F}, pps = {0x68, 0xEE};
-  const Bytes high = join({{1, 100, 0, 31, 0xFF, 0xE1, 0, 4}, sps, {1, 0, 2}, pps});
-  const Bytes arrays = join({{0xA0, 0, 1, 0, 2, 0x40, 0x01}, {0xA1, 0, 1, 0, 1, 0x42},
+  const Bytes high = concat({{1, 100, 0, 31, 0xFF, 0xE1, 0, 4}, sps, {1, 0, 2}, pps});
+  const Bytes arrays = concat({{0xA0, 0, 1, 0, 2, 0x40, 0x01}, {0xA1, 0, 1, 0, 1, 0x42},
                              {0xA2, 0, 2, 0, 1, 0x44, 0, 1, 0x44}});
   const Bytes main31 = hvcC(0x01, 93, 3);
   const std::pair<Bytes, std::string> cases[] = {
@@ -264,9 +231,9 @@ TEST(CodecConfig, ProfileLevelAndCountsFromGoldenBytesOthersKeptWhole) {
       {ByteWriter::box("avcC", Bytes(high.begin(), high.end() - 1)), "unknown@unknown len4 sps1 pps1"},
       {ByteWriter::box("avcC", {0, 100, 0, 31, 0xFF, 0xE0, 0}), "unknown@unknown len4 sps0 pps0"},
       {ByteWriter::box("avcC", {}), "unknown@unknown len1 sps0 pps0"},
-      {ByteWriter::box("hvcC", join({main31, arrays})), "Main@L3.1 len4 vps1 sps1 pps2"},
+      {ByteWriter::box("hvcC", concat({main31, arrays})), "Main@L3.1 len4 vps1 sps1 pps2"},
       {ByteWriter::box("hvcC", hvcC(0x22, 120, 0)), "Main 10@H4 len4 vps0 sps0 pps0"},
-      {ByteWriter::box("hvcC", join({main31, Bytes(arrays.begin(), arrays.end() - 1)})),
+      {ByteWriter::box("hvcC", concat({main31, Bytes(arrays.begin(), arrays.end() - 1)})),
        "unknown@unknown len4 vps1 sps1 pps2"},
       {ByteWriter::box("hvcC", Bytes(main31.begin(), main31.begin() + 12)),
        "unknown@unknown len1 vps0 sps0 pps0"},
@@ -281,7 +248,7 @@ TEST(CodecConfig, ProfileLevelAndCountsFromGoldenBytesOthersKeptWhole) {
     const bool audio = config[4] == 'e';
     const Bytes fields = audio ? audioFields(0, 2, 48000u << 16) : visualFields(64, 48, "");
     const std::string type = audio ? "mp4a" : config[4] == 'a' ? "avc1" : "hvc1";
-    Box entry = readChild(stsd, ByteWriter::box(type, join({fields, config})));
+    Box entry = readChild(stsd, ByteWriter::box(type, concat({fields, config})));
     ASSERT_NE(entry, nullptr);
     EXPECT_EQ(configOf(*entry), expected);
   }

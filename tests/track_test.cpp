@@ -1,30 +1,8 @@
 // Tracks and the per-sample walk, on well-formed tables and on tables that
 // disagree with each other.
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <memory>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include "box/edit_boxes.h"
-#include "box/movie_boxes.h"
-#include "support/bytes.h"
-#include "media/track.h"
-
-using namespace mp4stbl;
+#include "support/test.h"
 
 namespace {
-
-template <class Box>
-Box* attach(Atom* parent, const char* type) {
-  AtomHeader header;
-  header.type = type;
-  auto* box = new Box(header);
-  parent->children.push_back(box);
-  return box;
-}
 
 // One video track in memory: six samples of 10..60 bytes, 100 units each
 // (in time runs that include empty ones), two samples in chunks 1 and 2 and
@@ -61,10 +39,9 @@ struct OneTrack {
     EXPECT_TRUE(file.write(&out).ok());
     Bytes bytes = ByteWriter().append(out.data()).u32(uint32_t(fileLength - out.data().size())).text("free").bytes;
     bytes.resize(fileLength);
-    stored = std::make_unique<MemoryStream>(bytes);
-    reread = std::make_unique<Mp4File>();
-    EXPECT_TRUE(reread->read(stored.get()).ok());
-    FoundTracks found = findTracks(*reread);
+    reread = std::make_unique<ReadFile>(bytes);
+    EXPECT_TRUE(reread->status.ok());
+    FoundTracks found = findTracks(reread->file);
     if (!found.unreadable.empty()) return Status::failure(found.unreadable.front());
     return std::move(found.tracks);
   }
@@ -74,42 +51,41 @@ struct OneTrack {
     const Result<std::vector<Track>> tracks = find();
     if (!tracks.ok()) return {tracks.message()};
     EXPECT_EQ(tracks->size(), 1u);
-    SampleWalker walker(tracks->at(0));
     std::vector<std::string> rows;
-    Result<const SampleInfo*> step = walker.next();
-    for (; step.ok() && *step != nullptr; step = walker.next()) {
-      const SampleInfo& s = **step;
+    const std::string error = walkSamples(tracks->at(0), [&](const SampleInfo& s) {
       rows.push_back(std::to_string(s.number) + " chunk " + std::to_string(s.chunk) + " at " +
                      std::to_string(s.offset) + "+" + std::to_string(s.size) + " time " +
                      std::to_string(s.decodeTime) + "+" + std::to_string(s.duration) +
                      (s.sync ? " key" : "") + " entry " + std::to_string(s.descriptionIndex) +
                      (s.missing ? " missing" : ""));
-    }
-    if (!step.ok()) rows.push_back(step.message());
+    });
+    if (!error.empty()) rows.push_back(error);
     return rows;
   }
 
-  std::unique_ptr<MemoryStream> stored;
-  std::unique_ptr<Mp4File> reread;
+  // Takes the first box of `type` out of stbl; with a body, puts a box of
+  // that type holding it in its place, kept as bytes.
+  void drop(const std::string& type, const Bytes* body = nullptr) {
+    for (Atom* child : stbl->children) {
+      if (child->header.type != type) continue;
+      stbl->children.remove(child);
+      delete child;
+      break;
+    }
+    if (body != nullptr) attach<UserDefAtom>(stbl, type.c_str())->body = *body;
+  }
+
+  std::unique_ptr<ReadFile> reread;
 };
 
 TEST(Track, WalkFollowsRunsChunksAndSyncSamples) {
   OneTrack built;
   const Result<std::vector<Track>> tracks = built.find();
   ASSERT_TRUE(tracks.ok()) << tracks.message();
-  const Track& track = tracks->at(0);
-  EXPECT_EQ(track.id(), 7u);
-  EXPECT_STREQ(track.kind(), "video");
-  EXPECT_EQ(track.entryType(), "avc1");
-  // The bytes a seek reads: from the start of the key frame's chunk through
-  // the end chunk.
-  const struct { uint32_t start, end; unsigned long long pos; uint32_t length; } ranges[] = {
-      {1, 1, 100, 0}, {2, 4, 200, 740}, {1, 3, 100, 200}};
-  for (const auto& r : ranges) {
-    unsigned long long pos = 0;
-    uint32_t length = 9;
-    track.stco()->getFramePos(r.start, r.end, &pos, &length);
-    EXPECT_EQ(std::make_pair(pos, length), std::make_pair(r.pos, r.length)) << r.start << ".." << r.end;
+  // The sample at a time is the last to decode at or before it.
+  for (const auto& [time, sample] : {std::pair<uint64_t, uint32_t>{0, 1}, {99, 1}, {100, 2},
+                                     {199, 2}, {200, 3}, {599, 6}, {600, 6}, {1u << 30, 6}}) {
+    EXPECT_EQ(sampleAtTime(tracks->at(0), time), sample) << time;
   }
   EXPECT_EQ(built.walk(), (std::vector<std::string>{
                               "1 chunk 1 at 100+10 time 0+100 key entry 1",
@@ -123,26 +99,11 @@ TEST(Track, WalkFollowsRunsChunksAndSyncSamples) {
   built.stco->entries[3] = 941;
   EXPECT_EQ(built.walk().back(), "6 chunk 4 at 941+60 time 500+100 key entry 1 missing");
   // Without stss every sample is a sync sample.
-  built.stbl->children.remove(built.stss);
-  delete built.stss;
-  for (const std::string& row : built.walk()) {
-    EXPECT_NE(row.find(" key "), std::string::npos) << row;
-  }
+  built.drop("stss");
+  EXPECT_EQ(built.walk().at(1), "2 chunk 1 at 110+20 time 100+100 key entry 1");
   // A run of almost 2^32 samples per chunk puts them all in chunk 1.
   built.stsc->entries = {{1, 0xFFFFFFFF, 1}};
   EXPECT_EQ(built.walk().back(), "6 chunk 1 at 250+60 time 500+100 key entry 1");
-}
-
-TEST(Track, SampleAtTime) {
-  OneTrack built;
-  built.stts->entries = {{2, 100}, {0, 7}, {4, 50}};
-  const Result<std::vector<Track>> tracks = built.find();
-  ASSERT_TRUE(tracks.ok()) << tracks.message();
-  const Track& track = tracks->at(0);
-  const std::pair<uint64_t, uint32_t> cases[] = {{0, 1},   {99, 1},  {100, 2}, {199, 2},
-                                                 {200, 3}, {249, 3}, {250, 4}, {399, 6},
-                                                 {400, 6}, {1u << 30, 6}};
-  for (const auto& [time, sample] : cases) EXPECT_EQ(sampleAtTime(track, time), sample) << time;
 }
 
 TEST(Track, TablesThatDisagreeGiveAnErrorNamingTrackAndTable) {
@@ -169,18 +130,13 @@ TEST(Track, TablesThatDisagreeGiveAnErrorNamingTrackAndTable) {
       {[](OneTrack& t) { t.stss->entries = {4, 1}; }, "stss entry 1" + late},
       {[](OneTrack& t) { t.stss->entries = {1, 7}; }, "stss entry 7" + late},
       {[](OneTrack& t) {
-         t.stbl->children.remove(t.stco);
-         delete t.stco;
+         t.drop("stco");
          attach<Co64Atom>(t.stbl, "co64")->entries = {100, 200, 300, UINT64_MAX - 20};
        },
        "sample 6 at offset 18446744073709551595 runs past the end of any file"},
       {[](OneTrack& t) { attach<StszAtom>(t.stbl, "stsz"); }, "its stbl has two stsz boxes"},
       {[](OneTrack& t) { attach<Co64Atom>(t.stbl, "co64"); }, "its stbl has both stco and co64"},
-      {[](OneTrack& t) {
-         t.stbl->children.remove(t.stts);
-         delete t.stts;
-       },
-       "its stbl has no stts"},
+      {[](OneTrack& t) { t.drop("stts"); }, "its stbl has no stts"},
   };
   for (const auto& c : cases) {
     OneTrack built;
@@ -188,10 +144,6 @@ TEST(Track, TablesThatDisagreeGiveAnErrorNamingTrackAndTable) {
     EXPECT_EQ(built.walk().back(), "track 7 (vide, avc1): " + c.error);
   }
 }
-
-}  // namespace
-
-namespace {
 
 // A recording cut short inside its mdat, and a file with bytes after its
 // last box: both read with one warning and write back as they were; a cut
@@ -205,29 +157,19 @@ TEST(Track, FilesCutShortOrPaddedReadWithAWarning) {
       {padded, "3 bytes at offset 20 are not a box: kept as they are"},
   };
   for (const auto& [bytes, warning] : cases) {
-    MemoryStream in(bytes);
-    Mp4File file;
-    ASSERT_TRUE(file.read(&in).ok());
-    EXPECT_EQ(file.warnings(), std::vector<std::string>{warning});
-    MemoryStream out;
-    ASSERT_TRUE(file.write(&out).ok());
-    EXPECT_EQ(out.data(), bytes);
+    const ReadFile read(bytes);
+    ASSERT_TRUE(read.status.ok());
+    EXPECT_EQ(read.file.warnings(), std::vector<std::string>{warning});
   }
-  MemoryStream alone(Bytes(cut.begin() + 20, cut.end()));
-  EXPECT_FALSE(Mp4File().read(&alone).ok());
+  EXPECT_FALSE(ReadFile(Bytes(cut.begin() + 20, cut.end())).status.ok());
 }
-
-}  // namespace
-
-namespace {
 
 // An stsz with one size for every sample and no table: the track reads and
 // walks with that size; a table that cannot be read costs only its track.
 TEST(Track, ConstantSampleSizeAndUnreadableTables) {
   OneTrack built;
-  built.stbl->children.remove(built.stsz);
-  delete built.stsz;
-  attach<UserDefAtom>(built.stbl, "stsz")->body = ByteWriter().u32(0).u32(50).u32(6).bytes;
+  const Bytes constant = ByteWriter().u32(0).u32(50).u32(6).bytes;
+  built.drop("stsz", &constant);
   const Result<std::vector<Track>> tracks = built.find();
   ASSERT_TRUE(tracks.ok()) << tracks.message();
   EXPECT_EQ(tracks->at(0).constantSampleSize(), 50u);
@@ -258,21 +200,11 @@ TEST(Track, ConstantSampleSizeAndUnreadableTables) {
   };
   for (const auto& [box, reason] : broken) {
     OneTrack built;
-    for (Atom* child : built.stbl->children) {
-      if (child->header.type != box.first) continue;
-      built.stbl->children.remove(child);
-      delete child;
-      break;
-    }
-    attach<UserDefAtom>(built.stbl, box.first.c_str())->body = box.second;
+    built.drop(box.first, &box.second);
     const std::string track = box.first == "stsd" ? "track 7 (vide): " : "track 7 (vide, avc1): ";
     EXPECT_EQ(built.walk().back(), track + reason);
   }
 }
-
-}  // namespace
-
-namespace {
 
 // Composition offsets and the edit list over the six samples of 100 units
 // (track time scale 1000, movie time scale 500): each sample's offset and
@@ -317,12 +249,11 @@ TEST(Track, PresentationTimesFollowCompositionOffsetsAndTheEditList) {
       EXPECT_EQ(tracks.message(), c.expected);
       continue;
     }
-    SampleWalker walker(tracks->at(0));
     std::string shown;
-    for (auto step = walker.next(); step.ok() && *step != nullptr; step = walker.next()) {
-      shown += (shown.empty() ? "" : " ") + std::to_string((*step)->compositionOffset) + "/" +
-               std::to_string((*step)->presentationTime);
-    }
+    walkSamples(tracks->at(0), [&](const SampleInfo& s) {
+      shown += (shown.empty() ? "" : " ") + std::to_string(s.compositionOffset) + "/" +
+               std::to_string(s.presentationTime);
+    });
     EXPECT_EQ(shown, c.expected);
     uint64_t edited = 0;
     for (const ElstEntry& edit : c.edits) edited += edit.segmentDuration;
@@ -342,9 +273,8 @@ TEST(Track, DurationsPast32BitsComeFromTheWalk) {
   EXPECT_EQ(tracks->at(0).stts().totalDuration(), 0x80000000ull + 400);
   EXPECT_EQ(built.walk().back(), "6 chunk 4 at 940+60 time 6442451244+100 key entry 1");
   // Ten million samples of 1001 units, all of one size in one chunk.
-  built.stbl->children.remove(built.stsz);
-  delete built.stsz;
-  attach<UserDefAtom>(built.stbl, "stsz")->body = ByteWriter().u32(0).u32(1).u32(10000000).bytes;
+  const Bytes constant = ByteWriter().u32(0).u32(1).u32(10000000).bytes;
+  built.drop("stsz", &constant);
   built.stts->entries = {{10000000, 1001}};
   built.stsc->entries = {{1, 10000000, 1}};
   const Result<std::vector<Track>> recording = built.find();

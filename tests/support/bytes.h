@@ -16,6 +16,13 @@ inline Bytes readFile(const std::string& path) {
   return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
+// The parts one after another.
+inline Bytes concat(std::initializer_list<Bytes> parts) {
+  Bytes all;
+  for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
+  return all;
+}
+
 struct ByteWriter {
   Bytes bytes;
   ByteWriter& u8(unsigned v) {
@@ -40,6 +47,10 @@ struct ByteWriter {
   // A box around `body` with an 8-byte header.
   static Bytes box(const std::string& type, const Bytes& body) {
     return ByteWriter().u32(static_cast<uint32_t>(8 + body.size())).text(type).append(body).bytes;
+  }
+  // A full box: version and 24-bit flags, then `body`.
+  static Bytes fullBox(const std::string& type, unsigned version, uint32_t flags, const Bytes& body) {
+    return box(type, ByteWriter().u8(version).u24(flags).append(body).bytes);
   }
   // The same box with a 16-byte header: size field 1, then the 64-bit size.
   static Bytes largeBox(const std::string& type, const Bytes& body) {
