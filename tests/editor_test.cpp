@@ -165,26 +165,29 @@ TEST_F(Edit, RefusalsLeaveNoFile) {
 }  // namespace
 
 // Media is laid out source by source; a small gap is copied along, a large
-// one skipped. A block of a megabyte or more keeps its source's offset
-// within a page wherever the media data starts; a small one is not padded.
+// one skipped. A block of 16 MiB or more keeps its source's offset within a
+// page wherever the media data starts, its first whole page on a 64 KiB
+// boundary of the file; a small one is not padded.
 TEST(Layout, JoinsRangesAndAlignsLargeBlocks) {
-  constexpr uint64_t kMiB = 1 << 20;
+  constexpr uint64_t kLarge = 16 << 20;
   edit::Layout layout;
   layout.add(0, 100, 10);
   layout.add(0, 200, 10);
-  layout.add(0, 5000 + kMiB, kMiB);
-  layout.add(1, 7, 2 * kMiB);
+  layout.add(0, 5000 + kLarge, kLarge);
+  layout.add(1, 7, 2 * kLarge);
   layout.finish();
-  for (uint64_t start : {0, 48, 4095}) {
+  for (uint64_t start : {0, 48, 4095, 70000}) {
     SCOPED_TRACE(start);
     layout.place(start);
     EXPECT_EQ(layout.map(0, 100), 0u);
     EXPECT_EQ(layout.map(0, 205), 105u);
-    const uint64_t large = layout.map(0, 5000 + kMiB);
-    EXPECT_EQ((start + large) % 4096, (5000 + kMiB) % 4096);
-    EXPECT_LT(large, 110u + 4096);
-    EXPECT_EQ((start + layout.map(1, 7)) % 4096, 7u);
-    EXPECT_EQ(layout.length(), layout.map(1, 7) + 2 * kMiB);
+    const uint64_t large = start + layout.map(0, 5000 + kLarge);
+    EXPECT_EQ(large % 4096, (5000 + kLarge) % 4096);
+    EXPECT_EQ((large + 4096 - 5000 % 4096) % 65536, 0u);
+    EXPECT_LT(large, start + 110 + 65536);
+    const uint64_t second = start + layout.map(1, 7);
+    EXPECT_EQ((second + 4096 - 7) % 65536, 0u);
+    EXPECT_EQ(layout.length(), layout.map(1, 7) + 2 * kLarge);
     EXPECT_LE(layout.length(), layout.longest());
   }
 }

@@ -53,8 +53,11 @@ void Layout::finish() {
 void Layout::place(uint64_t start) {
   length_ = 0;
   for (Block& block : blocks_) {
-    // Unsigned arithmetic wraps on purpose: only the offset within a page counts.
-    if (block.length >= kAligned) length_ += (block.from - (start + length_)) % kPage;
+    if (block.length >= kAligned) {
+      const uint64_t head = (kPage - block.from % kPage) % kPage;  // before its first page
+      // Unsigned arithmetic wraps on purpose: only the remainder counts.
+      length_ += (0 - (start + length_ + head)) % kAlign;
+    }
     block.out = length_;
     length_ += block.length;
   }
@@ -83,7 +86,8 @@ CopyMdatAtom::CopyMdatAtom(const Layout& layout, std::vector<IOStream*> sources,
 }
 
 int CopyMdatAtom::writeData(IOStream* stream) {
-  static const unsigned char kZeros[Layout::kPage] = {};
+  static const unsigned char kZeros[Layout::kAlign] = {};
+  const auto start = static_cast<uint64_t>(stream->getOffset());
   uint64_t done = 0;
   uint64_t written = 0;
   for (const Layout::Block& block : layout_.blocks()) {
@@ -94,9 +98,11 @@ int CopyMdatAtom::writeData(IOStream* stream) {
     }
     written = block.out + block.length;
     for (uint64_t at = 0; at < block.length;) {
-      // Pieces end on the source's page boundaries, where blocks can be shared.
-      const uint64_t end = (block.from + at + kCopyPiece) / Layout::kPage * Layout::kPage;
-      const uint64_t piece = std::min(block.length - at, end - (block.from + at));
+      // Pieces end on the new file's 64 KiB boundaries, which are page
+      // boundaries of an aligned block's source too.
+      const uint64_t to = start + block.out + at;
+      const uint64_t end = (to + kCopyPiece) / Layout::kAlign * Layout::kAlign;
+      const uint64_t piece = std::min(block.length - at, end - to);
       if (copyRange(sources_.at(block.source), block.from + at, piece, stream) != 0) return -1;
       at += piece;
       done += piece;
