@@ -405,14 +405,17 @@ struct Bounds {
   uint32_t high;
 };
 
-// The smallest and largest of `count` (at least 1) records, in one pass.
+// The smallest and largest of `count` (at least 1) records, in one pass,
+// kept in two plain variables: GCC packs a struct of two into one vector
+// and leaves the loop scalar.
 MP4STBL_WIDE_CLONES Bounds bounds32(const uint32_t* first, size_t count) {
-  Bounds bounds{first[0], first[0]};
+  uint32_t low = first[0];
+  uint32_t high = first[0];
   for (size_t i = 1; i < count; ++i) {
-    bounds.low = std::min(bounds.low, first[i]);
-    bounds.high = std::max(bounds.high, first[i]);
+    low = std::min(low, first[i]);
+    high = std::max(high, first[i]);
   }
-  return bounds;
+  return {low, high};
 }
 
 // How many of `count` offsets are 0, in one pass (64-bit minima do not
