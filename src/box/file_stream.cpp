@@ -130,7 +130,10 @@ int FileStream::readFile(char* buffer, unsigned count) {
   }
   const std::streamsize got =
       guarded([&] { return file_.sgetn(buffer, count); }, std::streamsize{-1});
-  if (got < 0) return -1;
+  if (got < 0) {
+    filePosition_ = -1;  // unknown: the next read seeks first
+    return -1;
+  }
   filePosition_ += got;
   return static_cast<int>(got);
 }

@@ -106,7 +106,7 @@ int CopyMdatAtom::writeData(IOStream* stream) {
       if (copyRange(sources_.at(block.source), block.from + at, piece, stream) != 0) return -1;
       at += piece;
       done += piece;
-      if (progress_ && !progress_(done, layout_.length())) {
+      if (progress_ && !progress_(done, layout_.copied())) {
         QX_LOG_Printf("MP4", 3, "stopped\n");
         return -1;
       }

@@ -41,7 +41,8 @@ class Layout {
 
   const std::vector<Block>& blocks() const { return blocks_; }
   uint64_t length() const { return length_; }
-  // The length wherever the media data starts.
+  uint64_t copied() const { return copied_; }  // the length less the padding
+  // The most the length can be, wherever the media data starts.
   uint64_t longest() const { return copied_ + (kAlign - 1) * blocks_.size(); }
 
   // The largest gap copied along rather than skipped.
