@@ -8,8 +8,9 @@
 #
 # The clip is encoded once (lossless H.264 so that it is large, with AAC),
 # joined 26 times over with mp4stbl into build/bench-data/big.mp4 (1 GiB),
-# and kept. Every command runs once to warm the page cache, then RUNS times; the
-# figure is the median wall time. Outputs go to the same directory.
+# and kept. Every command runs once to warm the page cache, then RUNS times,
+# each after a sync; the figure is the median wall time. Outputs go to the
+# same directory.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/lib.sh
@@ -46,6 +47,7 @@ measure() {
   local times=() start end
   for ((i = 0; i < RUNS; i++)); do
     rm -f "$out"
+    sync  # the previous run's writeback must not land in this run's time
     start=$(date +%s%N)
     "$@" >/dev/null 2>&1
     end=$(date +%s%N)

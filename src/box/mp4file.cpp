@@ -454,6 +454,7 @@ Status Mp4File::save(const std::string& path) {
     }
     written = write(&out);
     if (written.ok() && out.close() != 0) written = statusOf(-1, note, "cannot finish the file");
+    if (!written.ok()) written = Status::failure("writing " + path + ": " + written.message());
   }
   if (written.ok()) {
     fs::rename(temporary, path, ignored);
