@@ -40,9 +40,9 @@ class FileStream : public IOStream, public RangeSink {
   // The kernel copies file to file where it can; otherwise the bytes pass
   // through memory in bounded blocks.
   int copyFrom(IOStream* source, uint64_t offset, uint64_t length) override;
-  // Allocates the disk blocks ahead; the file's length stays what is
-  // written. Where the file system cannot allocate ahead, it does nothing.
-  int reserve(uint64_t length) override;
+  // Allocates the disk blocks ahead where the file system can; the file's
+  // length stays what is written.
+  void reserve(uint64_t length) override;
 
  private:
   uint64_t copyInKernel(FileStream& source, uint64_t offset, uint64_t length);

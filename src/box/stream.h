@@ -108,13 +108,9 @@ class RangeSink {
   // Appends `length` bytes of `source` from `offset` where this stream
   // stands and moves past them. 0, or -1 with a log line.
   virtual int copyFrom(IOStream* source, uint64_t offset, uint64_t length) = 0;
-  // Claims room for `length` bytes about to be written from where this
-  // stream stands, so that a full disk fails before a long copy rather than
-  // after it. 0, or -1 with a log line; a sink with nothing to claim says 0.
-  virtual int reserve(uint64_t length) {
-    (void)length;
-    return 0;
-  }
+  // Hints that `length` bytes are about to be written from where this
+  // stream stands. Never fails: a write that finds no room still does.
+  virtual void reserve(uint64_t length) { (void)length; }
 };
 
 // The target's own copy where it has one, else copyBytes.

@@ -88,8 +88,7 @@ CopyMdatAtom::CopyMdatAtom(const Layout& layout, std::vector<IOStream*> sources,
 int CopyMdatAtom::writeData(IOStream* stream) {
   static const unsigned char kZeros[Layout::kAlign] = {};
   const auto start = static_cast<uint64_t>(stream->getOffset());
-  auto* sink = dynamic_cast<RangeSink*>(stream);
-  if (sink != nullptr && sink->reserve(layout_.length()) != 0) return -1;
+  if (auto* sink = dynamic_cast<RangeSink*>(stream)) sink->reserve(layout_.length());
   uint64_t done = 0;
   uint64_t written = 0;
   for (const Layout::Block& block : layout_.blocks()) {
