@@ -55,6 +55,21 @@ TEST(RealFiles, SaveWritesANewFileOrNothing) {
                                                    "part.mp4", "part.mp4.part"}));
 }
 
+// Room claimed ahead for the media does not lengthen the file: a job that
+// stops early leaves no tail of zeros, and the bytes land where written.
+TEST(RealFiles, ReservedRoomIsNotLength) {
+  const ScratchDir dir("mp4stbl_reserve");
+  const std::string path = dir / "out.mp4";
+  FileStream out;
+  ASSERT_EQ(out.open(path, FileStream::Mode::Write), 0);
+  const unsigned char head[] = {1, 2, 3}, tail[] = {4, 5};
+  ASSERT_EQ(out.write(head, 3), 3);
+  out.reserve(8u << 20);
+  ASSERT_EQ(out.write(tail, 2), 2);
+  ASSERT_EQ(out.close(), 0);
+  EXPECT_EQ(readFile(path), (Bytes{1, 2, 3, 4, 5}));
+}
+
 // A huge media data box with a 32-bit (`size` 0) or 64-bit (1) header: a
 // hole up to each chunk, then a marker.
 class SparseMedia : public Atom {
@@ -75,21 +90,6 @@ class SparseMedia : public Atom {
  private:
   std::vector<uint64_t> chunks_;
 };
-
-// Room claimed ahead for the media does not lengthen the file: a job that
-// stops early leaves no tail of zeros, and the bytes land where written.
-TEST(RealFiles, ReservedRoomIsNotLength) {
-  const ScratchDir dir("mp4stbl_reserve");
-  const std::string path = dir / "out.mp4";
-  FileStream out;
-  ASSERT_EQ(out.open(path, FileStream::Mode::Write), 0);
-  const unsigned char head[] = {1, 2, 3}, tail[] = {4, 5};
-  ASSERT_EQ(out.write(head, 3), 3);
-  out.reserve(8u << 20);
-  ASSERT_EQ(out.write(tail, 2), 2);
-  ASSERT_EQ(out.close(), 0);
-  EXPECT_EQ(readFile(path), (Bytes{1, 2, 3, 4, 5}));
-}
 
 // A file built with the library, its media data box large and sparse with a
 // marker at each chunk past 4 GiB: the co64 read back must find every one.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <limits>
 #include <vector>
 
 #if defined(__linux__)
@@ -189,15 +190,19 @@ int FileStream::copyFrom(IOStream* source, uint64_t offset, uint64_t length) {
 
 void FileStream::reserve(uint64_t length) {
 #if defined(__linux__)
-  if (mode_ != Mode::Write || !isOpen() || length == 0) return;
+  // Beyond what this build's file offsets hold, the hint is dropped.
+  const auto most = static_cast<uint64_t>(std::numeric_limits<off_t>::max());
+  const auto from = static_cast<uint64_t>(position_);
+  if (mode_ != Mode::Write || !isOpen() || length == 0 || from > most || length > most - from) {
+    return;
+  }
   const int out = ::open(path_.c_str(), O_WRONLY | O_CLOEXEC);
   if (out < 0) return;
   // ext4's kernel copy runs about 6% faster into blocks allocated ahead: it
   // need not reserve them page by page. A file system that shares blocks
   // swaps these out for the source's, so a shortage of room here fails
   // nothing. KEEP_SIZE leaves the length to the writes.
-  const off_t most = static_cast<off_t>(std::min<uint64_t>(length, INT64_MAX));
-  (void)fallocate(out, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(position_), most);
+  (void)fallocate(out, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(from), static_cast<off_t>(length));
   ::close(out);
 #else
   (void)length;
