@@ -72,27 +72,29 @@ echo
 echo
 
 declare -A info_ms
-printf '%-14s %7s %7s | %7s %7s %7s %8s %8s | %7s %7s | %7s %7s %7s %7s %7s\n' \
-  file "MiB" "tables" "info" "lower" "verify" "ffprobe" "mediainf" "info MB" "ver MB" \
-  "info/lb" "ver/inf" "ffp/inf" "mi/inf" "rss/lim"
+printf '%-14s %7s %7s | %7s %7s %7s %7s %8s %8s | %7s %7s | %7s %7s %7s %7s %7s %7s\n' \
+  file "MiB" "tables" "info" "lower" "steps" "verify" "ffprobe" "mediainf" "info MB" "ver MB" \
+  "info/lb" "stp/lb" "ver/inf" "ffp/inf" "mi/inf" "rss/lim"
 for name in "${files[@]}"; do
   file="$data/$name.mp4"
   read -r tables largest < <("$bin/bench/lower_bound" "$file" |
     sed -E 's/.*tables ([0-9]+) bytes, largest ([0-9]+).*/\1 \2/')
   read -r info info_rss < <(measure "$bin/tools/mp4stbl" info "$file")
   read -r lower _ < <(measure "$bin/bench/lower_bound" "$file")
+  read -r steps _ < <(measure "$bin/bench/lower_bound" --steps "$file")
   read -r verify verify_rss < <(measure "$bin/tools/mp4stbl" verify "$file")
   read -r probe _ < <(measure ffprobe -v error -show_streams "$file")
   read -r mi _ < <(measure mediainfo "$file")
   info_ms[$name]=$info
   awk -v n="$name" -v size="$(stat -c %s "$file")" -v t="$tables" -v big="$largest" -v i="$info" \
-    -v l="$lower" -v v="$verify" -v p="$probe" -v m="$mi" -v ir="$info_rss" -v vr="$verify_rss" 'BEGIN {
-      printf "%-14s %7.1f %7.2f | %7.1f %7.1f %7.1f %8.1f %8.1f | %7.1f %7.1f | %7.2f %7.2f %7.1f %7.1f %7.2f\n",
-        n, size / 1048576, t / 1048576, i, l, v, p, m, ir / 1024, vr / 1024,
-        i / l, v / i, p / i, m / i, ir * 1024 / (1.3 * t + big) }'
+    -v l="$lower" -v s="$steps" -v v="$verify" -v p="$probe" -v m="$mi" -v ir="$info_rss" -v vr="$verify_rss" 'BEGIN {
+      printf "%-14s %7.1f %7.2f | %7.1f %7.1f %7.1f %7.1f %8.1f %8.1f | %7.1f %7.1f | %7.2f %7.2f %7.2f %7.1f %7.1f %7.2f\n",
+        n, size / 1048576, t / 1048576, i, l, s, v, p, m, ir / 1024, vr / 1024,
+        i / l, s / l, v / i, p / i, m / i, ir * 1024 / (1.3 * t + big) }'
 done
 echo
 echo "columns: MiB and tables in MiB; times are median ms; MB columns are peak RSS in MiB;"
+echo "steps = lower_bound --steps, the table reader's own steps and nothing else;"
 echo "rss/lim = info's peak RSS / (1.3 x the table bytes + the largest table)"
 echo
 for chunking in c1 c30; do
