@@ -92,10 +92,6 @@ uint64_t rescale(uint64_t units, uint32_t from, uint32_t to) {
   return whole * to + (part * to + from / 2) / from;
 }
 
-namespace {
-
-}  // namespace
-
 int64_t Track::presentationShift() const {
   if (elst_ == nullptr) return 0;
   uint64_t empty = 0;
