@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # More real files for the --wide corpus (scripts/make_corpus.sh calls it):
-# other audio codecs, timecode and chapter tracks, a one-frame video, files
-# cut short, and files written by GStreamer's mp4mux and qtmux.
+# other audio and video codecs, timecode and chapter tracks, a one-frame
+# video, files cut short, and files written by GStreamer's mp4mux and qtmux.
 #   scripts/make_corpus_more.sh OUTDIR
 # Sources are synthetic with fixed sizes and lengths, so each build of the
 # tools writes files of the same sizes.
@@ -46,6 +46,15 @@ ff pcm_s16le.mov -f lavfi -i "$(tone 16000 0.5)" -c:a pcm_s16le
 ff alaw_only.mov -f lavfi -i "$(tone 8000 0.5)" -c:a pcm_alaw
 ff mp3.mp4 -f lavfi -i "$(tone 44100 1)" -c:a libmp3lame -b:a 64k
 ff ac3.mp4 -f lavfi -i "$(tone 48000 1)" -c:a ac3 -b:a 96k
+# Video entries read as plain visual entries: MPEG-4 Part 2, Motion JPEG,
+# VP9 and AV1, beside Opus and FLAC audio.
+ff mpeg4_mp3.mp4 -f lavfi -i "$(video 96x64 1)" -f lavfi -i "$(tone 44100 1)" \
+  -map 0:v -map 1:a -c:v mpeg4 -c:a libmp3lame -b:a 64k
+ff mjpeg.mov -f lavfi -i "$(video 96x64 0.4)" -c:v mjpeg
+ff vp9_opus.mp4 -f lavfi -i "$(video 96x64 1)" -f lavfi -i "$(tone 48000 1)" \
+  -map 0:v -map 1:a -c:v libvpx-vp9 -deadline realtime -cpu-used 8 -threads 1 -c:a libopus
+ff av1_flac.mp4 -f lavfi -i "$(video 64x48 0.4)" -f lavfi -i "$(tone 44100 0.4)" \
+  -map 0:v -map 1:a -c:v libaom-av1 -cpu-used 8 -threads 1 -c:a flac -strict -2
 ff timecode.mov -f lavfi -i "$(video 64x48 0.4)" "${X264[@]}" -timecode 01:00:00:00
 chapter() { printf '[CHAPTER]\nTIMEBASE=1/1000\nSTART=%s\nEND=%s\ntitle=%s\n' "$@"; }
 { echo ';FFMETADATA1'; chapter 0 500 One; chapter 500 1000 Two; } >"$out/.chapters.txt"

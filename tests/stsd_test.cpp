@@ -127,6 +127,33 @@ TEST(ChildFactories, FailuresYieldNullWithOneLine) {
   }
 }
 
+// A file's stsd reads more kinds of entry as plain visual or audio entries;
+// one too short for those fields is kept as bytes, as an unknown kind is.
+TEST(ChildFactories, FileStsdReadsMoreKindsAndKeepsShortOnesAsBytes) {
+  FileStsdAtom fileStsd{AtomHeader()};
+  const Bytes video = visualFields(96, 64, ""), audio = audioFields(0, 2, 48000u << 16);
+  const struct { const char* type; const Bytes& body; const std::type_info& kind; } cases[] = {
+      {"vp09", video, typeid(VisualSampleEntry)}, {"av01", video, typeid(VisualSampleEntry)},
+      {"mp4v", video, typeid(VisualSampleEntry)}, {"jpeg", video, typeid(VisualSampleEntry)},
+      {"Opus", audio, typeid(AudioSampleEntry)},  {"fLaC", audio, typeid(AudioSampleEntry)},
+      {"vp10", video, typeid(UserDefAtom)},       {"avc1", video, typeid(Avc1Atom)},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.type);
+    Box child = readChild(fileStsd, ByteWriter::box(c.type, c.body));
+    ASSERT_NE(child, nullptr);
+    EXPECT_EQ(typeid(*child), c.kind);
+  }
+  EXPECT_EQ(readChild<VisualSampleEntry>(fileStsd, ByteWriter::box("av01", video))->width, 96);
+  LogCapture quiet;
+  for (const char* type : {"vp09", "fLaC"}) {
+    SCOPED_TRACE(type);
+    Box child = readChild(fileStsd, ByteWriter::box(type, Bytes(20, 0xEE)));
+    ASSERT_NE(child, nullptr);
+    EXPECT_EQ(typeid(*child), typeid(UserDefAtom));
+  }
+}
+
 // The two deliberate changes of a round trip: a gpmd preamble is written as
 // constants (reference index 1), the stsd count as the number of entries held.
 TEST(Stsd, RoundTripResetsTheGpmdPreambleAndTheCount) {

@@ -113,11 +113,20 @@ constexpr AtomType kSampleTableExtras[] = {
 // visual or audio entries.
 constexpr AtomType kMoreSampleEntries[] = {
     {"avc3", &makeAtom<VisualSampleEntry>}, {"hev1", &makeAtom<VisualSampleEntry>},
+    {"avc2", &makeAtom<VisualSampleEntry>}, {"avc4", &makeAtom<VisualSampleEntry>},
+    {"dvh1", &makeAtom<VisualSampleEntry>}, {"dvhe", &makeAtom<VisualSampleEntry>},
+    {"mp4v", &makeAtom<VisualSampleEntry>}, {"vp08", &makeAtom<VisualSampleEntry>},
+    {"vp09", &makeAtom<VisualSampleEntry>}, {"av01", &makeAtom<VisualSampleEntry>},
+    {"jpeg", &makeAtom<VisualSampleEntry>}, {"mjpa", &makeAtom<VisualSampleEntry>},
+    {"mjpb", &makeAtom<VisualSampleEntry>}, {"ap4h", &makeAtom<VisualSampleEntry>},
+    {"ap4x", &makeAtom<VisualSampleEntry>}, {"s263", &makeAtom<VisualSampleEntry>},
     {"twos", &makeAtom<AudioSampleEntry>},  {"sowt", &makeAtom<AudioSampleEntry>},
     {"lpcm", &makeAtom<AudioSampleEntry>},  {"in24", &makeAtom<AudioSampleEntry>},
     {"fl32", &makeAtom<AudioSampleEntry>},  {"ac-3", &makeAtom<AudioSampleEntry>},
     {"ec-3", &makeAtom<AudioSampleEntry>},  {".mp3", &makeAtom<AudioSampleEntry>},
     {"Opus", &makeAtom<AudioSampleEntry>},  {"fLaC", &makeAtom<AudioSampleEntry>},
+    {"alac", &makeAtom<AudioSampleEntry>},  {"samr", &makeAtom<AudioSampleEntry>},
+    {"sawb", &makeAtom<AudioSampleEntry>},
 };
 
 // The entry of `types` for the box at the stream's position; null for any
@@ -181,8 +190,14 @@ FileStsdAtom::FileStsdAtom(const AtomHeader& from) : StsdAtom(from) {}
 
 Atom* FileStsdAtom::ReadChild(IOStream* stream) {
   if (stream == nullptr) return StsdAtom::ReadChild(stream);
-  const AtomType* more = typeAt(stream, stream->getOffset(), kMoreSampleEntries);
-  return more != nullptr ? ReadTypedChild(stream, more, 1) : StsdAtom::ReadChild(stream);
+  const long long start = stream->getOffset();
+  const AtomType* more = typeAt(stream, start, kMoreSampleEntries);
+  if (more == nullptr) return StsdAtom::ReadChild(stream);
+  Atom* entry = ReadTypedChild(stream, more, 1);
+  // An entry too short for the fields of its kind is kept as bytes, as an
+  // entry of a kind not known here is.
+  if (entry == nullptr && stream->seek(start) == 0) return StsdAtom::ReadChild(stream);
+  return entry;
 }
 
 MdatAtom::MdatAtom(const AtomHeader& from) : Atom(from) {}

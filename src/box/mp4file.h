@@ -39,8 +39,10 @@ class ConstantSizeStszAtom : public UserDefAtom {
 
 // The sample descriptions of a file being read: the codings stsd types
 // itself, and more read as plain visual or audio entries (AVC and HEVC with
-// their parameter sets in the stream, QuickTime PCM, AC-3, MP3, ...), so
-// that their picture size, rate and configuration show too.
+// their parameter sets in the stream, MPEG-4 Part 2, VP9, AV1, Motion JPEG,
+// QuickTime PCM, AC-3, MP3, Opus, FLAC, ...), so that their picture size,
+// rate and configuration show too. One too short for those fields is kept
+// as bytes.
 class FileStsdAtom : public StsdAtom {
  public:
   explicit FileStsdAtom(const AtomHeader& header);
