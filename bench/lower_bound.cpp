@@ -165,20 +165,20 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: lower_bound [--steps] FILE\n");
     return 2;
   }
-  argv[1] = argv[argc - 1];
-  const int fd = open(argv[1], O_RDONLY);
+  const char* path = argv[argc - 1];
+  const int fd = open(path, O_RDONLY);
   if (fd < 0) {
-    std::perror(argv[1]);
+    std::perror(path);
     return 1;
   }
   const off_t end = lseek(fd, 0, SEEK_END);
   Totals totals;
   if (end < 0 || !walk(fd, 0, static_cast<uint64_t>(end), &totals)) {
-    std::fprintf(stderr, "lower_bound: %s: cannot walk the boxes\n", argv[1]);
+    std::fprintf(stderr, "lower_bound: %s: cannot walk the boxes\n", path);
     return 1;
   }
   close(fd);
-  std::printf("%s: tables %llu bytes, largest %llu, %llu words, checksum %016llx\n", argv[1],
+  std::printf("%s: tables %llu bytes, largest %llu, %llu words, checksum %016llx\n", path,
               static_cast<unsigned long long>(totals.tableBytes),
               static_cast<unsigned long long>(totals.largest),
               static_cast<unsigned long long>(totals.words),
