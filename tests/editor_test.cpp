@@ -58,10 +58,12 @@ class Edit : public ::testing::Test {
   const ScratchDir dir_{"mp4stbl_edit_"};
 };
 
-// Video from the key frame at or before the start, audio from the frame
-// before the one that holds it (AAC's pre-roll); the edit list starts each
-// track at the requested time, the audio's priming (1024) included (movie
-// time scale 1000, video 12800, audio 22050 units a second).
+// The window starts where the video frame showing at --from starts (0.1
+// lies inside the frame of 0.08); video from the key frame at or before
+// it, audio from the frame before the one that holds it (AAC's pre-roll);
+// one edit starts each track at that time, the audio's priming (1024)
+// included, and a frame that starts at --to is left out (movie time scale
+// 1000, video 12800, audio 22050 units a second).
 TEST_F(Edit, TrimKeepsWholeSamplesAndShowsTheWindow) {
   const Read source = readBack(kClip);
   const struct {
@@ -70,8 +72,9 @@ TEST_F(Edit, TrimKeepsWholeSamplesAndShowsTheWindow) {
     size_t videoFirst, videoLast, audioFirst, audioLast;
     std::vector<std::vector<uint64_t>> edits;
   } cases[] = {
-      {0.1, 0.3, false, 1, 8, 3, 8, {{200, 1280}, {200, 2205 - 1024}}},
+      {0.1, 0.3, false, 1, 8, 2, 8, {{220, 1024}, {220, 1764}}},
       {0.2, 0.4, false, 5, 10, 5, 10, {{200, 512}, {200, 4410 - 3072}}},
+      {0.2, 0.32, false, 5, 8, 5, 8, {{120, 512}, {120, 4410 - 3072}}},
       {0.2, 0.3, true, 5, 8, 4, 8, {}},
       {0.0, 99, false, 1, 10, 1, 10, {{400, 0}, {400, 1024}}},
   };
@@ -104,9 +107,11 @@ TEST_F(Edit, Co64SourceCutsLikeStco) {
   EXPECT_EQ(cut.find("moov/trak/mdia/minf/stbl/stco").size(), 2u);
 }
 
-// N clips give N times the samples in order, each clip one edit segment on
-// every track; a clip whose sample entry differs adds a second entry.
-TEST_F(Edit, JoinAppendsClipsAndSharesEqualEntries) {
+// N clips play one after the other on one edit: the samples in order, the
+// later clips' AAC priming frame dropped, their first video sample led by
+// the clip's parameter sets in band; a clip whose sample entry differs adds
+// a second entry.
+TEST_F(Edit, JoinAppendsClipsOnOneTimelineAndSharesEqualEntries) {
   Mp4File wider;
   ASSERT_TRUE(wider.open(kClip).ok());
   auto& avc1 = dynamic_cast<VisualSampleEntry&>(
@@ -118,22 +123,28 @@ TEST_F(Edit, JoinAppendsClipsAndSharesEqualEntries) {
   const Read source = readBack(kClip);
   const Read joined = readBack(out("joined.mp4"));
   ASSERT_EQ(joined.tracks.size(), 2u);
-  for (size_t t = 0; t < 2; ++t) {
-    std::vector<Sample> expected;
-    for (uint32_t clip = 0; clip < 3; ++clip) {
-      for (Sample sample : source.tracks[t]) {
-        if (t == 0 && clip == 2) std::get<3>(sample) = 2;
-        expected.push_back(sample);
-      }
+  const std::vector<Sample>& video = source.tracks[0];
+  const std::vector<Sample>& audio = source.tracks[1];
+  std::vector<Sample> expected[2];
+  for (uint32_t clip = 0; clip < 3; ++clip) {
+    for (Sample sample : video) {
+      if (clip == 2) std::get<3>(sample) = 2;
+      expected[0].push_back(sample);
     }
-    EXPECT_TRUE(joined.tracks[t] == expected) << t;
+    expected[1].insert(expected[1].end(), audio.begin() + (clip == 0 ? 0 : 1), audio.end());
   }
-  const uint64_t videoMedia = 10 * 512;
-  uint64_t audioMedia = 0;
-  for (const Sample& sample : source.tracks[1]) audioMedia += std::get<1>(sample);
-  EXPECT_EQ(joined.edits, (std::vector<std::vector<uint64_t>>{
-                              {400, 0, 400, videoMedia, 400, 2 * videoMedia},
-                              {400, 1024, 400, audioMedia + 1024, 400, 2 * audioMedia + 1024}}));
+  for (size_t clip : {1, 2}) {
+    // SPS (NAL type 7) and PPS, each behind a four-byte length, then the frame.
+    Bytes& first = std::get<0>(expected[0][clip * video.size()]);
+    const Bytes& led = std::get<0>(joined.tracks[0][clip * video.size()]);
+    ASSERT_GT(led.size(), first.size() + 8);
+    EXPECT_EQ(led[4] & 0x1F, 7);
+    EXPECT_TRUE(std::equal(first.begin(), first.end(), led.end() - first.size()));
+    first = led;
+  }
+  EXPECT_TRUE(joined.tracks[0] == expected[0]);
+  EXPECT_TRUE(joined.tracks[1] == expected[1]);
+  EXPECT_EQ(joined.edits, (std::vector<std::vector<uint64_t>>{{1200, 0}, {1200, 1024}}));
   EXPECT_EQ(joined.movieDuration, 1200u);
 }
 
@@ -144,15 +155,15 @@ TEST_F(Edit, RefusalsLeaveNoFile) {
   EditOptions stop;
   stop.progress = [](uint64_t, uint64_t) { return false; };
   const struct { Status status; const char* reason; } cases[] = {
-      {trim(kClip, 0.3, 0.3, out("a.mp4")), "is empty"},
-      {trim(kClip, 5, 6, out("a.mp4")), "nothing plays"},
-      {trim(kClip, 0, 1, kClip), "is one of the inputs"},
-      {trim(kData + "/none.mp4", 0, 1, out("a.mp4")), "none.mp4"},
-      {join({kClip}, out("a.mp4")), "two files or more"},
-      {trim(kData + "/frag_h264_aac.mp4", 0, 1, out("a.mp4")), "fragmented files cannot be edited"},
-      {join({kClip, kData + "/hevc.mp4"}, out("a.mp4")), "has 1 tracks"},
-      {join({kClip, kData + "/prores_apch_aac.mov"}, out("a.mp4")), "is vide/apch"},
-      {trim(kClip, 0, 1, out("a.mp4"), stop), "stopped"},
+      {trim(kClip, 0.3, 0.3, out("a.mp4")).status(), "is empty"},
+      {trim(kClip, 5, 6, out("a.mp4")).status(), "nothing plays"},
+      {trim(kClip, 0, 1, kClip).status(), "is one of the inputs"},
+      {trim(kData + "/none.mp4", 0, 1, out("a.mp4")).status(), "none.mp4"},
+      {join({kClip}, out("a.mp4")).status(), "two files or more"},
+      {trim(kData + "/frag_h264_aac.mp4", 0, 1, out("a.mp4")).status(), "fragmented files cannot be edited"},
+      {join({kClip, kData + "/hevc.mp4"}, out("a.mp4")).status(), "has 1 track where"},
+      {join({kClip, kData + "/prores_apch_aac.mov"}, out("a.mp4")).status(), "is vide/apch"},
+      {trim(kClip, 0, 1, out("a.mp4"), stop).status(), "stopped"},
   };
   for (const auto& c : cases) {
     EXPECT_FALSE(c.status.ok());

@@ -51,7 +51,7 @@ class Progress {
 
 int runEdit(const Options& options, EditJob edit) {
   const auto previous = std::signal(SIGINT, &onInterrupt);
-  Status done;
+  Result<EditReport> done = Status();
   {
     Progress progress;
     EditOptions editOptions;
@@ -69,11 +69,24 @@ int runEdit(const Options& options, EditJob edit) {
     if (about.file.empty()) about.file = options.output;
     return fail(about, interrupted != 0 ? "interrupted; no file was written" : done.message());
   }
+  // A trim says where it really starts: on the frame showing at --from.
+  const bool trimmed = !options.file.empty();
   if (options.json) {
-    printJson({{"output", options.output}, {"written", true}});
-  } else {
-    std::printf("wrote %s\n", options.output.c_str());
+    nlohmann::json document{{"output", options.output},
+                            {"written", true},
+                            {"seconds", done->seconds},
+                            {"notes", done->notes}};
+    if (trimmed) {
+      document["from"] = done->from;
+      document["to"] = done->to;
+    }
+    printJson(document);
+    return 0;
   }
+  std::printf("wrote %s", options.output.c_str());
+  if (trimmed) std::printf(" (%.3f s to %.3f s of %s)", done->from, done->to, options.file.c_str());
+  std::printf("\n");
+  for (const std::string& note : done->notes) std::printf("note: %s\n", note.c_str());
   return 0;
 }
 

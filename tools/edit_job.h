@@ -6,7 +6,7 @@
 
 namespace mp4stbl::cli {
 
-using EditJob = Status (*)(const Options&, const EditOptions&);
+using EditJob = Result<EditReport> (*)(const Options&, const EditOptions&);
 
 // Runs `edit` with a progress bar and the interrupt in place; prints the
 // outcome as the other commands do and returns the exit status.

@@ -24,16 +24,32 @@ struct EditOptions {
   std::function<bool(uint64_t done, uint64_t total)> progress;
 };
 
-// Writes to `output` the part of `input` that plays from `from` to `to`
-// (seconds of presentation time). Every track is cut to the same window:
-// video from the key frame at or before `from`, audio from the sample that
-// holds it, and an edit list hides what plays before `from`.
-Status trim(const std::string& input, double from, double to, const std::string& output,
-            const EditOptions& options = {});
+// What an edit made.
+struct EditReport {
+  // Trim: where the new file starts and ends on the source's timeline, in
+  // seconds: the start of the video frame showing at the time asked (or
+  // its key frame), the end no later than the source's.
+  double from = 0;
+  double to = 0;
+  double seconds = 0;  // how long the new file plays
+  // What the new file shows that the sources did not: frames that one edit
+  // cannot hide.
+  std::vector<std::string> notes;
+};
 
-// Writes to `output` the clips of `inputs` one after the other. Each clip
-// must have the same tracks (handler, coding and time scale, in order).
-Status join(const std::vector<std::string>& inputs, const std::string& output,
-            const EditOptions& options = {});
+// Writes to `output` the part of `input` that plays from `from` to `to`
+// (seconds of presentation time, through the source's whole edit list).
+// Every track is cut to the same window, which starts where the video
+// frame showing at `from` starts: video from the key frame at or before it,
+// audio from the sample that holds it, and a single edit hides what is
+// decoded before it.
+Result<EditReport> trim(const std::string& input, double from, double to,
+                        const std::string& output, const EditOptions& options = {});
+
+// Writes to `output` the clips of `inputs` one after the other on one
+// timeline with a single edit. Each clip must have the same tracks
+// (handler, coding and time scale, in order).
+Result<EditReport> join(const std::vector<std::string>& inputs, const std::string& output,
+                        const EditOptions& options = {});
 
 }  // namespace mp4stbl

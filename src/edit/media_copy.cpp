@@ -27,7 +27,19 @@ void Layout::add(size_t source, uint64_t offset, uint64_t length) {
       return;
     }
   }
-  blocks_.push_back({source, offset, length, 0});
+  blocks_.push_back({source, offset, length, 0, 0, 0});
+}
+
+void Layout::add(size_t source, uint64_t offset, uint64_t length, std::vector<uint8_t> prefix) {
+  if (prefix.empty()) return add(source, offset, length);
+  blocks_.push_back({source, offset, length, 0, prefix.size(), prefixes_.size()});
+  prefixes_.push_back(std::move(prefix));
+}
+
+bool Layout::keepsDistance(const Block& before, const Block& block) {
+  const uint64_t end = before.from + before.length;
+  return before.source == block.source && block.prefix == 0 && block.from >= end &&
+         block.from - end <= kMaxGap;
 }
 
 void Layout::finish() {
@@ -38,10 +50,10 @@ void Layout::finish() {
   std::stable_sort(blocks_.begin(), blocks_.end(), before);
   std::vector<Block> joined;
   for (const Block& block : blocks_) {
-    if (!joined.empty()) {
+    if (!joined.empty() && block.prefix == 0) {
       Block& last = joined.back();
       const uint64_t end = last.from + last.length;
-      if (last.source == block.source && block.from <= end + kMaxGap) {
+      if (last.source == block.source && block.from <= end) {
         last.length = std::max(end, block.from + block.length) - last.from;
         continue;
       }
@@ -50,29 +62,38 @@ void Layout::finish() {
   }
   blocks_ = std::move(joined);
   copied_ = 0;
-  for (const Block& block : blocks_) copied_ += block.length;
+  gaps_ = 0;
+  for (size_t b = 0; b < blocks_.size(); ++b) {
+    copied_ += blocks_[b].prefix + blocks_[b].length;
+    if (b > 0 && keepsDistance(blocks_[b - 1], blocks_[b])) {
+      gaps_ += blocks_[b].from - (blocks_[b - 1].from + blocks_[b - 1].length);
+    }
+  }
   place(0);
 }
 
 void Layout::place(uint64_t start) {
   length_ = 0;
-  for (Block& block : blocks_) {
-    if (block.length >= kAligned) {
+  for (size_t b = 0; b < blocks_.size(); ++b) {
+    Block& block = blocks_[b];
+    if (b > 0 && keepsDistance(blocks_[b - 1], block)) {
+      length_ += block.from - (blocks_[b - 1].from + blocks_[b - 1].length);
+    } else if (block.length >= kAligned) {
       const uint64_t head = (kPage - block.from % kPage) % kPage;  // before its first page
       // Unsigned arithmetic wraps on purpose: only the remainder counts.
-      length_ += (0 - (start + length_ + head)) % kAlign;
+      length_ += (0 - (start + length_ + block.prefix + head)) % kAlign;
     }
     block.out = length_;
-    length_ += block.length;
+    length_ += block.prefix + block.length;
   }
 }
 
 uint64_t Layout::map(size_t source, uint64_t offset) const {
-  const Block key{source, offset, 0, 0};
+  const Block key{source, offset, 0, 0, 0, 0};
   auto after = std::upper_bound(blocks_.begin(), blocks_.end(), key, before);
   if (after == blocks_.begin()) return 0;
   const Block& block = *(after - 1);
-  return block.out + (offset - block.from);
+  return offset == block.from ? block.out : block.out + block.prefix + (offset - block.from);
 }
 
 // Decided on the longest placement, so that the header's width never
@@ -101,11 +122,17 @@ int CopyMdatAtom::writeData(IOStream* stream) {
       logStreamFailure(stream, "writeBytes");
       return -1;
     }
-    written = block.out + block.length;
+    const std::vector<uint8_t>& prefix = layout_.prefixOf(block);
+    if (!prefix.empty() && static_cast<uint64_t>(stream->writeBytes(
+                               prefix.data(), static_cast<unsigned>(prefix.size()))) != prefix.size()) {
+      logStreamFailure(stream, "writeBytes");
+      return -1;
+    }
+    written = block.out + block.prefix + block.length;
     for (uint64_t at = 0; at < block.length;) {
       // Pieces end on the new file's 64 KiB boundaries, which are page
       // boundaries of an aligned block's source too.
-      const uint64_t to = start + block.out + at;
+      const uint64_t to = start + block.out + block.prefix + at;
       const uint64_t end = (to + kCopyPiece) / Layout::kAlign * Layout::kAlign;
       const uint64_t piece = std::min(block.length - at, end - to);
       if (copyRange(sources_.at(block.source), block.from + at, piece, stream) != 0) return -1;

@@ -290,6 +290,7 @@ Result<EditableTracks> editableTracks(Mp4File& file, const std::string& path) {
   if (!found.unreadable.empty()) return Status::failure(path + ": " + found.unreadable.front());
   if (found.tracks.empty()) return Status::failure(path + ": no track with a sample table");
   EditableTracks editable;
+  editable.path = path;
   editable.tracks = std::move(found.tracks);
   editable.traks = file.find("moov/trak");
   const std::vector<Atom*> mvhd = file.find("moov/mvhd");

@@ -56,6 +56,7 @@ Status writeEdited(Mp4File& tree, std::vector<NewTrack>& tracks, Layout& layout,
 // The tracks of a source that an edit can take: all of them readable and
 // not fragmented; they come with their trak boxes, in file order.
 struct EditableTracks {
+  std::string path;
   std::vector<Track> tracks;
   std::vector<Atom*> traks;
   uint32_t movieTimescale = 0;
