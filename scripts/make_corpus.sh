@@ -73,6 +73,31 @@ bash "$(dirname "$0")/make_corpus_more.sh" "$out"
 
 video 160x120 25 10 && tone 44100 10
 make long_h264_aac.mp4 -map 0:v -map 1:a "${X264[@]}" -g 50 "${AAC[@]}" -ac 2
+# Edit lists as ffmpeg writes them when it cuts without re-encoding, seeking
+# before and after opening the input. ffmpeg's own reader drops the audio
+# that the first one's edit hides, so it stays out of the comparison of
+# every file with ffprobe, in a folder of its own.
+IN=(-ss 1.32 -i "$out/long_h264_aac.mp4")
+make ss_before.mp4 -c copy
+mkdir -p "$out/edits"
+mv -f "$out/ss_before.mp4" "$out/edits/"
+IN=(-i "$out/long_h264_aac.mp4" -ss 1.32)
+make ss_after.mp4 -c copy
+# Clips that a join puts side by side: B-frame delays of 2, 1 and 0
+# frames, other profiles and key-frame intervals.
+video 160x120 25 1 && tone 48000 1
+make join_bf2.mp4 -map 0:v -map 1:a -c:v libx264 -preset veryfast -threads 1 -bf 2 -g 25 \
+  -x264-params b-pyramid=0 "${AAC[@]}"
+video 160x120 25 1 && tone 48000 1 660
+make join_bf1_high.mp4 -map 0:v -map 1:a -c:v libx264 -preset veryfast -threads 1 -bf 1 -g 12 \
+  -profile:v high "${AAC[@]}"
+video 160x120 25 1 && tone 48000 1 880
+make join_baseline.mp4 -map 0:v -map 1:a "${X264[@]}" -profile:v baseline -g 8 "${AAC[@]}"
+video 160x120 30 4 && tone 48000 4
+make h264_30fps_aac.mp4 -map 0:v -map 1:a "${X264B[@]}" -g 30 "${AAC[@]}"
+# A time scale of 10^9: a media time of a few seconds passes 2^31.
+video 96x64 25 4
+make timescale_1e9.mp4 "${X264[@]}" -g 250 -video_track_timescale 1000000000
 video 128x96 25 2 && tone 48000 2
 make faststart.mp4 -map 0:v -map 1:a "${X264[@]}" "${AAC[@]}" -movflags +faststart
 video 128x96 25 2 && tone 48000 2 && tone 22050 2 880

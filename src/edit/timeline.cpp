@@ -519,7 +519,7 @@ std::string secondsText(double seconds) {
 
 Window mediaWindow(const Track& track, double start, double end) {
   const double scale = track.timescale();
-  if (track.elst() == nullptr) return {true, units(start, scale), units(end, scale), 0, 0};
+  if (track.elst() == nullptr) return {true, units(start, scale), units(end, scale), 0, 0, 0};
   double movie = 0;
   for (const ElstEntry& edit : track.elst()->entries) {
     const double segmentStart = movie;
@@ -528,7 +528,8 @@ Window mediaWindow(const Track& track, double start, double end) {
     if (segmentStart >= end) break;
     const double begin = std::max(start, segmentStart);
     const int64_t from = edit.mediaTime + units(begin - segmentStart, scale);
-    return {true, from, from + units(end - begin, scale), begin - start, segmentStart};
+    return {true, from, from + units(end - begin, scale), begin - start, segmentStart,
+            edit.mediaTime};
   }
   return {};
 }
@@ -549,7 +550,6 @@ std::vector<Piece> piecesOf(size_t source, const Track& lead, double from, doubl
   for (const ElstEntry& edit : edits) {
     const double segmentStart = movie;
     movie += segmentSeconds(edit, lead.movieTimescale());
-    if (edit.mediaTime < 0) continue;
     const double start = std::max(from, segmentStart);
     const double end = std::min(to, movie);
     if (end <= start) continue;
@@ -576,8 +576,11 @@ Result<Timeline> layOut(const std::vector<TimelineSource>& sources,
       const Window& window = windows[t][k];
       if (!window.plays) continue;
       const double scale = track.timescale();
-      const uint32_t roll =
-          k == 0 ? preRoll(track, sampleTable(sources[pieces[k].source].tracks->traks[t])) : 0;
+      // Without an edit list nothing hides a pre-roll: the tracks start
+      // with the sample that holds the window's start.
+      const uint32_t roll = k == 0 && editList
+                                ? preRoll(track, sampleTable(sources[pieces[k].source].tracks->traks[t]))
+                                : 0;
       Result<Selection> cut = select(track, window.from - units(before, scale),
                                      window.to + units(after, scale), roll,
                                      byOffsets[t] && k + 1 < count);

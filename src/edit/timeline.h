@@ -29,19 +29,22 @@ struct Piece {
 };
 
 // The stretches of `from`..`to` (seconds of presentation) that `lead`'s edit
-// list plays, in order; the whole window when it has none.
+// list plays, one per edit, in order; the whole window when it has none. An
+// empty edit of the lead is a stretch too: the other tracks may play in it.
 std::vector<Piece> piecesOf(size_t source, const Track& lead, double from, double to);
 
 // The media (composition times, track units) that a track plays from
 // `start` to `end` seconds of the movie, through its own edit list: the
 // first edit that plays media in that time. `late` is how long after
-// `start` it begins to play; `editStart` is where that edit starts.
+// `start` it begins to play; that edit starts at `editStart` seconds with
+// media time `editMedia`.
 struct Window {
   bool plays = false;
   int64_t from = 0;
   int64_t to = 0;
   double late = 0;
   double editStart = 0;
+  int64_t editMedia = 0;
 };
 Window mediaWindow(const Track& track, double start, double end);
 

@@ -39,7 +39,9 @@ Result<double> snapStart(const Track& lead, const Piece& first, double from, boo
   if (first.start > from || !window.plays || window.late > 0) return from;
   Result<int64_t> shown = frameStart(lead, window.from, keyFrame);
   if (!shown.ok()) return shown.status();
-  const double start = from - static_cast<double>(window.from - *shown) / lead.timescale();
+  // From the edit's own start, so that the frame's time carries no rounding.
+  const double start =
+      window.editStart + static_cast<double>(*shown - window.editMedia) / lead.timescale();
   return std::max(start, keyFrame ? 0.0 : window.editStart);
 }
 
