@@ -92,6 +92,62 @@ TEST_F(Edit, TrimKeepsWholeSamplesAndShowsTheWindow) {
   expectFiles({"cut.mp4"});
 }
 
+// What a trim cuts away does not reach the new file: between the kept
+// samples of interleaved tracks lie samples of the other track that the
+// window drops (audio before its pre-roll, video after the last frame),
+// and none of their bytes may be copied along.
+TEST_F(Edit, TrimLeavesNoByteOfWhatItCutAway) {
+  const Read source = readBack(kClip);
+  ASSERT_TRUE(trim(kClip, 0.3, 0.36, out("cut.mp4")).ok());
+  const Read cut = readBack(out("cut.mp4"));
+  const Bytes written = readFile(out("cut.mp4"));
+  size_t dropped = 0;
+  for (size_t t = 0; t < 2; ++t) {
+    for (const Sample& sample : source.tracks[t]) {
+      const Bytes& bytes = std::get<0>(sample);
+      const bool kept = std::any_of(cut.tracks[t].begin(), cut.tracks[t].end(),
+                                    [&](const Sample& k) { return std::get<0>(k) == bytes; });
+      if (kept) continue;
+      ++dropped;
+      EXPECT_EQ(std::search(written.begin(), written.end(), bytes.begin(), bytes.end()),
+                written.end()) << "track " << t + 1;
+    }
+  }
+  EXPECT_GE(dropped, 8u);
+}
+
+// Pre-roll and descriptions come from the source's samples: AAC keeps the
+// frame before the window's first one though no "roll" group says so, and
+// a trim across a change of sample description keeps each sample's own.
+TEST_F(Edit, TrimKeepsPreRollAndEachSamplesDescription) {
+  Mp4File bare;
+  ASSERT_TRUE(bare.open(kClip).ok());
+  for (Atom* stbl : bare.find("moov/trak/mdia/minf/stbl")) {
+    for (auto it = stbl->children.begin(); it != stbl->children.end();) {
+      const bool group = (*it)->header.type == "sgpd" || (*it)->header.type == "sbgp";
+      if (group) delete *it;
+      it = group ? stbl->children.erase(it) : std::next(it);
+    }
+  }
+  ASSERT_TRUE(bare.save(out("bare.mp4")).ok());
+  ASSERT_TRUE(trim(out("bare.mp4"), 0.2, 0.4, out("cut.mp4")).ok());
+  const Read source = readBack(kClip);
+  EXPECT_TRUE(readBack(out("cut.mp4")).tracks[1] == range(source.tracks[1], 5, 10));
+
+  Mp4File wider;
+  ASSERT_TRUE(wider.open(kClip).ok());
+  dynamic_cast<VisualSampleEntry&>(
+      *wider.find("moov/trak/mdia/minf/stbl/stsd").front()->children.front()).width = 100;
+  ASSERT_TRUE(wider.save(out("wider.mp4")).ok());
+  ASSERT_TRUE(join({kClip, out("wider.mp4")}, out("joined.mp4")).ok());
+  ASSERT_TRUE(trim(out("joined.mp4"), 0.32, 0.48, out("across.mp4")).ok());
+  std::vector<uint32_t> descriptions;
+  for (const Sample& sample : readBack(out("across.mp4")).tracks[0]) {
+    descriptions.push_back(std::get<3>(sample));
+  }
+  EXPECT_EQ(descriptions, (std::vector<uint32_t>{1, 1, 2, 2}));
+}
+
 // A source whose chunk offsets are 64-bit cuts to the same samples; the
 // small new file goes back to stco.
 TEST_F(Edit, Co64SourceCutsLikeStco) {
