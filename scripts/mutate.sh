@@ -2,7 +2,7 @@
 # Measures what the test suite catches: applies the hand-written faults of
 # tests/mutants/ one at a time, rebuilds, runs the suite and counts the
 # faults it catches.
-#   scripts/mutate.sh [PATTERN]     only the mutants whose file name holds PATTERN
+#   scripts/mutate.sh [PATTERN...]  only the mutants whose file name holds a PATTERN
 # Each mutant is a small patch (git diff) whose text before the first
 # "diff --git" line says which fault it seeds. The source tree is never
 # touched: the tree is copied to build/mutate/src, the patch is applied to
@@ -22,11 +22,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/lib.sh
 
-pattern="${1:-}"
-if [ $# -gt 1 ]; then
-  echo "usage: $0 [PATTERN]" >&2
-  exit 2
-fi
+patterns=("$@")
+[ ${#patterns[@]} -gt 0 ] || patterns=("")
 ensure_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" git
 
 root="$PWD"
@@ -40,10 +37,12 @@ mkdir -p "$src" "$logs"
 mutants=()
 for patch in tests/mutants/*.patch; do
   [ -e "$patch" ] || continue
-  case "$(basename "$patch")" in *"$pattern"*) mutants+=("$patch") ;; esac
+  for pattern in "${patterns[@]}"; do
+    case "$(basename "$patch")" in *"$pattern"*) mutants+=("$patch") && break ;; esac
+  done
 done
 if [ ${#mutants[@]} -eq 0 ]; then
-  echo "mutate: no mutant matches '$pattern'" >&2
+  echo "mutate: no mutant matches '${patterns[*]}'" >&2
   exit 2
 fi
 
