@@ -617,9 +617,9 @@ Result<Timeline> layOut(const std::vector<TimelineSource>& sources,
       if (!selected.ok()) return selected;
     }
     if (before > 0.0005) {
-      timeline.notes.push_back("the stretch from " + secondsText(pieces[k].start) + " s of " +
-                               sources[pieces[k].source].tracks->path + " starts at its key frame, " +
-                               secondsText(before) + " s early");
+      timeline.notes.push_back(sources[pieces[k].source].tracks->path + " from " +
+                               secondsText(pieces[k].start) + " s: shown from its key frame, " +
+                               secondsText(before) + " s more than its edit list shows");
     }
     reached += pieces[k].gapBefore;
     at[k] = reached;
