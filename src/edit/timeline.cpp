@@ -13,6 +13,7 @@ namespace mp4stbl::edit {
 namespace {
 
 constexpr double kForever = std::numeric_limits<double>::infinity();
+constexpr size_t kMostPieces = 4096;
 
 int64_t units(double seconds, double timescale) {
   // Far past any real file, and still far from overflowing.
@@ -564,6 +565,13 @@ Result<Timeline> layOut(const std::vector<TimelineSource>& sources,
   const EditableTracks& first = *sources.front().tracks;
   const size_t trackCount = first.tracks.size();
   const size_t count = pieces.size();
+  // Each stretch walks its tracks: a hostile edit list of a million
+  // segments must not cost a million walks.
+  if (count > kMostPieces) {
+    return Status::failure("the new file would play " + std::to_string(count) +
+                           " stretches of media; at most " + std::to_string(kMostPieces) +
+                           " are followed");
+  }
   // cuts[t][k], late[t][k]: what piece k keeps of track t, and when it starts.
   std::vector<std::vector<Selection>> cuts(trackCount, std::vector<Selection>(count));
   std::vector<std::vector<Window>> windows(trackCount, std::vector<Window>(count));
