@@ -142,7 +142,8 @@ TEST_F(Edit, TrimKeepsPreRollAndEachSamplesDescription) {
   ASSERT_TRUE(join({kClip, out("wider.mp4")}, out("joined.mp4")).ok());
   ASSERT_TRUE(trim(out("joined.mp4"), 0.32, 0.48, out("across.mp4")).ok());
   std::vector<uint32_t> descriptions;
-  for (const Sample& sample : readBack(out("across.mp4")).tracks[0]) {
+  const Read across = readBack(out("across.mp4"));
+  for (const Sample& sample : across.tracks[0]) {
     descriptions.push_back(std::get<3>(sample));
   }
   EXPECT_EQ(descriptions, (std::vector<uint32_t>{1, 1, 2, 2}));
