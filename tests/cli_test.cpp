@@ -671,4 +671,50 @@ TEST(CliRemux, FragmentedAndRegularFilesComeOutRegular) {
   }
 }
 
+// Every track's samples as mp4box.js reads them: offset, size, decode and
+// composition time, sync.
+json mp4boxSamples(const std::string& module, const std::string& path) {
+  const Outcome read = run("node", {MP4STBL_MP4BOX_SCRIPT, module, path});
+  EXPECT_EQ(read.status, 0) << path << ": " << read.err;
+  return read.doc();
+}
+
+// mp4box.js, as a browser's reader, finds in each remux a regular file
+// with the samples of its fragmented source: sizes, composition offsets
+// and sync flags, at the offsets our reader gives. It runs a fragment's
+// decode times on from the one before where the fragment's own (tfdt)
+// leaves a gap; the remux keeps them, so its decode times are those our
+// reader gives the source.
+TEST(CliRemux, Mp4boxJsReadsTheFragmentsSamples) {
+  const std::string module =
+      std::string(MP4STBL_MP4BOX_DIR) + "/node_modules/mp4box/dist/mp4box.all.mjs";
+  if (!fs::exists(module)) GTEST_SKIP() << "no mp4box.js in " << MP4STBL_MP4BOX_DIR;
+  std::vector<std::string> sources = {std::string(MP4STBL_TEST_DATA) + "/frag_h264_aac.mp4"};
+  for (const std::string& path : filesIn(MP4STBL_CORPUS_DIR, "frag_.*\\.mp4")) sources.push_back(path);
+  const std::string flat = scratch("flat.mp4");
+  for (const std::string& source : sources) {
+    SCOPED_TRACE(source);
+    ASSERT_EQ(cli({"remux", source, "-o", flat}).status, 0);
+    const json before = mp4boxSamples(module, source), after = mp4boxSamples(module, flat);
+    EXPECT_EQ(before["fragmented"], true);
+    EXPECT_EQ(after["fragmented"], false);
+    ASSERT_EQ(after["tracks"].size(), before["tracks"].size());
+    for (size_t t = 0; t < before["tracks"].size(); ++t) {
+      const auto id = after["tracks"][t]["id"].get<unsigned>();
+      const json& theirs = after["tracks"][t]["samples"];
+      const json ours = samplesOf(flat, id), decoded = samplesOf(source, id);
+      ASSERT_EQ(theirs.size(), before["tracks"][t]["samples"].size());
+      ASSERT_EQ(theirs.size(), ours.size());
+      ASSERT_EQ(theirs.size(), decoded.size());
+      for (size_t i = 0; i < theirs.size(); ++i) {
+        const json& was = before["tracks"][t]["samples"][i];
+        const long long decode = decoded[i]["decodeTime"];
+        const json expected = {ours[i]["offset"], was[1], decode,
+                               decode + was[3].get<long long>() - was[2].get<long long>(), was[4]};
+        EXPECT_EQ(theirs[i], expected) << "track " << t + 1 << " sample " << i + 1;
+      }
+    }
+  }
+}
+
 }  // namespace
