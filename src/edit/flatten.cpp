@@ -114,7 +114,9 @@ class TableBuilder {
     const SampleInfo& sample = *pending_;
     ++samples_;
     stts_->addEntry(1, duration);
-    const int64_t shown = static_cast<int64_t>(duration_) + sample.compositionOffset + duration;
+    // Wraps like the decode times: only a hostile file comes near 2^63.
+    const auto shown = static_cast<int64_t>(
+        duration_ + static_cast<uint64_t>(sample.compositionOffset) + duration);
     if (shown > 0) compositionEnd_ = std::max(compositionEnd_, static_cast<uint64_t>(shown));
     duration_ += duration;
     stsz_->addEntry(sample.size);
