@@ -1,7 +1,8 @@
 // The mp4stbl command run as a user runs it: its samples and summaries
 // against ffprobe on every real file, seeking (through stco and co64),
 // verify and dump on the shipped clips, trim and join checked by ffprobe,
-// exit codes and messages.
+// exit codes and messages; remux of fragmented and regular files checked by
+// ffprobe and ffmpeg's decoder.
 #include <sys/wait.h>
 
 #include <cmath>
@@ -719,6 +720,207 @@ TEST(CliEdit, JoinsPlayAsEachClipAlone) {
     EXPECT_EQ(shownTimes.size(), sameInfo["tracks"][s]["samples"].get<size_t>());
     std::sort(shownTimes.begin(), shownTimes.end());
     EXPECT_EQ(std::adjacent_find(shownTimes.begin(), shownTimes.end()), shownTimes.end()) << s;
+  }
+}
+
+// A packet as ffprobe gives it.
+struct Packet {
+  long long size = 0, dts = 0, pts = 0;
+  bool key = false, discarded = false;
+};
+
+std::vector<std::vector<Packet>> packetsOf(const std::string& path) {
+  const Outcome probed = run("ffprobe", {"-v", "error", "-show_entries",
+                                         "packet=stream_index,size,flags,pts,dts", "-of", "json", path});
+  EXPECT_EQ(probed.status, 0) << probed.err;
+  std::vector<std::vector<Packet>> streams;
+  const json packets = json::parse(probed.out)["packets"];
+  for (const json& packet : packets) {
+    const auto index = packet["stream_index"].get<size_t>();
+    if (streams.size() <= index) streams.resize(index + 1);
+    const std::string flags = packet["flags"];
+    streams[index].push_back({number(packet["size"]), number(packet["dts"]),
+                              number(packet["pts"]), flags.find('K') != npos,
+                              flags.find('D') != npos});
+  }
+  return streams;
+}
+
+// Each stream's decoded frames as ffmpeg hashes them, in order; their
+// times aside.
+std::vector<std::vector<std::string>> framesOf(const std::string& path) {
+  const Outcome decoded = run("ffmpeg", {"-v", "error", "-i", path, "-f", "framemd5", "-"});
+  EXPECT_EQ(decoded.err, "");
+  std::vector<std::vector<std::string>> streams;
+  std::istringstream lines(decoded.out);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    const size_t index = std::stoul(line);
+    if (streams.size() <= index) streams.resize(index + 1);
+    streams[index].push_back(line.substr(line.rfind(',') + 1));
+  }
+  return streams;
+}
+
+// A second of video with B-frames and AAC audio, made by ffmpeg into
+// `name` with the muxer's `flags`; the same streams whatever the flags.
+std::string encode(const std::string& name, const std::vector<std::string>& flags) {
+  std::vector<std::string> args = {
+      "-nostdin", "-v", "error", "-y", "-fflags", "+bitexact", "-f", "lavfi", "-i",
+      "testsrc2=size=96x64:rate=25:duration=1", "-f", "lavfi", "-i",
+      "sine=sample_rate=22050:duration=1", "-map", "0:v", "-map", "1:a", "-c:v", "libx264",
+      "-preset", "veryfast", "-threads", "1", "-bf", "3", "-g", "12", "-flags:v", "+bitexact",
+      "-c:a", "aac", "-b:a", "32k", "-flags:a", "+bitexact"};
+  args.insert(args.end(), flags.begin(), flags.end());
+  const std::string path = scratch(name);
+  args.insert(args.end(), {"-f", "mp4", path});
+  const Outcome made = run("ffmpeg", args);
+  EXPECT_EQ(made.status, 0) << made.err;
+  return path;
+}
+
+// The remux of `source` at `flat` is a regular, fast-start file whose
+// packets are the source's as ffprobe lists them: sizes, key flags, decode
+// and presentation times. ffmpeg places the times of a fragmented track
+// after its largest negative composition offset, those of a regular file
+// before it: the times of such a track move back by that offset.
+void compareRemux(const std::string& source, const std::string& flat) {
+  SCOPED_TRACE(source);
+  const json summary = cli({"info", flat, "--json"}).doc();
+  EXPECT_EQ(summary["fragmented"], false);
+  EXPECT_EQ(summary["fastStart"], true);
+  EXPECT_EQ(summary["unreadable"], json::array());
+  const auto before = packetsOf(source), after = packetsOf(flat);
+  const json tracks = cli({"info", source, "--json"}).doc()["tracks"];
+  ASSERT_EQ(after.size(), before.size());
+  ASSERT_EQ(tracks.size(), before.size());
+  for (size_t s = 0; s < before.size(); ++s) {
+    SCOPED_TRACE("stream " + std::to_string(s));
+    long long shift = 0;
+    if (cli({"info", source, "--json"}).doc()["fragmented"] == true) {
+      for (const json& sample : samplesOf(source, tracks[s]["id"].get<unsigned>())) {
+        shift = std::min(shift, sample["compositionOffset"].get<long long>());
+      }
+    }
+    ASSERT_EQ(after[s].size(), before[s].size());
+    for (size_t i = 0; i < before[s].size(); ++i) {
+      EXPECT_EQ(after[s][i].size, before[s][i].size) << i;
+      EXPECT_EQ(after[s][i].key, before[s][i].key) << i;
+      EXPECT_EQ(after[s][i].dts, before[s][i].dts + shift) << i;
+      EXPECT_EQ(after[s][i].pts, before[s][i].pts + shift) << i;
+    }
+  }
+}
+
+// The remux's frames are those of `source`, and one more for each packet
+// that ffmpeg discards in the source and not in the remux: its reader of
+// fragments drops a sample that decodes no later than the one before, a
+// regular file's reader shows it.
+void expectFrames(const std::string& flat, const std::string& source) {
+  const auto got = framesOf(flat), expected = framesOf(source);
+  const auto before = packetsOf(source), after = packetsOf(flat);
+  ASSERT_EQ(got.size(), expected.size());
+  for (size_t s = 0; s < got.size(); ++s) {
+    long long discarded = 0;
+    for (const Packet& packet : before[s]) discarded += packet.discarded;
+    for (const Packet& packet : after[s]) discarded -= packet.discarded;
+    EXPECT_EQ(got[s].size(), expected[s].size() + discarded) << source << " stream " << s;
+    auto next = got[s].begin();
+    for (const std::string& frame : expected[s]) next = std::find(next, got[s].end(), frame);
+    EXPECT_NE(next, got[s].end()) << source << " stream " << s;
+  }
+}
+
+// Fragmented files of ffmpeg's muxer (fragments at key frames, an edit
+// list of no length with delay_moov, CMAF with negative composition
+// offsets, a fragment per frame), the shipped one and those of the corpus
+// remux to their own packets and frames; a regular file (movie box last)
+// remuxes to its own, movie box first, or last when asked. ffmpeg's reader
+// of fragments applies no edit list: the delay_moov file's frames are
+// those of the same streams written as a regular file, whose edit list
+// hides the AAC priming. A fragmented file trims.
+TEST(CliRemux, FragmentedAndRegularFilesComeOutRegular) {
+  const std::string regular = encode("regular.mp4", {});
+  const std::string flat = scratch("flat.mp4");
+  for (const auto& [name, flags] : std::vector<std::pair<std::string, std::string>>{
+           {"frag_keyframe.mp4", "+frag_keyframe+empty_moov+default_base_moof"},
+           {"frag_delay_moov.mp4", "+frag_keyframe+empty_moov+delay_moov"},
+           {"cmaf.mp4", "cmaf"},
+           {"frag_every_frame.mp4", "+frag_every_frame+empty_moov+default_base_moof"},
+           {"regular.mp4", ""}}) {
+    const std::string source = flags.empty() ? regular : encode(name, {"-movflags", flags});
+    const Outcome remuxed = cli({"remux", source, "-o", flat});
+    ASSERT_EQ(remuxed.status, 0) << remuxed.err;
+    EXPECT_EQ(remuxed.out, "wrote " + flat + "\n");
+    compareRemux(source, flat);
+    expectFrames(flat, name == "frag_delay_moov.mp4" ? regular : source);
+  }
+  ASSERT_EQ(cli({"remux", regular, "-o", flat, "--moov-last", "--json"}).doc()["written"], true);
+  EXPECT_EQ(cli({"info", flat, "--json"}).doc()["fastStart"], false);
+  expectFrames(flat, regular);
+
+  std::vector<std::string> others = {std::string(MP4STBL_TEST_DATA) + "/frag_h264_aac.mp4"};
+  for (const std::string& path : filesIn(MP4STBL_CORPUS_DIR, "frag_.*\\.mp4")) others.push_back(path);
+  for (const std::string& source : others) {
+    ASSERT_EQ(cli({"remux", source, "-o", flat}).status, 0) << source;
+    compareRemux(source, flat);
+    expectFrames(flat, source);
+  }
+
+  const std::string fragmented = scratch("frag_keyframe.mp4");
+  ASSERT_EQ(cli({"trim", fragmented, "--from", "0.3", "--to", "0.7", "-o", flat}).status, 0);
+  EXPECT_EQ(cli({"info", flat, "--json"}).doc()["fragmented"], false);
+  const Probed cut = probe(flat);
+  EXPECT_EQ(cut.errors, "");
+  for (size_t s = 0; s < cut.starts.size(); ++s) {
+    EXPECT_NEAR(cut.starts[s], 0, 0.0417) << s;
+    EXPECT_NEAR(cut.durations[s], 0.4, 0.0417) << s;
+  }
+}
+
+// Every track's samples as mp4box.js reads them: offset, size, decode and
+// composition time, sync.
+json mp4boxSamples(const std::string& module, const std::string& path) {
+  const Outcome read = run("node", {MP4STBL_MP4BOX_SCRIPT, module, path});
+  EXPECT_EQ(read.status, 0) << path << ": " << read.err;
+  return read.doc();
+}
+
+// mp4box.js, as a browser's reader, finds in each remux a regular file
+// with the samples of its fragmented source: sizes, composition offsets
+// and sync flags, at the offsets our reader gives. It runs a fragment's
+// decode times on from the one before where the fragment's own (tfdt)
+// leaves a gap; the remux keeps them, so its decode times are those our
+// reader gives the source.
+TEST(CliRemux, Mp4boxJsReadsTheFragmentsSamples) {
+  const std::string module =
+      std::string(MP4STBL_MP4BOX_DIR) + "/node_modules/mp4box/dist/mp4box.all.mjs";
+  if (!fs::exists(module)) GTEST_SKIP() << "no mp4box.js in " << MP4STBL_MP4BOX_DIR;
+  std::vector<std::string> sources = {std::string(MP4STBL_TEST_DATA) + "/frag_h264_aac.mp4"};
+  for (const std::string& path : filesIn(MP4STBL_CORPUS_DIR, "frag_.*\\.mp4")) sources.push_back(path);
+  const std::string flat = scratch("flat.mp4");
+  for (const std::string& source : sources) {
+    SCOPED_TRACE(source);
+    ASSERT_EQ(cli({"remux", source, "-o", flat}).status, 0);
+    const json before = mp4boxSamples(module, source), after = mp4boxSamples(module, flat);
+    EXPECT_EQ(before["fragmented"], true);
+    EXPECT_EQ(after["fragmented"], false);
+    ASSERT_EQ(after["tracks"].size(), before["tracks"].size());
+    for (size_t t = 0; t < before["tracks"].size(); ++t) {
+      const auto id = after["tracks"][t]["id"].get<unsigned>();
+      const json& theirs = after["tracks"][t]["samples"];
+      const json ours = samplesOf(flat, id), decoded = samplesOf(source, id);
+      ASSERT_EQ(theirs.size(), before["tracks"][t]["samples"].size());
+      ASSERT_EQ(theirs.size(), ours.size());
+      ASSERT_EQ(theirs.size(), decoded.size());
+      for (size_t i = 0; i < theirs.size(); ++i) {
+        const json& was = before["tracks"][t]["samples"][i];
+        const long long decode = decoded[i]["decodeTime"];
+        const json expected = {ours[i]["offset"], was[1], decode,
+                               decode + was[3].get<long long>() - was[2].get<long long>(), was[4]};
+        EXPECT_EQ(theirs[i], expected) << "track " << t + 1 << " sample " << i + 1;
+      }
+    }
   }
 }
 

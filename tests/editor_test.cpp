@@ -1,7 +1,8 @@
-// Trim and join of the shipped files: the samples of a new file are the
-// source's samples byte for byte, with their durations, key frames and
-// descriptions; the edit list shows the window asked for; refusals leave no
-// file behind.
+// Trim, join and remux of the shipped files: the samples of a new file are
+// the source's samples byte for byte, with their durations, key frames and
+// descriptions; the edit list shows the window asked for; a fragmented
+// source comes out regular; refusals leave no file behind.
+#include "box/fragment_boxes.h"
 #include "edit/editor.h"
 #include "edit/media_copy.h"
 #include "support/co64.h"
@@ -11,6 +12,9 @@ namespace {
 
 const std::string kData = MP4STBL_TEST_DATA;
 const std::string kClip = kData + "/h264_aac.mp4";  // 10 frames at 25/s, a key frame every 4
+// 20 frames in three fragments of 8, 8 and 4 (key frames 1, 9, 17) with
+// negative composition offsets, and 19 AAC frames.
+const std::string kFragmented = kData + "/frag_h264_aac.mp4";
 
 // A sample's bytes, duration, key flag and description index.
 using Sample = std::tuple<Bytes, uint32_t, bool, uint32_t>;
@@ -205,10 +209,158 @@ TEST_F(Edit, JoinAppendsClipsOnOneTimelineAndSharesEqualEntries) {
   EXPECT_EQ(joined.movieDuration, 1200u);
 }
 
+// A sample as a player takes it: bytes, decode time, composition offset,
+// key flag and description.
+using Timed = std::tuple<Bytes, uint64_t, int64_t, bool, uint32_t>;
+
+std::vector<std::vector<Timed>> timedSamples(const std::string& path) {
+  std::vector<std::vector<Timed>> tracks;
+  Mp4File file;
+  EXPECT_TRUE(file.open(path).ok()) << path;
+  const Bytes all = readFile(path);
+  FoundTracks found = findTracks(file);
+  EXPECT_TRUE(found.unreadable.empty());
+  for (const Track& track : found.tracks) {
+    std::vector<Timed>& samples = tracks.emplace_back();
+    EXPECT_EQ(walkSamples(track, [&](const SampleInfo& s) {
+      samples.emplace_back(Bytes(all.begin() + s.offset, all.begin() + s.offset + s.size),
+                           s.decodeTime, s.compositionOffset, s.sync, s.descriptionIndex);
+    }), "");
+  }
+  return tracks;
+}
+
+template <class Box>
+Box* childOfType(Atom& parent) {
+  for (Atom* child : parent.children) {
+    if (auto* box = dynamic_cast<Box*>(child)) return box;
+  }
+  return nullptr;
+}
+
+std::vector<std::string> topLevel(Mp4File& file) {
+  std::vector<std::string> types;
+  for (const Atom* box : file.root.children) types.push_back(box->header.type);
+  return types;
+}
+
+// The fragments come out as one table per track: every sample where and
+// when it was, each run of the fragments one chunk, composition offsets
+// signed (ctts version 1), the media's length in mdhd, movie box first
+// unless asked last. A regular file whose movie box follows its media
+// comes out the same but for the order.
+TEST_F(Edit, RemuxGathersFragmentsIntoOneTable) {
+  for (const bool moovLast : {false, true}) {
+    SCOPED_TRACE(moovLast);
+    EditOptions options;
+    options.moovLast = moovLast;
+    ASSERT_TRUE(remux(kFragmented, out("flat.mp4"), options).ok());
+    EXPECT_TRUE(timedSamples(out("flat.mp4")) == timedSamples(kFragmented));
+    Mp4File flat;
+    ASSERT_TRUE(flat.open(out("flat.mp4")).ok());
+    EXPECT_EQ(topLevel(flat), (moovLast ? std::vector<std::string>{"ftyp", "mdat", "moov"}
+                                        : std::vector<std::string>{"ftyp", "moov", "mdat"}));
+    EXPECT_TRUE(flat.find("moov/mvex").empty());
+    Atom& video = *flat.find("moov/trak/mdia/minf/stbl").front();
+    EXPECT_EQ(childOfType<StscAtom>(video)->entries, (std::vector<StscEntry>{{1, 8, 1}, {3, 4, 1}}));
+    EXPECT_EQ(childOfType<StssAtom>(video)->entries, (std::vector<uint32_t>{1, 9, 17}));
+    EXPECT_EQ(childOfType<CttsAtom>(video)->version, 1);
+    EXPECT_EQ(childOfType<StcoAtom>(video)->entries.size(), 3u);
+    std::vector<uint64_t> durations;
+    for (Atom* mdhd : flat.find("moov/trak/mdia/mdhd")) {
+      durations.push_back(dynamic_cast<MdhdAtom&>(*mdhd).duration);
+    }
+    EXPECT_EQ(durations, (std::vector<uint64_t>{20 * 512, 18 * 1024 + 232}));
+  }
+  ASSERT_TRUE(remux(kClip, out("flat.mp4")).ok());
+  EXPECT_TRUE(timedSamples(out("flat.mp4")) == timedSamples(kClip));
+  EXPECT_EQ(readBack(out("flat.mp4")).edits, readBack(kClip).edits);
+  Mp4File flat;
+  ASSERT_TRUE(flat.open(out("flat.mp4")).ok());
+  EXPECT_EQ(topLevel(flat), (std::vector<std::string>{"ftyp", "free", "moov", "mdat"}));
+}
+
+// The shipped fragmented clip with an edit list on its video track and its
+// video fragments' decode times moved: all of them by `start`, the second
+// and third by `gap` more each. The flattened video decodes from 0, each
+// sample until the next one decodes (a gap lengthens the sample before
+// it); its media times move back by `start`, a segment that would start
+// before the media starts after an empty one, and a segment of no length
+// plays to the end of what the media shows (10240 units of 12800 a second,
+// composition time, movie time scale 1000); alone from 0, it goes.
+TEST_F(Edit, FlattenedEditListsHaveLengths) {
+  using Edits = std::vector<std::vector<uint64_t>>;
+  const uint64_t empty = static_cast<uint64_t>(-1);
+  const struct {
+    std::vector<ElstEntry> elst;
+    uint64_t start, gap;
+    Edits edits;
+    std::vector<SttsEntry> stts;
+  } cases[] = {
+      {{{0, 1024, 1, 0}}, 0, 0, {{720, 1024}}, {{20, 512}}},
+      {{{0, 0, 1, 0}}, 0, 0, {}, {{20, 512}}},
+      {{}, 2560, 0, {{200, empty, 800, 0}}, {{20, 512}}},
+      {{{0, 1024, 1, 0}}, 2560, 0, {{120, empty, 800, 0}}, {{20, 512}}},
+      {{{500, 3072, 1, 0}}, 2560, 0, {{500, 512}}, {{20, 512}}},
+      {{{0, 1024, 1, 0}}, 0, 256, {{760, 1024}},
+       {{7, 512}, {1, 768}, {7, 512}, {1, 768}, {4, 512}}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.start) + " " + std::to_string(c.gap) + " " +
+                 std::to_string(c.elst.size()));
+    Mp4File file;
+    ASSERT_TRUE(file.open(kFragmented).ok());
+    Atom* trak = file.find("moov/trak").front();
+    if (!c.elst.empty()) {
+      Atom* edts = attach<ContainerAtom>(trak, "edts");
+      attach<ElstAtom>(edts, "elst")->entries = c.elst;
+    }
+    uint64_t moved = c.start;
+    for (Atom* traf : file.find("moof/traf")) {
+      if (childOfType<TfhdAtom>(*traf)->trackId != 1) continue;
+      childOfType<TfdtAtom>(*traf)->baseMediaDecodeTime += moved;
+      moved += c.gap;
+    }
+    ASSERT_TRUE(file.save(out("moved.mp4")).ok());
+    ASSERT_TRUE(remux(out("moved.mp4"), out("flat.mp4")).ok());
+    EXPECT_EQ(readBack(out("flat.mp4")).edits, c.edits);
+    Mp4File flat;
+    ASSERT_TRUE(flat.open(out("flat.mp4")).ok());
+    Atom& video = *flat.find("moov/trak/mdia/minf/stbl").front();
+    EXPECT_EQ(childOfType<SttsAtom>(video)->entries, c.stts);
+    const auto source = timedSamples(out("moved.mp4"))[0], flattened = timedSamples(out("flat.mp4"))[0];
+    ASSERT_EQ(flattened.size(), source.size());
+    for (size_t i = 0; i < source.size(); ++i) {
+      EXPECT_EQ(std::get<1>(flattened[i]), std::get<1>(source[i]) - c.start) << i;
+    }
+  }
+}
+
+// A fragmented source trims and joins as its regular remux does.
+TEST_F(Edit, FragmentedSourceEditsLikeItsRemux) {
+  ASSERT_TRUE(remux(kFragmented, out("flat.mp4")).ok());
+  ASSERT_TRUE(trim(kFragmented, 0.35, 0.6, out("a.mp4")).ok());
+  ASSERT_TRUE(trim(out("flat.mp4"), 0.35, 0.6, out("b.mp4")).ok());
+  EXPECT_TRUE(timedSamples(out("a.mp4")) == timedSamples(out("b.mp4")));
+  EXPECT_EQ(readBack(out("a.mp4")).edits, readBack(out("b.mp4")).edits);
+  ASSERT_TRUE(join({kFragmented, out("flat.mp4")}, out("a.mp4")).ok());
+  ASSERT_TRUE(join({out("flat.mp4"), out("flat.mp4")}, out("b.mp4")).ok());
+  EXPECT_TRUE(timedSamples(out("a.mp4")) == timedSamples(out("b.mp4")));
+  EXPECT_EQ(readBack(out("a.mp4")).edits, readBack(out("b.mp4")).edits);
+}
+
 // What an edit refuses, and a job stopped by its caller: a clear reason,
 // no output, no temporary, inputs untouched.
 TEST_F(Edit, RefusalsLeaveNoFile) {
   const Bytes before = readFile(kClip);
+  const ScratchDir inputs("mp4stbl_edit_inputs_");
+  const std::string noTrex = inputs / "no_trex.mp4";
+  Mp4File fragmented;
+  ASSERT_TRUE(fragmented.open(kFragmented).ok());
+  Atom* mvex = fragmented.find("moov/mvex").front();
+  fragmented.find("moov").front()->children.remove(mvex);
+  delete mvex;
+  ASSERT_TRUE(fragmented.save(noTrex).ok());
   EditOptions stop;
   stop.progress = [](uint64_t, uint64_t) { return false; };
   Mp4File many;
@@ -223,7 +375,7 @@ TEST_F(Edit, RefusalsLeaveNoFile) {
       {trim(kClip, 0, 1, kClip).status(), "is one of the inputs"},
       {trim(kData + "/none.mp4", 0, 1, out("a.mp4")).status(), "none.mp4"},
       {join({kClip}, out("a.mp4")).status(), "two files or more"},
-      {trim(kData + "/frag_h264_aac.mp4", 0, 1, out("a.mp4")).status(), "fragmented files cannot be edited"},
+      {remux(noTrex, out("a.mp4")).status(), "track 1 (vide, avc1): has fragments but no trex"},
       {join({kClip, kData + "/hevc.mp4"}, out("a.mp4")).status(), "has 1 track where"},
       {join({kClip, kData + "/prores_apch_aac.mov"}, out("a.mp4")).status(), "is vide/apch"},
       {trim(kClip, 0, 1, out("a.mp4"), stop).status(), "stopped"},

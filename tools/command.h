@@ -27,7 +27,7 @@ struct Options {
   double endTime = -1;
   uint32_t endSample = 0;
   bool after = false;
-  // trim and join
+  // trim, join and remux
   double from = 0;
   double to = 0;
   std::string output;
@@ -65,5 +65,6 @@ int seek(const Options& options);
 int verify(const Options& options);
 int trim(const Options& options);
 int join(const Options& options);
+int remux(const Options& options);
 
 }  // namespace mp4stbl::cli

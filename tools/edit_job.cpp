@@ -49,7 +49,7 @@ class Progress {
 
 }  // namespace
 
-int runEdit(const Options& options, EditJob edit) {
+int runEdit(const Options& options, EditJob edit, bool window) {
   const auto previous = std::signal(SIGINT, &onInterrupt);
   Result<EditReport> done = Status();
   {
@@ -70,13 +70,12 @@ int runEdit(const Options& options, EditJob edit) {
     return fail(about, interrupted != 0 ? "interrupted; no file was written" : done.message());
   }
   // A trim says where it really starts: on the frame showing at --from.
-  const bool trimmed = !options.file.empty();
   if (options.json) {
     nlohmann::json document{{"output", options.output},
                             {"written", true},
                             {"seconds", done->seconds},
                             {"notes", done->notes}};
-    if (trimmed) {
+    if (window) {
       document["from"] = done->from;
       document["to"] = done->to;
     }
@@ -84,7 +83,7 @@ int runEdit(const Options& options, EditJob edit) {
     return 0;
   }
   std::printf("wrote %s", options.output.c_str());
-  if (trimmed) std::printf(" (%.3f s to %.3f s of %s)", done->from, done->to, options.file.c_str());
+  if (window) std::printf(" (%.3f s to %.3f s of %s)", done->from, done->to, options.file.c_str());
   std::printf("\n");
   for (const std::string& note : done->notes) std::printf("note: %s\n", note.c_str());
   return 0;

@@ -29,7 +29,8 @@ void routeLog(bool verbose) {
   mp4stbl::setLogSink(verbose ? mp4stbl::LogSink{&showLine, 0} : mp4stbl::LogSink{&showLine, 4});
 }
 
-constexpr const char* kSubcommands[] = {"info", "dump", "samples", "seek", "verify", "trim", "join"};
+constexpr const char* kSubcommands[] = {"info", "dump", "samples", "seek", "verify", "trim", "join",
+                                           "remux"};
 
 // A value as an error message shows it: escaped, and cut after a few
 // characters so a long one does not fill the screen.
@@ -104,6 +105,7 @@ struct Commands {
   CLI::App* verify;
   CLI::App* trim;
   CLI::App* join;
+  CLI::App* remux;
 };
 
 Commands declare(CLI::App& app, Options& options) {
@@ -164,6 +166,9 @@ Commands declare(CLI::App& app, Options& options) {
   commands.join->add_option("-o,--output", options.output, "the new file")->required();
   commands.join->add_flag("--moov-last", options.moovLast, "movie box after the media data");
   commands.join->footer("Also --json (one JSON document on stdout) and -v (the library's log lines).");
+  commands.remux = command("remux", "the file written anew as a regular, fast-start one");
+  commands.remux->add_option("-o,--output", options.output, "the new file")->required();
+  commands.remux->add_flag("--moov-last", options.moovLast, "movie box after the media data");
   return commands;
 }
 
@@ -176,13 +181,14 @@ int dispatch(const Commands& commands, const Options& options) {
   if (commands.verify->parsed()) return verify(options);
   if (commands.trim->parsed()) return trim(options);
   if (commands.join->parsed()) return join(options);
+  if (commands.remux->parsed()) return remux(options);
   return 2;
 }
 
 }  // namespace
 
 int runCommand(std::vector<std::string> args) {
-  CLI::App app{"Inspect, list, seek, verify, trim and join MP4 files by their sample tables.",
+  CLI::App app{"Inspect, list, seek, verify, trim, join and remux MP4 files by their sample tables.",
                "mp4stbl"};
   app.set_version_flag("--version", "mp4stbl " MP4STBL_VERSION);
   app.require_subcommand(1);
@@ -198,8 +204,8 @@ int runCommand(std::vector<std::string> args) {
                                 named != args.end() ? *named : std::string());
   if (named != args.end() && known == std::end(kSubcommands)) {
     std::fprintf(stderr,
-                 "mp4stbl: unknown subcommand %s: expects info, dump, samples, seek, verify, trim "
-                 "or join\n",
+                 "mp4stbl: unknown subcommand %s: expects info, dump, samples, seek, verify, trim, "
+                 "join or remux\n",
                  shownValue(*named).c_str());
     return 2;
   }

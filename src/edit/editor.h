@@ -1,5 +1,7 @@
-// Lossless editing of whole files: trim a recording to a time window and
-// join clips end to end, without re-encoding. The media data is copied from
+// Lossless editing of whole files: trim a recording to a time window, join
+// clips end to end and rewrite a file as a regular one, without re-encoding.
+// Fragmented sources are edited like any other; what is written is a
+// regular file. The media data is copied from
 // the sources in large blocks; the sample tables of the new file are built
 // with the tables' own crop and merge operations.
 #pragma once
@@ -51,5 +53,12 @@ Result<EditReport> trim(const std::string& input, double from, double to,
 // (handler, coding and time scale, in order).
 Result<EditReport> join(const std::vector<std::string>& inputs, const std::string& output,
                         const EditOptions& options = {});
+
+// Writes `input` to `output` as a regular file with the movie box first
+// (after the media data with moovLast): every sample, its timing and the
+// edit list kept, the fragments of a fragmented file gathered into one
+// sample table per track.
+Result<EditReport> remux(const std::string& input, const std::string& output,
+                         const EditOptions& options = {});
 
 }  // namespace mp4stbl

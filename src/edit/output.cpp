@@ -7,6 +7,7 @@
 #include "box/edit_boxes.h"
 #include "box/log.h"
 #include "box/movie_boxes.h"
+#include "edit/flatten.h"
 
 namespace mp4stbl::edit {
 
@@ -283,9 +284,8 @@ std::unique_ptr<Atom> constantSizeStsz(uint32_t size, uint32_t count) {
 Result<EditableTracks> editableTracks(Mp4File& file, const std::string& path) {
   Status opened = file.open(path);
   if (!opened.ok()) return Status::failure(path + ": " + opened.message());
-  if (!file.find("moof").empty() || !file.find("moov/mvex").empty()) {
-    return Status::failure(path + ": fragmented files cannot be edited");
-  }
+  Status flat = flattenFragments(file);
+  if (!flat.ok()) return Status::failure(path + ": " + flat.message());
   FoundTracks found = findTracks(file);
   if (!found.unreadable.empty()) return Status::failure(path + ": " + found.unreadable.front());
   if (found.tracks.empty()) return Status::failure(path + ": no track with a sample table");

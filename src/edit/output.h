@@ -53,8 +53,9 @@ Status writeEdited(Mp4File& tree, std::vector<NewTrack>& tracks, Layout& layout,
                    const std::vector<IOStream*>& sources, const std::vector<std::string>& inputs,
                    const std::string& output, const EditOptions& options);
 
-// The tracks of a source that an edit can take: all of them readable and
-// not fragmented; they come with their trak boxes, in file order.
+// The tracks of a source that an edit can take, all of them readable; a
+// fragmented source is flattened first. They come with their trak boxes, in
+// file order.
 struct EditableTracks {
   std::string path;
   std::vector<Track> tracks;
