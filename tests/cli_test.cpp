@@ -297,6 +297,15 @@ TEST(CliSeek, FindsTheKeyFrameAndTheBytesToReadThroughStcoOrCo64) {
        {{"track", 1}, {"requestedSample", 2}, {"keyFrame", 5}, {"keyFrameTime", 2048.0 / 12800},
         {"chunk", 5}, {"offset", 5731}, {"chunkOffset", 5731}, {"chunkDistance", 13050 - 5731},
         {"endSample", 10}, {"rangeStart", 5731}, {"rangeLength", 7771}}},
+      // A key frame is its own start, not the one before it.
+      {{"--sample", "5", "--end-sample", "5"},
+       {{"track", 1}, {"requestedSample", 5}, {"keyFrame", 5}, {"keyFrameTime", 2048.0 / 12800},
+        {"chunk", 5}, {"offset", 5731}, {"chunkOffset", 5731}, {"chunkDistance", 0},
+        {"endSample", 5}, {"rangeStart", 5731}, {"rangeLength", 2293}}},
+      {{"--sample", "9", "--after"},
+       {{"track", 1}, {"requestedSample", 9}, {"keyFrame", 9}, {"keyFrameTime", 4096.0 / 12800},
+        {"chunk", 8}, {"offset", 10400}, {"chunkOffset", 9677}, {"chunkDistance", 13050 - 9677},
+        {"endSample", 10}, {"rangeStart", 9677}, {"rangeLength", 13502 - 9677}}},
   };
   for (const std::string& file : {clip, co64}) {
     for (const auto& [position, answer] : cases) {
@@ -342,6 +351,9 @@ TEST(CliRuns, TextOutputExitCodesAndMessages) {
   // a movie fragment box after its media.
   const std::string noFtyp = patched("noftyp.mp4", "ftyp", 0, "free"), moof = scratch("moof.mp4");
   std::ofstream(moof, std::ios::binary) << slurp(clip) << std::string("\0\0\0\x08moof", 8);
+  // The fragmented clip without its fragments: two tracks with no samples.
+  const std::string empty = scratch("empty.mp4"), fragments = slurp(fragmented);
+  std::ofstream(empty, std::ios::binary) << fragments.substr(0, fragments.find("moof") - 4);
   const struct { std::vector<std::string> args; int status; std::string out, err; } cases[] = {
       {{"seek", clip, "--sample", "1"}, 0,
        "track 1: sample 1 -> key frame 1 at 0.000 s, chunk 1, offset 315\n"
@@ -359,6 +371,14 @@ TEST(CliRuns, TextOutputExitCodesAndMessages) {
       {{"seek", fragmented, "--sample", "12", "--end-sample", "13", "--after"}, 0,
        "track 1: sample 12 -> key frame 17 at 0.640 s, chunk 3, offset 11591\n"
        "read bytes 11591..13184 (1593 bytes) to play through sample 17\n", ""},
+      // A key frame asked for, by number or by its time, is where to start.
+      {{"seek", clip, "--time", "0.32"}, 0,
+       "track 1: sample 9 -> key frame 9 at 0.320 s, chunk 8, offset 10400\n", ""},
+      {{"seek", fragmented, "--sample", "9"}, 0,
+       "track 1: sample 9 -> key frame 9 at 0.320 s, chunk 2, offset 6861\n", ""},
+      {{"seek", empty, "--sample", "1"}, 1, "", "mp4stbl: " + empty + ": track 1 has no samples\n"},
+      {{"seek", empty, "--track", "2", "--time", "0"}, 1, "",
+       "mp4stbl: " + empty + ": track 2 has no samples\n"},
       {{"seek", clip, "--sample", "10", "--after"}, 1, "",
        "mp4stbl: " + clip + ": no key frame at or after sample 10; the last one is sample 9\n"},
       {{"seek", clip, "--time", "1:2:3:4"}, 2, "", "--time: expects seconds (12.5) or hh:mm:ss.mmm"},
@@ -410,6 +430,73 @@ TEST(CliRuns, TextOutputExitCodesAndMessages) {
     EXPECT_TRUE(c.err.empty() ? result.err.empty() : result.err.find(c.err) != npos) << result.err;
     EXPECT_LT(result.err.size(), 400u) << result.err;
   }
+}
+
+// Failures as users read them: "mp4stbl: FILE: reason" on stderr, naming
+// once the file that failed (an input, a clip of a join or of its --list,
+// the output), or with --json {"error": reason, "file": FILE} on stdout
+// and nothing on stderr, with the same exit status; a usage error names no
+// file. A failed edit leaves no output and never replaces a device. A
+// --list skips blank lines and comments, and lines may end in CR LF.
+TEST(CliRuns, FailuresNameTheFileThatFailedOnce) {
+  const std::string data = MP4STBL_TEST_DATA, clip = data + "/h264_aac.mp4";
+  const std::string fragmented = data + "/frag_h264_aac.mp4", hevc = data + "/hevc.mp4";
+  const std::string out = scratch("failed.mp4"), missing = scratch("missing.mp4");
+  const std::string nowhere = scratch("nowhere/out.mp4"), noList = scratch("none.txt");
+  const std::string list = scratch("clips.txt"), lone = scratch("lone.txt");
+  std::ofstream(list, std::ios::binary) << "# two clips\n\n" << clip << "\r\n \t\n" << missing << "\n";
+  std::ofstream(lone) << "#" << clip << "\n" << clip << "\n";
+  const std::string edit = "-o", help = "Run with --help for more information.\n";
+  const struct { std::vector<std::string> args; int status; json file; std::string reason; } cases[] = {
+      {{"trim", clip, "--from", "5", "--to", "6", edit, out}, 1, clip,
+       "nothing plays from 5.000 s on"},
+      {{"join", clip, hevc, edit, out}, 1, hevc, "has 1 track where " + clip + " has 2 tracks"},
+      {{"join", "--list", list, edit, out}, 1, missing, "cannot open the file"},
+      {{"join", clip, "--list", noList, edit, out}, 1, noList, "cannot open the list of clips"},
+      {{"trim", clip, "--from", "5", "--to", "6", edit, out}, 1, clip,
+       "nothing plays from 5.000 s on"},
+      {{"trim", clip, "--from", "0", "--to", "1", edit, clip}, 1, clip,
+       "is one of the inputs; write to another file"},
+      {{"trim", clip, "--from", "0", "--to", "1", edit, nowhere}, 1, nowhere,
+       "cannot be created: No such file or directory"},
+      {{"join", clip, clip, edit, "/dev/full"}, 1, "/dev/full", "is not a regular file"},
+      {{"seek", missing, "--sample", "1"}, 1, missing, "cannot open the file"},
+      {{"join", "--list", lone, edit, out}, 2, nullptr,
+       "join: expects two clips or more (FILES and --list), got 1"},
+      {{"seek", clip, "--sample", "0"}, 2, nullptr,
+       "--sample: expects a whole number from 1 to 4294967295, not '0'"},
+      {{"bogus", clip}, 2, nullptr,
+       "unknown subcommand 'bogus': expects info, dump, samples, seek, verify, trim, join or remux"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(json(c.args).dump());
+    const Outcome text = cli(c.args);
+    EXPECT_EQ(text.status, c.status);
+    EXPECT_EQ(text.out, "");
+    EXPECT_EQ(text.err, c.file.is_null() ? "mp4stbl: " + c.reason + "\n" + help
+                                         : "mp4stbl: " + c.file.get<std::string>() + ": " +
+                                               c.reason + "\n");
+    std::vector<std::string> args = c.args;
+    args.push_back("--json");
+    const Outcome document = cli(args);
+    EXPECT_EQ(document.status, c.status);
+    EXPECT_EQ(document.err, "");
+    EXPECT_EQ(document.doc(), (json{{"error", c.reason}, {"file", c.file}}));
+    EXPECT_FALSE(fs::exists(out));
+  }
+  EXPECT_TRUE(fs::is_character_file("/dev/full"));
+  EXPECT_FALSE(fs::exists(fs::path(nowhere).parent_path()));
+  // A walk that fails part way ends its one document with the error.
+  const std::string fewChunks = patched("fewchunks.mp4", "stco", 8, std::string("\0\0\0\x08", 4));
+  const Outcome walked = cli({"samples", fewChunks, "--track", "1", "--json"});
+  EXPECT_EQ(walked.status, 1);
+  EXPECT_EQ(walked.err, "");
+  EXPECT_EQ(walked.doc()["samples"].size(), 9u);
+  EXPECT_EQ(walked.doc()["error"],
+            "track 1 (vide, avc1): sample 10 lies in chunk 9, past the 8 chunks of stco");
+  const Outcome joined = cli({"join", clip, "--list", lone, edit, out});
+  ASSERT_EQ(joined.status, 0) << joined.err;
+  EXPECT_EQ(cli({"info", out, "--json"}).doc()["tracks"][0]["samples"], 20);
 }
 
 // The bytes of every sample of every track, in decode order, and of the

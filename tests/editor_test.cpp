@@ -2,6 +2,11 @@
 // the source's samples byte for byte, with their durations, key frames and
 // descriptions; the edit list shows the window asked for; a fragmented
 // source comes out regular; refusals leave no file behind.
+#include <sys/wait.h>
+
+#include <csignal>
+#include <fstream>
+
 #include "box/fragment_boxes.h"
 #include "edit/editor.h"
 #include "edit/media_copy.h"
@@ -386,6 +391,46 @@ TEST_F(Edit, RefusalsLeaveNoFile) {
   }
   expectFiles({"many.mp4"});
   EXPECT_TRUE(readFile(kClip) == before);
+}
+
+// A job stopped by its caller or killed mid-way leaves nothing beside its
+// target, and a file already there as it was: the new file has no name
+// until it is whole. The killed job is a child process stopped in the
+// middle of copying the media, after the movie box went to the file.
+TEST_F(Edit, StoppedOrKilledJobLeavesNothingBesideTheTarget) {
+  std::ofstream(out("old.mp4")) << "old";
+  EditOptions stop;
+  stop.progress = [](uint64_t, uint64_t) { return false; };
+  EXPECT_NE(trim(kClip, 0, 1, out("old.mp4"), stop).message().find("stopped"), std::string::npos);
+  EXPECT_NE(join({kClip, kClip}, out("new.mp4"), stop).message().find("stopped"),
+            std::string::npos);
+  expectFiles({"old.mp4"});
+  EXPECT_EQ(readFile(out("old.mp4")), (Bytes{'o', 'l', 'd'}));
+
+  int midway[2];
+  ASSERT_EQ(pipe(midway), 0);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    EditOptions hold;
+    hold.progress = [&midway](uint64_t, uint64_t) {
+      const char mark = 'x';
+      if (write(midway[1], &mark, 1) == 1) pause();
+      return false;
+    };
+    _exit(trim(kClip, 0, 1, out("killed.mp4"), hold).ok() ? 0 : 1);
+  }
+  close(midway[1]);
+  char mark = 0;
+  EXPECT_EQ(read(midway[0], &mark, 1), 1);
+  close(midway[0]);
+  expectFiles({"old.mp4"});
+  kill(child, SIGKILL);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+  expectFiles({"old.mp4"});
+  EXPECT_EQ(readFile(out("old.mp4")), (Bytes{'o', 'l', 'd'}));
 }
 
 }  // namespace

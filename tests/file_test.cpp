@@ -1,6 +1,10 @@
 // Whole files: the shipped encoder output read and written back byte for
 // byte (the command's tests compare it and a wider corpus with ffprobe),
 // saved to disk, and files built past 4 GiB.
+#include <sys/resource.h>
+
+#include <cerrno>
+#include <csignal>
 #include <fstream>
 
 #include "support/test.h"
@@ -18,10 +22,11 @@ TEST(RealFiles, ShippedFilesRoundTrip) {
   }
 }
 
-// A save writes a new file whole, through a temporary beside it; it refuses
-// the file being read, however spelled, and leaves no partial file behind.
-// The open file may be named like the temporary a save makes beside its
-// target: saving must neither write over it nor remove it.
+// A save writes a new file whole, unnamed until it is linked into place;
+// it refuses the file being read, however spelled, and what is not a
+// regular file, and leaves no partial file behind. A file at the target is
+// replaced whole. The open file may be named like the temporary a save
+// makes beside its target: saving must neither write over it nor remove it.
 TEST(RealFiles, SaveWritesANewFileOrNothing) {
   const ScratchDir dir("mp4stbl_save");
   const std::string source = dir / "clip.mp4", part = dir / "part.mp4.part";
@@ -30,20 +35,29 @@ TEST(RealFiles, SaveWritesANewFileOrNothing) {
   fs::copy_file(std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4", source);
   fs::copy_file(source, part);
   std::ofstream(dir / "old.mp4") << "old";
+  std::ofstream(dir / "replaced.mp4") << "replaced";
   const Bytes original = readFile(source);
   Mp4File file, partFile;
   ASSERT_TRUE(file.open(source).ok() && partFile.open(part).ok());
-  const std::pair<std::string, bool> cases[] = {
-      {dir / "copy.mp4", true},          {source, false},
-      {dir / "./clip.mp4", false},       {dir / "adir/../clip.mp4", false},
-      {dir / "missing/out.mp4", false},  {dir / "adir", false},
+  const std::pair<std::string, std::string> cases[] = {
+      {dir / "copy.mp4", ""},
+      {dir / "replaced.mp4", ""},
+      {source, "cannot be written over while it is read"},
+      {dir / "./clip.mp4", "cannot be written over while it is read"},
+      {dir / "adir/../clip.mp4", "cannot be written over while it is read"},
+      {dir / "missing/out.mp4", "cannot be created: No such file or directory"},
+      {dir / "adir", "is not a regular file"},
+      {"/dev/null", "is not a regular file"},
   };
-  for (const auto& [target, ok] : cases) {
-    EXPECT_EQ(file.save(target).ok(), ok) << target;
+  for (const auto& [target, refusal] : cases) {
+    const Status saved = file.save(target);
+    EXPECT_EQ(saved.message(), refusal.empty() ? "" : target + ": " + refusal);
     EXPECT_EQ(readFile(source), original) << target;
   }
   EXPECT_EQ(readFile(dir / "copy.mp4"), original);
+  EXPECT_EQ(readFile(dir / "replaced.mp4"), original);
   EXPECT_TRUE(fs::is_directory(dir / "adir"));
+  EXPECT_TRUE(fs::is_character_file("/dev/null"));
   const bool saved = partFile.save(dir / "part.mp4").ok();
   EXPECT_EQ(readFile(part), original);
   EXPECT_EQ(readFile(dir / "part.mp4"), saved ? original : Bytes{});
@@ -52,7 +66,42 @@ TEST(RealFiles, SaveWritesANewFileOrNothing) {
   EXPECT_FALSE(file.save(dir / "old.mp4").ok());
   EXPECT_EQ(readFile(dir / "old.mp4"), (Bytes{'o', 'l', 'd'}));
   EXPECT_EQ(dir.names(), (std::vector<std::string>{"adir", "clip.mp4", "copy.mp4", "old.mp4",
-                                                   "part.mp4", "part.mp4.part"}));
+                                                   "part.mp4", "part.mp4.part", "replaced.mp4"}));
+}
+
+// A write the system refuses says why, as the system puts it: a device
+// with no room (/dev/full) fails a write past the stream's buffer and the
+// flush of a buffered one; a file past the process's size limit fails its
+// save with the reason first, then what was being written, and leaves
+// nothing behind.
+TEST(RealFiles, WriteFailuresGiveTheSystemsReason) {
+  LogCapture quiet;
+  const std::vector<unsigned char> block(2u << 20);
+  FileStream full;
+  ASSERT_EQ(full.open("/dev/full", FileStream::Mode::Write), 0);
+  EXPECT_EQ(full.write(block.data(), static_cast<unsigned>(block.size())), -1);
+  EXPECT_EQ(full.error(), ENOSPC);
+  ASSERT_EQ(full.open("/dev/full", FileStream::Mode::Write), 0);
+  EXPECT_EQ(full.error(), 0);
+  EXPECT_EQ(full.write(block.data(), 10), 10);
+  EXPECT_EQ(full.close(), -1);
+  EXPECT_EQ(full.error(), ENOSPC);
+
+  const ScratchDir dir("mp4stbl_limit");
+  Mp4File file;
+  ASSERT_TRUE(file.open(std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4").ok());
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+  const auto previous = std::signal(SIGXFSZ, SIG_IGN);
+  rlimit small = before;
+  small.rlim_cur = 4096;
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+  const Status saved = file.save(dir / "big.mp4");
+  setrlimit(RLIMIT_FSIZE, &before);
+  std::signal(SIGXFSZ, previous);
+  EXPECT_EQ(saved.message().rfind(dir / "big.mp4: cannot be written: File too large (detail: ", 0),
+            0u) << saved.message();
+  EXPECT_EQ(dir.names(), std::vector<std::string>());
 }
 
 // Room claimed ahead for the media does not lengthen the file: a job that

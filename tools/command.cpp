@@ -21,8 +21,26 @@ std::string shownName(const std::string& name) {
 }  // namespace
 
 int fail(const Options& options, const std::string& what) {
-  report(options, what);
+  if (options.json) {
+    printJson(failureDocument(what, options.file));
+  } else {
+    report(options, what);
+  }
   return kFailure;
+}
+
+int usageError(bool json, const std::string& what) {
+  if (json) {
+    printJson(failureDocument(what, nullptr));
+  } else {
+    std::fprintf(stderr, "mp4stbl: %s\nRun with --help for more information.\n",
+                 printable(what).c_str());
+  }
+  return kUsage;
+}
+
+nlohmann::json failureDocument(const std::string& what, nlohmann::json file) {
+  return {{"error", printable(what)}, {"file", std::move(file)}};
 }
 
 void report(const Options& options, const std::string& what) {

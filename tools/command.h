@@ -15,6 +15,7 @@
 namespace mp4stbl::cli {
 
 constexpr int kFailure = 1;
+constexpr int kUsage = 2;
 
 struct Options {
   std::string file;
@@ -34,12 +35,19 @@ struct Options {
   bool keyframe = false;
   bool moovLast = false;
   std::vector<std::string> inputs;
+  std::string list;  // join: a file naming more clips
 };
 
 // Prints "mp4stbl: FILE: what" on stderr, bytes that are not printable
-// escaped as \xNN; fail returns kFailure.
+// escaped as \xNN; with --json, failureDocument on stdout instead. fail
+// returns kFailure.
 int fail(const Options& options, const std::string& what);
 void report(const Options& options, const std::string& what);
+// A usage error: "mp4stbl: what" and a pointer to --help on stderr, or
+// with --json failureDocument with no file on stdout; returns kUsage.
+int usageError(bool json, const std::string& what);
+// {"error": what, "file": file}, what printable.
+nlohmann::json failureDocument(const std::string& what, nlohmann::json file);
 
 // A file read with its tracks.
 struct Opened {

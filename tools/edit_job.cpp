@@ -6,6 +6,10 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
 
 #include "edit_job.h"
 
@@ -47,6 +51,30 @@ class Progress {
   bool shown_ = false;
 };
 
+// The file a message of the editor is about, and the message without its
+// name. The editor starts a message with the path of the input or output it
+// is about, followed by ": " or a space; one that names none is about the
+// input of a trim, unless it is about the new file, and about the output of
+// a join, whose clips it does not tell apart.
+std::pair<std::string, std::string> namedFile(const Options& options, const std::string& message) {
+  std::vector<std::string> paths = options.inputs;
+  paths.push_back(options.file);
+  paths.push_back(options.output);
+  const std::string* named = nullptr;
+  for (const std::string& path : paths) {
+    const bool leads = !path.empty() && message.size() > path.size() &&
+                       message.compare(0, path.size(), path) == 0 &&
+                       (message[path.size()] == ':' || message[path.size()] == ' ');
+    if (leads && (named == nullptr || path.size() > named->size())) named = &path;
+  }
+  if (named != nullptr) {
+    const size_t from = named->size() + (message.compare(named->size(), 2, ": ") == 0 ? 2 : 1);
+    return {*named, message.substr(from)};
+  }
+  const bool aboutOutput = options.file.empty() || message.rfind("the new file", 0) == 0;
+  return {aboutOutput ? options.output : options.file, message};
+}
+
 }  // namespace
 
 int runEdit(const Options& options, EditJob edit, bool window) {
@@ -64,10 +92,15 @@ int runEdit(const Options& options, EditJob edit, bool window) {
   }
   std::signal(SIGINT, previous);
   if (!done.ok()) {
-    // Messages name the output; those about an input name the input themselves.
     Options about = options;
-    if (about.file.empty()) about.file = options.output;
-    return fail(about, interrupted != 0 ? "interrupted; no file was written" : done.message());
+    std::string reason;
+    if (interrupted != 0) {
+      about.file = options.output;
+      reason = "interrupted; no file was written";
+    } else {
+      std::tie(about.file, reason) = namedFile(options, done.message());
+    }
+    return fail(about, reason);
   }
   // A trim says where it really starts: on the frame showing at --from.
   if (options.json) {

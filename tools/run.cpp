@@ -161,8 +161,9 @@ Commands declare(CLI::App& app, Options& options) {
   commands.trim->add_flag("--moov-last", options.moovLast, "movie box after the media data");
   commands.join = app.add_subcommand("join", "a new file holding clips one after the other");
   commands.join->add_option("FILES", options.inputs, "the clips, in playing order")
-      ->required()
-      ->expected(2, -1);
+      ->expected(1, -1);
+  commands.join->add_option("--list", options.list,
+                            "a file naming more clips, one path a line, played after FILES");
   commands.join->add_option("-o,--output", options.output, "the new file")->required();
   commands.join->add_flag("--moov-last", options.moovLast, "movie box after the media data");
   commands.join->footer("Also --json (one JSON document on stdout) and -v (the library's log lines).");
@@ -182,7 +183,7 @@ int dispatch(const Commands& commands, const Options& options) {
   if (commands.trim->parsed()) return trim(options);
   if (commands.join->parsed()) return join(options);
   if (commands.remux->parsed()) return remux(options);
-  return 2;
+  return kUsage;
 }
 
 }  // namespace
@@ -202,19 +203,20 @@ int runCommand(std::vector<std::string> args) {
                                   [](const std::string& arg) { return arg.rfind('-', 0) != 0; });
   const auto* known = std::find(std::begin(kSubcommands), std::end(kSubcommands),
                                 named != args.end() ? *named : std::string());
+  // A usage error is reported as JSON too when --json is among the words.
+  const bool json = std::find(args.begin(), args.end(), "--json") != args.end();
   if (named != args.end() && known == std::end(kSubcommands)) {
-    std::fprintf(stderr,
-                 "mp4stbl: unknown subcommand %s: expects info, dump, samples, seek, verify, trim, "
-                 "join or remux\n",
-                 shownValue(*named).c_str());
-    return 2;
+    return usageError(json, "unknown subcommand " + shownValue(*named) +
+                                ": expects info, dump, samples, seek, verify, trim, join or remux");
   }
   std::reverse(args.begin(), args.end());  // CLI11 takes the last argument first
   try {
     app.parse(args);
   } catch (const CLI::ParseError& error) {
+    // --help and --version end the parse with status 0.
+    if (json && error.get_exit_code() != 0) return usageError(json, shortened(error.what()));
     const int status = app.exit(error);
-    return status == 0 ? 0 : 2;
+    return status == 0 ? 0 : kUsage;
   }
   // A table that cannot grow throws; the command reports it like any failure.
   try {

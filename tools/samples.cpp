@@ -53,9 +53,17 @@ int samples(const Options& options) {
   for (bool first = true; step.ok() && *step != nullptr; step = walker.next(), first = false) {
     printRow(**step, track->timescale(), options.json, first);
   }
-  if (options.json) std::printf("\n]}\n");
-  if (!step.ok()) return fail(options, step.message());
-  return 0;
+  if (!options.json) return step.ok() ? 0 : fail(options, step.message());
+  // A walk that fails ends the one document with the error.
+  std::printf("\n]");
+  if (!step.ok()) {
+    const nlohmann::json failure = failureDocument(step.message(), options.file);
+    std::printf(", \"error\": %s", failure["error"].dump(-1, ' ', false,
+                                                         nlohmann::json::error_handler_t::replace)
+                                       .c_str());
+  }
+  std::printf("}\n");
+  return step.ok() ? 0 : kFailure;
 }
 
 }  // namespace mp4stbl::cli

@@ -68,6 +68,9 @@ int seek(const Options& options) {
   if (!opened) return kFailure;
   const Track* track = findTrack(options, *opened);
   if (track == nullptr) return kFailure;
+  if (track->sampleCount() == 0) {
+    return fail(options, "track " + std::to_string(track->id()) + " has no samples");
+  }
   const uint32_t asked = sampleFor(*track, options.time, options.sample);
   if (asked == 0 || asked > track->sampleCount()) {
     return fail(options, "track " + std::to_string(track->id()) + " has no sample " +

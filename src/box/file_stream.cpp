@@ -1,6 +1,7 @@
 #include "box/file_stream.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <limits>
@@ -45,6 +46,7 @@ FileStream::~FileStream() { close(); }
 
 int FileStream::open(const std::string& path, Mode mode) {
   close();
+  error_ = 0;
   // The buffer is taken at the first open, so that a stream never opened
   // costs nothing. Reading buffers in the window, so the file itself does
   // not.
@@ -56,9 +58,11 @@ int FileStream::open(const std::string& path, Mode mode) {
   }
   std::ios_base::openmode how = std::ios_base::binary;
   how |= mode == Mode::Read ? std::ios_base::in : std::ios_base::out | std::ios_base::trunc;
+  errno = 0;
   if (!file_.open(path, how)) {
-    QX_LOG_Printf("IO", 3, "open %s for %s failed\n", path.c_str(),
-                  mode == Mode::Read ? "reading" : "writing");
+    noteError();
+    QX_LOG_Printf("IO", 3, "open %s for %s failed: %s\n", path.c_str(),
+                  mode == Mode::Read ? "reading" : "writing", std::strerror(error_));
     return -1;
   }
   mode_ = mode;
@@ -85,7 +89,15 @@ int FileStream::open(const std::string& path, Mode mode) {
 
 int FileStream::close() {
   if (!file_.is_open()) return 0;
-  return guarded([this] { return file_.close() != nullptr; }, false) ? 0 : -1;
+  errno = 0;
+  if (guarded([this] { return file_.close() != nullptr; }, false)) return 0;
+  noteError();
+  return -1;
+}
+
+// The first failure is the reason: later ones follow from it.
+void FileStream::noteError() {
+  if (error_ == 0) error_ = errno;
 }
 
 bool FileStream::isOpen() const { return file_.is_open(); }
@@ -141,9 +153,13 @@ int FileStream::readFile(char* buffer, unsigned count) {
 
 int FileStream::write(const unsigned char* buffer, unsigned count) {
   if (!file_.is_open() || mode_ != Mode::Write) return -1;
+  count = std::min(count, kMaxCall);
+  errno = 0;
   const std::streamsize put = guarded(
-      [&] { return file_.sputn(reinterpret_cast<const char*>(buffer), std::min(count, kMaxCall)); },
+      [&] { return file_.sputn(reinterpret_cast<const char*>(buffer), count); },
       std::streamsize{-1});
+  // A short put is a buffer the file did not take.
+  if (put < static_cast<std::streamsize>(count)) noteError();
   if (put <= 0 && count > 0) return -1;
   position_ += put;
   length_ = std::max(length_, position_);
@@ -161,8 +177,10 @@ int FileStream::seek(long long offset) {
   // A seek of the file buffer drops what it holds; staying put keeps it.
   if (offset == position_) return 0;
   const std::streampos failed(-1);
+  errno = 0;
   if (guarded([&] { return file_.pubseekpos(std::streampos(offset), std::ios_base::out); },
               failed) == failed) {
+    noteError();
     return -1;
   }
   position_ = offset;
@@ -217,7 +235,11 @@ void FileStream::reserve(uint64_t length) {
 uint64_t FileStream::copyInKernel(FileStream& source, uint64_t offset, uint64_t length) {
   uint64_t moved = 0;
 #if defined(__linux__)
-  if (guarded([this] { return file_.pubsync(); }, -1) != 0) return 0;
+  errno = 0;
+  if (guarded([this] { return file_.pubsync(); }, -1) != 0) {
+    noteError();
+    return 0;
+  }
   const int in = ::open(source.path_.c_str(), O_RDONLY | O_CLOEXEC);
   const int out = ::open(path_.c_str(), O_WRONLY | O_CLOEXEC);
   loff_t from = static_cast<loff_t>(offset), to = static_cast<loff_t>(position_);

@@ -30,6 +30,10 @@ class FileStream : public IOStream, public RangeSink {
   int open(const std::string& path, Mode mode);  // 0 or -1
   int close();                                   // flushes; 0 or -1
   bool isOpen() const;
+  // The system's error number (errno) of the first open, write, seek or
+  // close that failed since open(); 0 when none did or the system gave
+  // none.
+  int error() const { return error_; }
 
   int read(unsigned char* buffer, unsigned count) override;
   int write(const unsigned char* buffer, unsigned count) override;
@@ -47,6 +51,7 @@ class FileStream : public IOStream, public RangeSink {
  private:
   uint64_t copyInKernel(FileStream& source, uint64_t offset, uint64_t length);
   unsigned fromWindow(unsigned char* buffer, unsigned count);
+  void noteError();
   int readFile(char* buffer, unsigned count);
 
   std::filebuf file_;
@@ -60,6 +65,7 @@ class FileStream : public IOStream, public RangeSink {
   long long windowStart_ = 0;  // file offset of buffer_[0] when reading
   unsigned windowSize_ = 0;
   long long filePosition_ = 0;  // where the unbuffered file stands
+  int error_ = 0;
 };
 
 }  // namespace mp4stbl

@@ -10,6 +10,7 @@
 #include "box/fragment_boxes.h"
 #include "box/log.h"
 #include "box/movie_boxes.h"
+#include "box/new_file.h"
 #include "box/table_reason.h"
 #include "stbl.h"
 
@@ -451,32 +452,31 @@ Status Mp4File::save(const std::string& path) {
   namespace fs = std::filesystem;
   std::error_code ignored;
   if (!path_.empty() && (path == path_ || fs::equivalent(path, path_, ignored))) {
-    return Status::failure(path + " cannot be written over while it is read");
+    return Status::failure(path + ": cannot be written over while it is read");
   }
-  // A name no file has yet: the temporary never replaces anything, the file
-  // being read included.
-  std::string temporary = path + ".part";
-  for (int n = 1; fs::exists(temporary, ignored) && n < 1000; ++n) {
-    temporary = path + ".part" + std::to_string(n);
+  // A device, a pipe or a directory is never replaced by a file.
+  const fs::file_status there = fs::status(path, ignored);
+  if (fs::exists(there) && !fs::is_regular_file(there)) {
+    return Status::failure(path + ": is not a regular file");
   }
-  if (fs::exists(temporary, ignored)) return Status::failure("no free name for " + temporary);
-  Status written;
-  {
-    FailureNote note;
-    FileStream out;
-    if (out.open(temporary, FileStream::Mode::Write) != 0) {
-      return statusOf(-1, note, "cannot create the file");
-    }
-    written = write(&out);
-    if (written.ok() && out.close() != 0) written = statusOf(-1, note, "cannot finish the file");
-    if (!written.ok()) written = Status::failure("writing " + path + ": " + written.message());
+  NewFile target(path);
+  FileStream out;
+  Status opened = target.open(out);
+  if (!opened.ok()) return Status::failure(path + ": " + opened.message());
+  Status written = write(&out);
+  if (written.ok() && out.close() != 0) {
+    written = Status::failure("offset:" + std::to_string(out.getOffset()) + ", close fail");
   }
-  if (written.ok()) {
-    fs::rename(temporary, path, ignored);
-    if (ignored) written = Status::failure("cannot rename " + temporary + " to " + path);
+  if (!written.ok()) {
+    // The system's reason first, then what the writer was doing.
+    const std::string detail = written.message();
+    const std::string reason = systemReason(out.error(), detail);
+    return Status::failure(path + ": cannot be written: " + reason +
+                           (out.error() != 0 && !detail.empty() ? " (detail: " + detail + ")" : ""));
   }
-  if (!written.ok()) fs::remove(temporary, ignored);
-  return written;
+  Status kept = target.keep();
+  if (!kept.ok()) return Status::failure(path + ": " + kept.message());
+  return Status();
 }
 
 std::vector<Atom*> Mp4File::find(const std::string& path) {

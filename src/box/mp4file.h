@@ -106,8 +106,11 @@ class Mp4File {
   Status read(IOStream* stream);
   // Writes the tree back.
   Status write(IOStream* out);
-  // Writes the tree to a new file at path, through a temporary beside it,
-  // so a failure leaves no partial file. The file being read is refused.
+  // Writes the tree to a new file at path, which appears there only once
+  // it is whole (see NewFile): a failure, or a process killed mid-way,
+  // leaves no partial file. A file at path is replaced; the file being read,
+  // and a path that is not a regular file (a device, a directory), are
+  // refused. Messages start with the path.
   Status save(const std::string& path);
 
   // Whether open() got as far as opening the file.
