@@ -182,7 +182,9 @@ json mediaSummary(Mp4File& file, const Track& track) {
       media["displayHeight"] = height;
     }
   }
-  if (const auto* audio = dynamic_cast<const AudioSampleEntry*>(entry)) addSound(*audio, track, media);
+  if (const auto* audio = dynamic_cast<const AudioSampleEntry*>(entry)) {
+    addSound(*audio, track, media);
+  }
   if (track.handler() == "vide") addFrameRate(track, media);
   if (entry != nullptr) {
     const json codec = codecOf(*entry);

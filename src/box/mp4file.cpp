@@ -349,10 +349,6 @@ std::string trackAt(IOStream* stream, uint64_t position) {
   return found;
 }
 
-}  // namespace
-
-namespace {
-
 Atom* childNamed(const Atom* parent, const char* type) {
   if (parent == nullptr) return nullptr;
   for (Atom* child : parent->children) {
@@ -371,7 +367,9 @@ class FieldFit {
     static_assert(std::is_unsigned_v<Value>, "the entries' fields are unsigned");
     if (!take(sizeof value)) return;
     value = 0;
-    for (size_t i = at_ - sizeof value; i < at_; ++i) value = static_cast<Value>(value << 8 | bytes_[i]);
+    for (size_t i = at_ - sizeof value; i < at_; ++i) {
+      value = static_cast<Value>(value << 8 | bytes_[i]);
+    }
   }
   template <size_t N>
   void operator()(std::array<uint8_t, N>&) {
@@ -431,7 +429,8 @@ void readEntriesByHandler(IOStream* stream, Atom& root) {
     if (moov->header.type != "moov") continue;
     for (const Atom* trak : moov->children) {
       const Atom* mdia = trak->header.type == "trak" ? childNamed(trak, "mdia") : nullptr;
-      const PlainEntry plain = mdia != nullptr ? plainEntryFor(mdia) : PlainEntry{nullptr, nullptr};
+      const PlainEntry plain =
+          mdia != nullptr ? plainEntryFor(mdia) : PlainEntry{nullptr, nullptr};
       Atom* stsd = childNamed(childNamed(childNamed(mdia, "minf"), "stbl"), "stsd");
       if (plain.make == nullptr || stsd == nullptr) continue;
       for (Atom*& entry : stsd->children) {

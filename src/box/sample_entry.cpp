@@ -31,8 +31,8 @@ bool isRunOfBoxes(const std::vector<unsigned char>& bytes, size_t length) {
 // A run of boxes closed by a 4-byte zero word, as QuickTime ends the
 // children of a sample description.
 bool isTerminatedRun(const std::vector<unsigned char>& bytes) {
-  return bytes.size() >= kTerminator &&
-         std::all_of(bytes.end() - kTerminator, bytes.end(), [](unsigned char b) { return b == 0; }) &&
+  const auto isZero = [](unsigned char byte) { return byte == 0; };
+  return bytes.size() >= kTerminator && std::all_of(bytes.end() - kTerminator, bytes.end(), isZero) &&
          isRunOfBoxes(bytes, bytes.size() - kTerminator);
 }
 
@@ -80,7 +80,8 @@ int readEntry(Entry& entry, IOStream* stream) {
 
 int writeEntryChildren(Atom& entry, bool terminated, IOStream* stream) {
   if (entry.Atom::writeChildren(stream) != 0) return -1;
-  return terminated ? writeRawBytes(stream, std::vector<unsigned char>(static_cast<size_t>(kTerminator), 0)) : 0;
+  const std::vector<unsigned char> zero(static_cast<size_t>(kTerminator), 0);
+  return terminated ? writeRawBytes(stream, zero) : 0;
 }
 
 template <class Entry>
