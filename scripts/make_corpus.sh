@@ -5,7 +5,8 @@
 #                                           start, several tracks, NTSC rates,
 #                                           B-frames, G.711 audio, a known
 #                                           H.264 profile and level,
-#                                           languages and fragmented files
+#                                           languages, fragmented files and
+#                                           entries of many more codings
 # The small set holds B-frames (composition offsets) in a track that starts
 # late (an edit list that begins with an empty edit), and a fragmented file.
 # The flags are chosen so that one ffmpeg build always writes the same bytes:
@@ -140,6 +141,10 @@ make frag_cmaf_negative_cts.mp4 -map 0:v -map 1:a "${X264B[@]}" -g 24 "${AAC[@]}
 video 96x64 25 2 && tone 22050 2
 make frag_table_first.mp4 -map 0:v -map 1:a "${X264[@]}" -g 12 "${AAC[@]}" \
   -movflags +frag_keyframe
+# An empty moov written late: each edit lasts 0, the length being unknown.
+video 96x64 25 2 && tone 22050 2
+make frag_delay_moov.mp4 -map 0:v -map 1:a "${X264[@]}" -g 12 "${AAC[@]}" \
+  -movflags +frag_keyframe+empty_moov+delay_moov
 video 64x48 25 1.2 && tone 44100 1.2
 make frag_hevc_base_offset.mp4 -map 0:v -map 1:a "${X265[@]}" -g 10 "${AAC[@]}" \
   -movflags +frag_keyframe+empty_moov

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # More real files for the --wide corpus (scripts/make_corpus.sh calls it):
 # other audio and video codecs, timecode and chapter tracks, a one-frame
-# video, files cut short, and files written by GStreamer's mp4mux and qtmux.
+# video, files cut short, and files written by GStreamer's mp4mux and qtmux
+# (whose sample descriptions end with a zero word).
 #   scripts/make_corpus_more.sh OUTDIR
 # Sources are synthetic with fixed sizes and lengths, so each build of the
 # tools writes files of the same sizes.
@@ -55,6 +56,22 @@ ff vp9_opus.mp4 -f lavfi -i "$(video 96x64 1)" -f lavfi -i "$(tone 48000 1)" \
   -map 0:v -map 1:a -c:v libvpx-vp9 -deadline realtime -cpu-used 8 -threads 1 -c:a libopus
 ff av1_flac.mp4 -f lavfi -i "$(video 64x48 0.4)" -f lavfi -i "$(tone 44100 0.4)" \
   -map 0:v -map 1:a -c:v libaom-av1 -cpu-used 8 -threads 1 -c:a flac -strict -2
+# Entries known only by their track's handler: QuickTime video codings
+# (DNxHR, MPEG-2, 10-bit 4:2:2, Animation, PNG, uncompressed) and IMA ADPCM;
+# ALAC at 96 kHz, past the entry's 16.16 rate; AC-3 and E-AC-3 5.1, whose
+# channels only dac3 and dec3 tell; Vorbis in esds.
+ff dnxhr.mov -f lavfi -i "testsrc2=size=256x120:rate=25:duration=0.2" -c:v dnxhd \
+  -profile:v dnxhr_lb -pix_fmt yuv422p
+ff mpeg2.mov -f lavfi -i "$(video 64x48 0.2)" -c:v mpeg2video
+ff v210.mov -f lavfi -i "$(video 64x48 0.2)" -c:v v210
+ff qtrle.mov -f lavfi -i "$(video 64x48 0.2)" -c:v qtrle
+ff png.mov -f lavfi -i "$(video 64x48 0.2)" -c:v png
+ff raw.mov -f lavfi -i "$(video 64x48 0.2)" -c:v rawvideo -pix_fmt rgb24
+ff ima4.mov -f lavfi -i "$(tone 48000 0.2)" -c:a adpcm_ima_qt
+ff alac_96k.mp4 -f lavfi -i "$(tone 96000 0.2)" -c:a alac
+ff ac3_51.mp4 -f lavfi -i "$(tone 48000 0.2)" -c:a ac3 -ac 6
+ff eac3_51.mp4 -f lavfi -i "$(tone 48000 0.2)" -c:a eac3 -ac 6
+ff vorbis.mp4 -f lavfi -i "$(tone 48000 0.2)" -c:a vorbis -ac 2 -strict -2
 ff timecode.mov -f lavfi -i "$(video 64x48 0.4)" "${X264[@]}" -timecode 01:00:00:00
 chapter() { printf '[CHAPTER]\nTIMEBASE=1/1000\nSTART=%s\nEND=%s\ntitle=%s\n' "$@"; }
 { echo ';FFMETADATA1'; chapter 0 500 One; chapter 500 1000 Two; } >"$out/.chapters.txt"
@@ -80,5 +97,6 @@ AUDIO=(audiotestsrc num-buffers=20 samplesperbuffer=1024 ! audio/x-raw,rate=4410
 gst gst_h264.mp4 "${VIDEO[@]}" ! "${H264[@]}" ! mp4mux
 gst gst_mp3.mov "${AUDIO[@]}" ! audioconvert ! lamemp3enc ! mpegaudioparse ! qtmux
 gst gst_pcm.mov "${AUDIO[@]}",format=S16LE ! qtmux
+gst gst_h264.mov "${VIDEO[@]}" ! "${H264[@]}" ! qtmux
 gst gst_h264_aac.mp4 "${VIDEO[@]}" ! "${H264[@]}" ! mux. \
   "${AUDIO[@]}" ! audioconvert ! avenc_aac ! aacparse ! mux. mp4mux name=mux

@@ -37,6 +37,9 @@ struct Fragmented {
   // moof (data offset 132, size 8, duration 40 from tfhd), the second
   // from the end of the first one's data (size 9, key frame by tfhd).
   Bytes mdat2 = Bytes(17, 0xBB);
+  // Edits (segment duration, media time); with any, an mvhd of time scale
+  // 1000 and an edts are added.
+  std::vector<std::pair<uint32_t, int32_t>> edits;
 
   Bytes bytes() const {
     using W = ByteWriter;
@@ -50,7 +53,14 @@ struct Fragmented {
                        boxOf("minf", {stbl})});
     const Bytes tkhd = fullBox("tkhd", 0, 3, W().u32(0).u32(0).u32(1).u32(0).u32(0).bytes);
     const Bytes trex = fullBox("trex", 0, 0, W().u32(trexTrack).append(trexDefaults).bytes);
-    const Bytes moov = boxOf("moov", {boxOf("trak", {tkhd, mdia}), boxOf("mvex", {trex})});
+    Bytes moov = boxOf("moov", {boxOf("trak", {tkhd, mdia}), boxOf("mvex", {trex})});
+    if (!edits.empty()) {
+      W elst = W().u32(static_cast<uint32_t>(edits.size()));
+      for (const auto& [duration, start] : edits) elst.u32(duration).u32(static_cast<uint32_t>(start)).u32(0x10000);
+      const Bytes edts = boxOf("edts", {fullBox("elst", 0, 0, elst.bytes)});
+      moov = boxOf("moov", {fullBox("mvhd", 0, 0, words({0, 0, 1000, 0})), boxOf("trak", {tkhd, edts, mdia}),
+                            boxOf("mvex", {trex})});
+    }
     const Bytes traf1 =
         boxOf("traf", {fullBox("tfhd", 0, TfhdAtom::kDefaultBaseIsMoof, W().u32(traf1Track).bytes),
                        fullBox("tfdt", 1, 0, W().u64(5000).bytes),
@@ -119,6 +129,8 @@ TEST(Fragments, WalkFollowsDefaultsBaseOffsetsAndDecodeTimes) {
   EXPECT_EQ(track.sampleCount(), 7u);
   EXPECT_EQ(track.totalSampleBytes(), 89u);
   EXPECT_EQ(track.fragments().endTime, 5550u);
+  // The fragments start decoding at 5000: the media lasts what the samples do.
+  EXPECT_EQ(track.mediaDuration(), 550u);
   EXPECT_EQ(track.fragments().syncSamples, 2u);
   EXPECT_EQ(track.chunkOffset(3), 629u);
   // The sample at a time is the last to decode at or before it.
@@ -130,6 +142,34 @@ TEST(Fragments, WalkFollowsDefaultsBaseOffsetsAndDecodeTimes) {
       {1, false, 1}, {4, false, 1}, {4, true, 7}, {7, false, 7}, {7, true, 7}};
   for (const auto& [asked, after, key] : keys) {
     EXPECT_EQ(keyFrameNear(track, asked, after), key) << asked << (after ? " after" : "");
+  }
+}
+
+// The edit list over the fragments' 550 units: an edit of duration 0, as
+// writers leave it when moov comes before the length is known, lasts from
+// its media time to the end of the samples; its media time still shifts
+// presentation. Edits with a duration keep it.
+TEST(Fragments, AnEditOfDurationZeroLastsToTheEndOfTheSamples) {
+  const struct {
+    std::vector<std::pair<uint32_t, int32_t>> edits;
+    uint64_t presented;
+    int64_t shift;
+  } cases[] = {
+      {{{0, 0}}, 550, 0},
+      {{{0, 100}}, 450, -100},
+      {{{0, 600}}, 0, -600},
+      {{{200, -1}, {0, 100}}, 650, 100},
+      {{{300, 100}}, 300, -100},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.presented);
+    Fragmented built;
+    built.edits = c.edits;
+    const Walked walked = walk(built.bytes());
+    ASSERT_EQ(walked.found.tracks.size(), 1u);
+    const Track& track = walked.found.tracks[0];
+    EXPECT_EQ(track.presentationDuration(), c.presented);
+    EXPECT_EQ(track.presentationShift(), c.shift);
   }
 }
 

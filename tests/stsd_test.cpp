@@ -154,6 +154,48 @@ TEST(ChildFactories, FileStsdReadsMoreKindsAndKeepsShortOnesAsBytes) {
   }
 }
 
+// In a file, an entry of a type not known here is read by its track's
+// handler: a video track's as a visual entry, a sound track's as an audio
+// one (the file written back identical). One too short for its kind's
+// fields, and any entry of another handler, stay bytes, with no log line.
+TEST(ChildFactories, FileReadsUnknownEntriesByTheTracksHandler) {
+  const Bytes video = visualFields(256, 120, "DNxHR"), v1 = ByteWriter().u32(64).u32(34).u32(68).u32(2).bytes;
+  const struct { const char* handler; const char* type; Bytes body; const std::type_info& kind; std::string shown; } cases[] = {
+      {"vide", "AVdh", video, typeid(VisualSampleEntry), "256x120"},
+      {"vide", "rle ", concat({video, ByteWriter::box("pasp", Bytes(8, 1))}), typeid(VisualSampleEntry), "256x120"},
+      {"soun", "ima4", concat({audioFields(1, 1, 48000u << 16), v1}), typeid(AudioSampleEntry), "1ch 48000Hz"},
+      {"soun", "agsm", audioFields(0, 2, 8000u << 16), typeid(AudioSampleEntry), "2ch 8000Hz"},
+      {"soun", "ima4", audioFields(1, 1, 48000u << 16), typeid(UserDefAtom), ""},
+      {"vide", "AVdh", Bytes(video.begin(), video.end() - 1), typeid(UserDefAtom), ""},
+      {"text", "AVdh", video, typeid(UserDefAtom), ""},
+      {"soun", "AVdh", Bytes(20, 0), typeid(UserDefAtom), ""},
+      {"vide", "avc1", video, typeid(Avc1Atom), "256x120"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.handler) + " " + c.type);
+    using W = ByteWriter;
+    const Bytes stsd = W::fullBox("stsd", 0, 0, W().u32(1).append(W::box(c.type, c.body)).bytes);
+    const Bytes hdlr = W::fullBox("hdlr", 0, 0, W().u32(0).text(c.handler).append(Bytes(13)).bytes);
+    const Bytes moov = W::box("moov", W::box("trak", W::box("mdia", concat({hdlr, W::box("minf", W::box("stbl", stsd))}))));
+    LogCapture log;
+    ReadFile read(moov);
+    ASSERT_TRUE(read.status.ok()) << read.status.message();
+    EXPECT_TRUE(log.lines().empty()) << log.lines().front();
+    const std::vector<Atom*> found = read.file.find("moov/trak/mdia/minf/stbl/stsd");
+    ASSERT_EQ(found.size(), 1u);
+    ASSERT_EQ(found.front()->children.size(), 1u);
+    const Atom& entry = *found.front()->children.front();
+    EXPECT_EQ(typeid(entry), c.kind);
+    std::string shown;
+    if (const auto* visual = dynamic_cast<const VisualSampleEntry*>(&entry)) {
+      shown = std::to_string(visual->width) + "x" + std::to_string(visual->height);
+    } else if (const auto* audio = dynamic_cast<const AudioSampleEntry*>(&entry)) {
+      shown = std::to_string(audio->channels()) + "ch " + std::to_string(static_cast<int>(audio->samplesPerSecond())) + "Hz";
+    }
+    EXPECT_EQ(shown, c.shown);
+  }
+}
+
 // The two deliberate changes of a round trip: a gpmd preamble is written as
 // constants (reference index 1), the stsd count as the number of entries held.
 TEST(Stsd, RoundTripResetsTheGpmdPreambleAndTheCount) {
@@ -168,6 +210,19 @@ TEST(Stsd, RoundTripResetsTheGpmdPreambleAndTheCount) {
     ASSERT_EQ(read->Write(&out), 0);
     EXPECT_EQ(out.data(), box(2, ByteWriter().u32(0).u32(1).u32(0).bytes)) << stored;
   }
+}
+
+// esds around a decoder configuration (AAC's unless another object type
+// is given), descriptor lengths in one byte or, as ffmpeg writes them, in
+// four.
+Bytes esdsBox(Bytes config, bool longLengths, uint8_t objectType = 0x40) {
+  auto length = [&](size_t n) {
+    return longLengths ? ByteWriter().u8(0x80).u8(0x80).u8(0x80).u8(static_cast<unsigned>(n)).bytes
+                       : Bytes{static_cast<unsigned char>(n)};
+  };
+  const Bytes decoderInfo = concat({{5}, length(config.size()), config});
+  const Bytes decoder = concat({{4}, length(13 + decoderInfo.size()), {objectType, 0x15}, Bytes(11, 0), decoderInfo});
+  return ByteWriter::box("esds", concat({Bytes(4, 0), {3}, length(3 + decoder.size()), {0, 1, 0}, decoder}));
 }
 
 // Fields read from golden bytes, and what follows them kept as child boxes
@@ -205,6 +260,47 @@ TEST(SampleEntry, FieldsAndWhatFollowsThemRoundTrip) {
   EXPECT_EQ(v1->children.back()->header.type, "chan");
 }
 
+// A 4-byte zero word after the children ends them, as QuickTime writers
+// put it: the children are kept (typed) and the word is written back after
+// them. Anything else after the boxes keeps the whole rest as bytes.
+TEST(SampleEntry, ChildrenEndAtAZeroWordWrittenBackAfterThem) {
+  const Bytes pasp = ByteWriter::box("pasp", ByteWriter().u32(1).u32(1).bytes), zero(4, 0);
+  const Bytes video = visualFields(96, 64, ""), audio = audioFields(0, 2, 44100u << 16);
+  const Bytes aac = esdsBox({0x12, 0x08}, true);  // AAC LC, 44100 Hz, 1 channel
+  const struct {
+    const char* type;
+    Bytes rest;
+    std::string expected;  // children's types, "+0" for the zero word, or the tail's size
+  } cases[] = {
+      {"avc1", concat({kAvcC, pasp, zero}), "avcC pasp +0"},
+      {"mp4a", concat({aac, zero}), "esds +0"},
+      {"avc1", zero, "+0"},
+      {"avc1", concat({kAvcC, pasp}), "avcC pasp"},
+      {"avc1", concat({kAvcC, Bytes(3, 0)}), "tail 19"},
+      {"avc1", concat({kAvcC, zero, Bytes{1}}), "tail 21"},
+      {"avc1", concat({kAvcC, Bytes{0, 0, 0, 1}}), "tail 20"},
+      {"mp4a", Bytes(8, 0), "tail 8"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.expected);
+    const bool visual = c.type[0] == 'a';
+    Box entry = readChild(stsd, ByteWriter::box(c.type, concat({visual ? video : audio, c.rest})));
+    ASSERT_NE(entry, nullptr);
+    const auto* asVisual = dynamic_cast<const VisualSampleEntry*>(entry.get());
+    const auto* asAudio = dynamic_cast<const AudioSampleEntry*>(entry.get());
+    const Bytes& tail = asVisual != nullptr ? asVisual->tail : asAudio->tail;
+    const bool terminated = asVisual != nullptr ? asVisual->terminated : asAudio->terminated;
+    std::string shown;
+    for (const Atom* child : entry->children) shown += (shown.empty() ? "" : " ") + child->header.type;
+    if (terminated) shown += shown.empty() ? "+0" : " +0";
+    if (!tail.empty()) shown += "tail " + std::to_string(tail.size());
+    EXPECT_EQ(shown, c.expected);
+  }
+  auto aacEntry = readChild<Mp4aAtom>(stsd, ByteWriter::box("mp4a", concat({audio, aac, zero})));
+  ASSERT_TRUE(aacEntry && !aacEntry->children.empty());
+  EXPECT_EQ(dynamic_cast<const EsdsAtom&>(*aacEntry->children.front()).channels(), 1u);
+}
+
 // What an entry's decoder configuration child tells: profile@level, length
 // size and parameter set counts, or the channels and rate of an AAC stream.
 std::string configOf(const Atom& entry) {
@@ -218,9 +314,13 @@ std::string configOf(const Atom& entry) {
     return hevc->profileName() + "@" + hevc->levelName() + " len" + n(hevc->lengthSize) + " vps" +
            n(hevc->vpsCount) + " sps" + n(hevc->spsCount) + " pps" + n(hevc->ppsCount);
   }
-  auto* esds = dynamic_cast<const EsdsAtom*>(child);
-  if (esds == nullptr) return "untyped";
-  return esds->parsed ? n(esds->channels()) + "ch " + n(esds->sampleRate) + "Hz" : "unknown";
+  if (auto* esds = dynamic_cast<const EsdsAtom*>(child)) {
+    return esds->parsed ? n(esds->channels()) + "ch " + n(esds->sampleRate) + "Hz" : "unknown";
+  }
+  auto* audio = dynamic_cast<const AudioConfigAtom*>(child);
+  if (audio == nullptr) return "untyped";
+  if (audio->channels() == 0) return "unknown";
+  return n(audio->channels()) + "ch" + (audio->samplesPerSecond() != 0 ? " " + n(audio->samplesPerSecond()) + "Hz" : "");
 }
 
 // hvcC's 23 leading bytes: the profile byte (space, tier, idc), Main
@@ -228,18 +328,6 @@ std::string configOf(const Atom& entry) {
 Bytes hvcC(uint8_t general, uint8_t level, uint8_t arrays) {
   return ByteWriter().u8(1).u8(general).u32(0x60000000).be(0x900000000000, 6).u8(level).be(0xF000, 2)
       .u8(0xFC).u8(0xFD).u8(0xF8).u8(0xF8).be(0, 2).u8(0x0F).u8(arrays).bytes;
-}
-
-// esds around an AAC configuration, descriptor lengths in one byte or, as
-// ffmpeg writes them, in four.
-Bytes esds(Bytes config, bool longLengths) {
-  auto length = [&](size_t n) {
-    return longLengths ? ByteWriter().u8(0x80).u8(0x80).u8(0x80).u8(static_cast<unsigned>(n)).bytes
-                       : Bytes{static_cast<unsigned char>(n)};
-  };
-  const Bytes decoderInfo = concat({{5}, length(config.size()), config});
-  const Bytes decoder = concat({{4}, length(13 + decoderInfo.size()), {0x40, 0x15}, Bytes(11, 0), decoderInfo});
-  return ByteWriter::box("esds", concat({Bytes(4, 0), {3}, length(3 + decoder.size()), {0, 1, 0}, decoder}));
 }
 
 // The configuration children parsed from golden bytes; short or garbage
@@ -264,17 +352,50 @@ TEST(CodecConfig, ProfileLevelAndCountsFromGoldenBytesOthersKeptWhole) {
        "unknown@unknown len4 vps1 sps1 pps2"},
       {ByteWriter::box("hvcC", Bytes(main31.begin(), main31.begin() + 12)),
        "unknown@unknown len1 vps0 sps0 pps0"},
-      {esds({0x11, 0x90}, false), "2ch 48000Hz"},
-      {esds({0x13, 0x88}, true), "1ch 22050Hz"},
-      {esds({0x17, 0x80, 0x56, 0x22, 0x08}, false), "1ch 44100Hz"},  // rate written out in 24 bits
-      {esds({0x13}, true), "unknown"},
+      {esdsBox({0x11, 0x90}, false), "2ch 48000Hz"},
+      {esdsBox({0x13, 0x88}, true), "1ch 22050Hz"},
+      {esdsBox({0x17, 0x80, 0x56, 0x22, 0x08}, false), "1ch 44100Hz"},  // rate written out in 24 bits
+      {esdsBox({0x13}, true), "unknown"},
       {ByteWriter::box("esds", {0, 0, 0, 0, 4, 2, 0x40}), "unknown"},
+      // MPEG-2 AAC LC's configuration is an AudioSpecificConfig too; MP3's
+      // object type has none.
+      {esdsBox({0x11, 0x90}, true, 0x67), "2ch 48000Hz"},
+      {esdsBox({0x11, 0x90}, true, 0x6B), "unknown"},
+      // Vorbis: three Xiph-laced headers, the first naming 2 channels at
+      // 48000 Hz (read as an AudioSpecificConfig: 3 channels at 44100).
+      {esdsBox(concat({{0x02, 0x1E, 0x44, 0x01}, ByteWriter().text("vorbis").u32(0).u8(2).bytes,
+                       {0x80, 0xBB, 0, 0}, Bytes(8, 0)}), true, 0xDD), "2ch 48000Hz"},
+      {esdsBox(concat({{0x02, 0xFF, 0x01, 0x44, 0x01}, ByteWriter().text("vorbis").u32(0).u8(6).bytes,
+                       {0x44, 0xAC, 0, 0}}), false, 0xDD), "6ch 44100Hz"},
+      {esdsBox(concat({{0x02, 0x1E, 0x44, 0x03}, ByteWriter().text("vorbis").u32(0).u8(2).bytes,
+                       {0x80, 0xBB, 0, 0}}), true, 0xDD), "unknown"},
+      {esdsBox({0x02, 0x1E, 0x44, 0x01, 'v', 'o'}, true, 0xDD), "unknown"},
+      // AC-3: 3/2 with LFE, 2/0, 1/0 with LFE, 1+1; cut short.
+      {ByteWriter::box("dac3", {0x10, 0x3D, 0xE0}), "6ch"},
+      {ByteWriter::box("dac3", {0x10, 0x10, 0x00}), "2ch"},
+      {ByteWriter::box("dac3", {0x10, 0x0C, 0x00}), "2ch"},
+      {ByteWriter::box("dac3", {0x10, 0x00, 0x00}), "2ch"},
+      {ByteWriter::box("dac3", {0x10, 0x3D}), "unknown"},
+      // E-AC-3, 448 kbit/s, one independent substream: 3/2 with LFE, 2/0, 3/0.
+      {ByteWriter::box("dec3", {0x0E, 0x00, 0x20, 0x0F, 0x00}), "6ch"},
+      {ByteWriter::box("dec3", {0x0E, 0x00, 0x20, 0x04, 0x00}), "2ch"},
+      {ByteWriter::box("dec3", {0x0E, 0x00, 0x20, 0x06, 0x00}), "3ch"},
+      {ByteWriter::box("dec3", {0x0E, 0x00, 0x20, 0x0F}), "unknown"},
+      // ALAC: 4096 samples a frame, 16 bits, then channels and rate.
+      {ByteWriter::box("alac", concat({Bytes(4, 0), ByteWriter().u32(4096).u8(0).u8(16).u8(40).u8(10).u8(14)
+                                          .u8(1).be(0, 2).u32(0x2004).u32(0x177000).u32(96000).bytes})),
+       "1ch 96000Hz"},
+      {ByteWriter::box("alac", concat({Bytes(4, 0), ByteWriter().u32(4096).u8(0).u8(24).u8(40).u8(10).u8(14)
+                                          .u8(6).be(0, 2).u32(0).u32(0).u32(44100).bytes})),
+       "6ch 44100Hz"},
+      {ByteWriter::box("alac", Bytes(27, 0)), "unknown"},
   };
   for (const auto& [config, expected] : cases) {
     SCOPED_TRACE(expected);
-    const bool audio = config[4] == 'e';
+    const std::string box(config.begin() + 4, config.begin() + 8);
+    const bool audio = box != "avcC" && box != "hvcC";
     const Bytes fields = audio ? audioFields(0, 2, 48000u << 16) : visualFields(64, 48, "");
-    const std::string type = audio ? "mp4a" : config[4] == 'a' ? "avc1" : "hvc1";
+    const std::string type = audio ? "mp4a" : box == "avcC" ? "avc1" : "hvc1";
     Box entry = readChild(stsd, ByteWriter::box(type, concat({fields, config})));
     ASSERT_NE(entry, nullptr);
     EXPECT_EQ(configOf(*entry), expected);

@@ -146,6 +146,23 @@ void addFrameRate(const Track& track, json& media) {
   media["constantFrameRate"] = constant;
 }
 
+// Sample rate and channels. The stream's own configuration outranks the
+// entry's fields; a rate field left 0 (ALAC at 96 kHz does not fit 16.16)
+// gives way to the media's time scale, which is the rate for sound.
+void addSound(const AudioSampleEntry& audio, const Track& track, json& media) {
+  double rate = audio.samplesPerSecond();
+  uint32_t channels = audio.channels();
+  for (const Atom* child : audio.children) {
+    const auto* config = dynamic_cast<const AudioConfigAtom*>(child);
+    if (config == nullptr) continue;
+    if (config->channels() != 0) channels = config->channels();
+    if (config->samplesPerSecond() != 0) rate = config->samplesPerSecond();
+  }
+  if (rate == 0) rate = track.timescale();
+  media["sampleRate"] = rate == std::floor(rate) ? json(static_cast<uint64_t>(rate)) : json(rate);
+  media["channels"] = channels;
+}
+
 // What a track holds, as its sample entry, tkhd and mdhd tell it.
 json mediaSummary(Mp4File& file, const Track& track) {
   json media = json::object();
@@ -166,14 +183,7 @@ json mediaSummary(Mp4File& file, const Track& track) {
     }
   }
   if (const auto* audio = dynamic_cast<const AudioSampleEntry*>(entry)) {
-    const double rate = audio->samplesPerSecond();
-    media["sampleRate"] = rate == std::floor(rate) ? json(static_cast<uint64_t>(rate)) : json(rate);
-    media["channels"] = audio->channels();
-    // The stream's own configuration outranks the entry's channel count.
-    for (const Atom* child : audio->children) {
-      const auto* esds = dynamic_cast<const EsdsAtom*>(child);
-      if (esds != nullptr && esds->channels() != 0) media["channels"] = esds->channels();
-    }
+    addSound(*audio, track, media);
   }
   if (track.handler() == "vide") addFrameRate(track, media);
   if (entry != nullptr) {

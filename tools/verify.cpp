@@ -73,8 +73,13 @@ class ComparingStream : public IOStream, public RangeSink {
 
   static constexpr uint64_t kNone = UINT64_MAX;
   // The first offset that differs, kNone when none does.
-  uint64_t mismatch() const {
-    return differing_.empty() ? firstLong_ : std::min(firstLong_, *differing_.begin());
+  uint64_t mismatch() const { return mismatchAfter(kNone); }
+  // The first offset past `offset` that differs (kNone: from the start);
+  // of the long writes, only the first difference is known.
+  uint64_t mismatchAfter(uint64_t offset) const {
+    const auto next = offset == kNone ? differing_.begin() : differing_.upper_bound(offset);
+    const uint64_t longOne = offset == kNone || firstLong_ > offset ? firstLong_ : kNone;
+    return next == differing_.end() ? longOne : std::min(longOne, *next);
   }
   uint64_t written() const { return end_; }
 
@@ -91,13 +96,25 @@ class ComparingStream : public IOStream, public RangeSink {
   std::set<uint64_t> differing_;
 };
 
-// The innermost box whose bytes hold `offset`.
-std::string boxAt(const Atom& parent, uint64_t offset, const std::string& path) {
-  for (const Atom* box : parent.children) {
-    const uint64_t start = box->header.headerOffset;
-    if (offset >= start && offset - start < box->header.boxLength()) {
+// The path of the deepest box that differs, from the first difference on:
+// where that lies in a box's header (its size, when a child grew or shrank),
+// the next difference within the box tells which of its children differs.
+std::string differingBox(const Atom& root, const ComparingStream& compared, uint64_t offset) {
+  std::string path;
+  const Atom* parent = &root;
+  for (bool deeper = true; deeper;) {
+    deeper = false;
+    for (const Atom* box : parent->children) {
+      const uint64_t start = box->header.headerOffset, length = box->header.boxLength();
+      if (offset < start || offset - start >= length) continue;
       const std::string type = printable(box->header.type);
-      return boxAt(*box, offset, path.empty() ? type : path + "/" + type);
+      path = path.empty() ? type : path + "/" + type;
+      const uint64_t body = start + box->header.headerLength();
+      const uint64_t next = offset < body ? compared.mismatchAfter(body - 1) : offset;
+      if (next >= body && next - start < length) offset = next;
+      parent = box;
+      deeper = true;
+      break;
     }
   }
   return path;
@@ -121,7 +138,7 @@ int verify(const Options& options) {
     mismatch = std::min(compared.written(), length);
   }
   const bool same = mismatch == ComparingStream::kNone;
-  const std::string box = same ? "" : boxAt(opened->file.root, mismatch, "");
+  const std::string box = same ? "" : differingBox(opened->file.root, compared, mismatch);
   if (options.json) {
     json result = {{"file", options.file}, {"identical", same}, {"bytes", length}};
     if (!same) {

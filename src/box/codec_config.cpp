@@ -232,7 +232,46 @@ constexpr uint32_t kAacRates[13] = {96000, 88200, 64000, 48000, 44100, 32000, 24
 
 }  // namespace
 
-EsdsAtom::EsdsAtom(const AtomHeader& from) : UserDefAtom(from) {}
+AudioConfigAtom::AudioConfigAtom(const AtomHeader& from) : UserDefAtom(from) {}
+
+EsdsAtom::EsdsAtom(const AtomHeader& from) : AudioConfigAtom(from) {}
+
+namespace {
+
+constexpr uint8_t kVorbis = 0xDD;
+
+// Whether an objectTypeIndication is AAC, whose decoder specific
+// information is an AudioSpecificConfig: MPEG-4 audio, or MPEG-2 AAC's
+// Main, LC and SSR profiles.
+bool isAac(uint8_t objectType) {
+  return objectType == 0x40 || (objectType >= 0x66 && objectType <= 0x68);
+}
+
+// Vorbis's identification header, the first of the Xiph-laced headers:
+// packet type 1, "vorbis", a 32-bit version, then the channels and a
+// little-endian rate.
+bool readVorbisHeader(Cursor& in, EsdsAtom& esds) {
+  const unsigned laced = in.u8();  // the packets less one
+  // Each laced size is a run of 255s closed by a smaller byte.
+  for (unsigned packet = 0; packet < laced && !in.isShort(); ++packet) {
+    uint8_t piece = 0;
+    do {
+      piece = in.u8();
+    } while (piece == 0xFF && !in.isShort());
+  }
+  if (in.u8() != 1) return false;
+  for (const char letter : {'v', 'o', 'r', 'b', 'i', 's'}) {
+    if (in.u8() != static_cast<uint8_t>(letter)) return false;
+  }
+  in.skip(4);  // version
+  esds.channelConfiguration = in.u8();
+  uint32_t rate = 0;
+  for (unsigned shift = 0; shift < 32; shift += 8) rate |= uint32_t{in.u8()} << shift;
+  esds.sampleRate = rate;
+  return !in.isShort();
+}
+
+}  // namespace
 
 int EsdsAtom::readData(IOStream* stream) {
   if (UserDefAtom::readData(stream) != 0) return -1;
@@ -249,6 +288,11 @@ int EsdsAtom::readData(IOStream* stream) {
   objectType = in.u8();
   in.skip(12);  // stream type, buffer size, bit rates
   if (!enterDescriptor(in, 0x05, &length)) return 0;
+  if (objectType == kVorbis) {
+    parsed = readVorbisHeader(in, *this);
+    return 0;
+  }
+  if (!isAac(objectType)) return 0;
   Bits config(body, body.size() - in.left());
   audioObjectType = static_cast<uint8_t>(config.take(5));
   if (audioObjectType == 31) audioObjectType = static_cast<uint8_t>(32 + config.take(6));
@@ -261,8 +305,9 @@ int EsdsAtom::readData(IOStream* stream) {
 
 uint32_t EsdsAtom::channels() const {
   if (!parsed || channelConfiguration == 0) return 0;
+  if (objectType == kVorbis) return channelConfiguration;
   constexpr uint32_t kChannels[16] = {0, 1, 2, 3, 4, 5, 6, 8, 0, 0, 0, 7, 8, 24, 8, 0};
-  return kChannels[channelConfiguration];
+  return kChannels[channelConfiguration & 0x0F];
 }
 
 void EsdsAtom::describe(FieldSink& sink) const {
@@ -273,10 +318,99 @@ void EsdsAtom::describe(FieldSink& sink) const {
   sink.field("channel_configuration", channelConfiguration);
 }
 
-const AtomType kSampleEntryChildren[3] = {
-    {"avcC", &makeAtom<AvcConfigAtom>},
-    {"hvcC", &makeAtom<HevcConfigAtom>},
-    {"esds", &makeAtom<EsdsAtom>},
+// ---- dac3, dec3 ----
+
+namespace {
+
+// The full-bandwidth channels of each AC-3 audio coding mode: 1+1 (dual
+// mono), 1/0, 2/0, 3/0, 2/1, 3/1, 2/2, 3/2.
+constexpr uint32_t kAc3Channels[8] = {2, 1, 2, 3, 3, 4, 4, 5};
+
+}  // namespace
+
+Ac3ConfigAtom::Ac3ConfigAtom(const AtomHeader& from) : AudioConfigAtom(from) {}
+
+int Ac3ConfigAtom::readData(IOStream* stream) {
+  if (UserDefAtom::readData(stream) != 0) return -1;
+  Bits in(body, 0);
+  sampleRateCode = static_cast<uint8_t>(in.take(2));
+  bitStreamId = static_cast<uint8_t>(in.take(5));
+  in.take(3);  // bsmod
+  codingMode = static_cast<uint8_t>(in.take(3));
+  lfe = in.take(1) != 0;
+  in.take(5);  // bit rate code
+  parsed = !in.isShort();
+  return 0;
+}
+
+uint32_t Ac3ConfigAtom::channels() const {
+  return parsed ? kAc3Channels[codingMode & 7] + (lfe ? 1 : 0) : 0;
+}
+
+void Ac3ConfigAtom::describe(FieldSink& sink) const {
+  if (!parsed) return;
+  sink.field("fscod", sampleRateCode);
+  sink.field("bsid", bitStreamId);
+  sink.field("acmod", codingMode);
+  sink.field("lfeon", lfe);
+}
+
+Eac3ConfigAtom::Eac3ConfigAtom(const AtomHeader& from) : Ac3ConfigAtom(from) {}
+
+int Eac3ConfigAtom::readData(IOStream* stream) {
+  if (UserDefAtom::readData(stream) != 0) return -1;
+  Bits in(body, 0);
+  dataRate = static_cast<uint16_t>(in.take(13));
+  independentSubstreams = static_cast<uint8_t>(in.take(3) + 1);
+  sampleRateCode = static_cast<uint8_t>(in.take(2));
+  bitStreamId = static_cast<uint8_t>(in.take(5));
+  in.take(5);  // reserved, asvc, bsmod
+  codingMode = static_cast<uint8_t>(in.take(3));
+  lfe = in.take(1) != 0;
+  in.take(3);  // reserved
+  in.take(4);  // dependent substreams
+  parsed = !in.isShort();
+  return 0;
+}
+
+void Eac3ConfigAtom::describe(FieldSink& sink) const {
+  if (!parsed) return;
+  sink.field("data_rate", dataRate);
+  sink.field("independent_substreams", independentSubstreams);
+  Ac3ConfigAtom::describe(sink);
+}
+
+// ---- alac ----
+
+AlacConfigAtom::AlacConfigAtom(const AtomHeader& from) : AudioConfigAtom(from) {}
+
+int AlacConfigAtom::readData(IOStream* stream) {
+  if (UserDefAtom::readData(stream) != 0) return -1;
+  Cursor in(body);
+  in.skip(4);  // version and flags
+  frameLength = in.take(4);
+  in.skip(1);  // compatible version
+  bitDepth = in.u8();
+  in.skip(3);  // the Rice coder's parameters
+  channelCount = in.u8();
+  in.skip(10);  // longest run, largest frame, average bit rate
+  sampleRate = in.take(4);
+  parsed = !in.isShort();
+  return 0;
+}
+
+void AlacConfigAtom::describe(FieldSink& sink) const {
+  if (!parsed) return;
+  sink.field("frame_length", frameLength);
+  sink.field("bit_depth", bitDepth);
+  sink.field("channels", channelCount);
+  sink.field("sample_rate", sampleRate);
+}
+
+const AtomType kSampleEntryChildren[6] = {
+    {"avcC", &makeAtom<AvcConfigAtom>}, {"hvcC", &makeAtom<HevcConfigAtom>},
+    {"esds", &makeAtom<EsdsAtom>},      {"dac3", &makeAtom<Ac3ConfigAtom>},
+    {"dec3", &makeAtom<Eac3ConfigAtom>}, {"alac", &makeAtom<AlacConfigAtom>},
 };
 
 }  // namespace mp4stbl

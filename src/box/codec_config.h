@@ -1,6 +1,7 @@
-// The decoder configuration boxes of AVC ("avcC"), HEVC ("hvcC") and MPEG-4
-// audio ("esds"), the children of their sample entries that name the
-// profile and level or the channels a decoder must handle. The body is kept
+// The decoder configuration boxes of AVC ("avcC"), HEVC ("hvcC"), MPEG-4
+// audio ("esds"), AC-3 ("dac3"), E-AC-3 ("dec3") and ALAC ("alac"), the
+// children of their sample entries that name the profile and level or the
+// channels and rate a decoder must handle. The body is kept
 // as read and written back unchanged; its leading fields are parsed from
 // those bytes without ever reading past them, and a body that is short or
 // not a configuration this code knows just leaves `parsed` false.
@@ -63,10 +64,22 @@ class HevcConfigAtom : public UserDefAtom {
   uint16_t ppsCount = 0;
 };
 
-// "esds": the MPEG-4 elementary stream descriptor of "mp4a", whose audio
-// configuration tells the channel layout that the sample entry's own
-// channel count often does not (writers put 2 there for any stream).
-class EsdsAtom : public UserDefAtom {
+// An audio decoder configuration: the channels and rate of the stream
+// itself, which outrank the sample entry's fields (writers put 2 channels
+// there for any stream, and a rate past 65535 does not fit its 16.16 field).
+class AudioConfigAtom : public UserDefAtom {
+ public:
+  explicit AudioConfigAtom(const AtomHeader& header);
+  // 0 when the configuration names none or was not parsed.
+  virtual uint32_t channels() const = 0;
+  virtual uint32_t samplesPerSecond() const { return 0; }
+};
+
+// "esds": the MPEG-4 elementary stream descriptor of "mp4a". Its decoder
+// specific information is an AudioSpecificConfig for AAC, and Vorbis's
+// three headers for Vorbis (object type 0xDD), whose first one names the
+// channels and rate.
+class EsdsAtom : public AudioConfigAtom {
  public:
   explicit EsdsAtom(const AtomHeader& header);
   int readData(IOStream* stream) override;
@@ -74,16 +87,60 @@ class EsdsAtom : public UserDefAtom {
 
   // Channels the configuration names; 0 when it names none (a program
   // config element) or was not parsed.
-  uint32_t channels() const;
+  uint32_t channels() const override;
 
   bool parsed = false;
   uint8_t objectType = 0;       // objectTypeIndication, 0x40 for MPEG-4 audio
-  uint8_t audioObjectType = 0;  // 2 for AAC LC
+  uint8_t audioObjectType = 0;  // 2 for AAC LC; 0 for Vorbis
+  uint32_t sampleRate = 0;      // AAC: without SBR's doubling
+  uint8_t channelConfiguration = 0;  // AAC's; Vorbis's channel count
+};
+
+// "dac3": AC-3's bit stream information; the channels are the audio coding
+// mode's plus the LFE channel.
+class Ac3ConfigAtom : public AudioConfigAtom {
+ public:
+  explicit Ac3ConfigAtom(const AtomHeader& header);
+  int readData(IOStream* stream) override;
+  void describe(FieldSink& sink) const override;
+  uint32_t channels() const override;
+
+  bool parsed = false;
+  uint8_t sampleRateCode = 0;  // fscod
+  uint8_t bitStreamId = 0;     // bsid
+  uint8_t codingMode = 0;      // acmod
+  bool lfe = false;            // lfeon
+};
+
+// "dec3": E-AC-3's; the channels are those of the first independent
+// substream's coding mode and LFE channel.
+class Eac3ConfigAtom : public Ac3ConfigAtom {
+ public:
+  explicit Eac3ConfigAtom(const AtomHeader& header);
+  int readData(IOStream* stream) override;
+  void describe(FieldSink& sink) const override;
+
+  uint16_t dataRate = 0;  // kbit/s
+  uint8_t independentSubstreams = 0;
+};
+
+// "alac": the ALAC decoder's configuration inside its sample entry.
+class AlacConfigAtom : public AudioConfigAtom {
+ public:
+  explicit AlacConfigAtom(const AtomHeader& header);
+  int readData(IOStream* stream) override;
+  void describe(FieldSink& sink) const override;
+  uint32_t channels() const override { return parsed ? channelCount : 0; }
+  uint32_t samplesPerSecond() const override { return parsed ? sampleRate : 0; }
+
+  bool parsed = false;
+  uint32_t frameLength = 0;
+  uint8_t bitDepth = 0;
+  uint8_t channelCount = 0;
   uint32_t sampleRate = 0;
-  uint8_t channelConfiguration = 0;
 };
 
 // The child types of a sample entry that are read as typed boxes.
-extern const AtomType kSampleEntryChildren[3];
+extern const AtomType kSampleEntryChildren[6];
 
 }  // namespace mp4stbl

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <filesystem>
 #include <iterator>
+#include <type_traits>
+#include <typeinfo>
 
 #include "box/byte_order.h"
 #include "box/edit_boxes.h"
@@ -348,6 +350,104 @@ std::string trackAt(IOStream* stream, uint64_t position) {
   return found;
 }
 
+Atom* childNamed(const Atom* parent, const char* type) {
+  if (parent == nullptr) return nullptr;
+  for (Atom* child : parent->children) {
+    if (child->header.type == type) return child;
+  }
+  return nullptr;
+}
+
+// Walks an entry's fields over its body in memory, quietly: whether the
+// body holds them all (the audio entry's fields depend on its version).
+class FieldFit {
+ public:
+  explicit FieldFit(const std::vector<unsigned char>& bytes) : bytes_(bytes) {}
+  template <class Value>
+  void operator()(Value& value) {
+    static_assert(std::is_unsigned_v<Value>, "the entries' fields are unsigned");
+    if (!take(sizeof value)) return;
+    value = 0;
+    for (size_t i = at_ - sizeof value; i < at_; ++i) {
+      value = static_cast<Value>(value << 8 | bytes_[i]);
+    }
+  }
+  template <size_t N>
+  void operator()(std::array<uint8_t, N>&) {
+    take(N);
+  }
+  bool fits() const { return fits_; }
+
+ private:
+  bool take(size_t count) {
+    fits_ = fits_ && bytes_.size() - at_ >= count;
+    if (fits_) at_ += count;
+    return fits_;
+  }
+  const std::vector<unsigned char>& bytes_;
+  size_t at_ = 0;
+  bool fits_ = true;
+};
+
+template <class Entry>
+bool holdsFields(const UserDefAtom& kept) {
+  Entry entry(kept.header);
+  FieldFit fit(kept.body);
+  entry.fields(fit);
+  return fit.fits();
+}
+
+// The plain entry of a track's handler, and whether an entry kept as
+// bytes holds its fields; null for a handler whose entries have no common
+// fields.
+struct PlainEntry {
+  AtomMaker make;
+  bool (*holds)(const UserDefAtom& kept);
+};
+
+PlainEntry plainEntryFor(const Atom* mdia) {
+  for (const Atom* child : mdia->children) {
+    const auto* hdlr = dynamic_cast<const HdlrAtom*>(child);
+    if (hdlr == nullptr) continue;
+    if (hdlr->handlerType() == "vide") {
+      return {&makeAtom<VisualSampleEntry>, &holdsFields<VisualSampleEntry>};
+    }
+    if (hdlr->handlerType() == "soun") {
+      return {&makeAtom<AudioSampleEntry>, &holdsFields<AudioSampleEntry>};
+    }
+    break;
+  }
+  return {nullptr, nullptr};
+}
+
+// Every sample entry of a video or sound track has that kind's fields,
+// whatever its coding (DNxHR "AVdh", "m2v1", "v210", "ima4", ...): an
+// entry of a type not known here, kept as bytes, is read again as a plain
+// visual or audio entry, from where it lies in the stream. One too short
+// for the fields stays bytes, without a word in the log.
+void readEntriesByHandler(IOStream* stream, Atom& root) {
+  for (const Atom* moov : root.children) {
+    if (moov->header.type != "moov") continue;
+    for (const Atom* trak : moov->children) {
+      const Atom* mdia = trak->header.type == "trak" ? childNamed(trak, "mdia") : nullptr;
+      const PlainEntry plain =
+          mdia != nullptr ? plainEntryFor(mdia) : PlainEntry{nullptr, nullptr};
+      Atom* stsd = childNamed(childNamed(childNamed(mdia, "minf"), "stbl"), "stsd");
+      if (plain.make == nullptr || stsd == nullptr) continue;
+      for (Atom*& entry : stsd->children) {
+        if (typeid(*entry) != typeid(UserDefAtom)) continue;
+        if (!plain.holds(static_cast<const UserDefAtom&>(*entry))) continue;
+        const AtomType types[] = {{entry->header.type.c_str(), plain.make}};
+        if (stream->seek(static_cast<long long>(entry->header.headerOffset)) != 0) continue;
+        Atom* read = ReadTypedChild(stream, types, std::size(types));
+        if (read == nullptr) continue;
+        delete entry;
+        entry = read;
+      }
+    }
+  }
+}
+
 }  // namespace
 
 Status Mp4File::open(const std::string& path) {
@@ -389,6 +489,7 @@ Status Mp4File::read(IOStream* stream) {
     }
     root.children.push_back(box);
   }
+  readEntriesByHandler(stream, root);
   return Status();
 }
 

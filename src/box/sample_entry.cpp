@@ -13,25 +13,39 @@ namespace mp4stbl {
 
 namespace {
 
-// True when `bytes` is exactly a run of boxes with plain 32-bit sizes.
-bool isRunOfBoxes(const std::vector<unsigned char>& bytes) {
+constexpr long long kTerminator = 4;
+
+// True when the first `length` bytes are exactly a run of boxes with plain
+// 32-bit sizes.
+bool isRunOfBoxes(const std::vector<unsigned char>& bytes, size_t length) {
   size_t at = 0;
-  while (bytes.size() - at >= 8) {
+  while (length - at >= 8) {
     const uint32_t size = uint32_t{bytes[at]} << 24 | uint32_t{bytes[at + 1]} << 16 |
                           uint32_t{bytes[at + 2]} << 8 | bytes[at + 3];
-    if (size < 8 || size > bytes.size() - at) return false;
+    if (size < 8 || size > length - at) return false;
     at += size;
   }
-  return at == bytes.size();
+  return at == length;
+}
+
+// A run of boxes closed by a 4-byte zero word, as QuickTime ends the
+// children of a sample description.
+bool isTerminatedRun(const std::vector<unsigned char>& bytes) {
+  const auto isZero = [](unsigned char byte) { return byte == 0; };
+  return bytes.size() >= kTerminator && std::all_of(bytes.end() - kTerminator, bytes.end(), isZero) &&
+         isRunOfBoxes(bytes, bytes.size() - kTerminator);
 }
 
 // Reads what follows an entry's fields up to the end of its box: opaque
-// child boxes when it is a clean run of boxes, raw bytes otherwise.
-int readEntryTail(Atom& entry, IOStream* stream, std::vector<unsigned char>& tail) {
+// child boxes when it is a clean run of boxes, perhaps closed by a zero
+// word, raw bytes otherwise.
+int readEntryTail(Atom& entry, IOStream* stream, std::vector<unsigned char>& tail,
+                  bool& terminated) {
   std::vector<unsigned char> rest;
   const long long start = stream->getOffset();
   if (readRestOfBox(stream, entry.header, &rest) != 0) return -1;
-  if (!isRunOfBoxes(rest)) {
+  terminated = isTerminatedRun(rest);
+  if (!terminated && !isRunOfBoxes(rest, rest.size())) {
     tail = std::move(rest);
     return 0;
   }
@@ -39,10 +53,15 @@ int readEntryTail(Atom& entry, IOStream* stream, std::vector<unsigned char>& tai
     logStreamFailure(stream, "seek");
     return -1;
   }
-  while (stream->getOffset() < stream->getLength()) {
+  const long long end = stream->getLength() - (terminated ? kTerminator : 0);
+  while (stream->getOffset() < end) {
     Atom* child = ReadTypedChild(stream, kSampleEntryChildren, std::size(kSampleEntryChildren));
     if (child == nullptr) return -1;
     entry.children.push_back(child);
+  }
+  if (stream->seek(stream->getLength()) != 0) {
+    logStreamFailure(stream, "seek");
+    return -1;
   }
   return 0;
 }
@@ -56,7 +75,13 @@ int readEntry(Entry& entry, IOStream* stream) {
   FieldReader reader(stream);
   entry.fields(reader);
   if (reader.status() != 0) return -1;
-  return readEntryTail(entry, stream, entry.tail);
+  return readEntryTail(entry, stream, entry.tail, entry.terminated);
+}
+
+int writeEntryChildren(Atom& entry, bool terminated, IOStream* stream) {
+  if (entry.Atom::writeChildren(stream) != 0) return -1;
+  const std::vector<unsigned char> zero(static_cast<size_t>(kTerminator), 0);
+  return terminated ? writeRawBytes(stream, zero) : 0;
 }
 
 template <class Entry>
@@ -78,6 +103,10 @@ VisualSampleEntry::VisualSampleEntry(const AtomHeader& from) : Atom(from) {}
 int VisualSampleEntry::readData(IOStream* stream) { return readEntry(*this, stream); }
 
 int VisualSampleEntry::writeData(IOStream* stream) { return writeEntry(*this, stream); }
+
+int VisualSampleEntry::writeChildren(IOStream* stream) {
+  return writeEntryChildren(*this, terminated, stream);
+}
 
 std::string VisualSampleEntry::compressor() const {
   const size_t length = std::min<size_t>(compressorName[0], compressorName.size() - 1);
@@ -105,6 +134,10 @@ AudioSampleEntry::AudioSampleEntry(const AtomHeader& from) : Atom(from) {}
 int AudioSampleEntry::readData(IOStream* stream) { return readEntry(*this, stream); }
 
 int AudioSampleEntry::writeData(IOStream* stream) { return writeEntry(*this, stream); }
+
+int AudioSampleEntry::writeChildren(IOStream* stream) {
+  return writeEntryChildren(*this, terminated, stream);
+}
 
 double AudioSampleEntry::samplesPerSecond() const {
   if (soundVersion != 2) return sampleRate / 65536.0;

@@ -1,9 +1,11 @@
 // Sample entries: the children of "stsd" that describe how a track's
 // samples are coded. The fixed part of each body is parsed into fields; the
-// child boxes that follow it are its children: avcC, hvcC and esds typed,
-// the others (colr, pasp, btrt, chan, wave, ...) kept opaque. A tail that is
-// not a clean run of boxes is kept as raw bytes, so whatever a file holds is
-// written back.
+// child boxes that follow it are its children: avcC, hvcC, esds, dac3, dec3
+// and alac typed, the others (colr, pasp, btrt, chan, wave, ...) kept
+// opaque. QuickTime writers (GStreamer's qtmux always) may end the children
+// with a 4-byte zero word, which is kept and written back after them. A tail
+// that is not a clean run of boxes is kept as raw bytes, so whatever a file
+// holds is written back.
 #pragma once
 
 #include <array>
@@ -23,6 +25,7 @@ class VisualSampleEntry : public Atom {
 
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
+  int writeChildren(IOStream* stream) override;
   void describe(FieldSink& sink) const override;
 
   // The name after the compressor name's length byte.
@@ -45,6 +48,7 @@ class VisualSampleEntry : public Atom {
   uint16_t depth = 0x0018;
   uint16_t colorTableId = 0xFFFF;
   std::vector<unsigned char> tail;  // bytes after the fields that are not boxes
+  bool terminated = false;  // the children end with a 4-byte zero word
 
   template <class Visitor>
   void fields(Visitor& v) {
@@ -64,6 +68,7 @@ class AudioSampleEntry : public Atom {
 
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
+  int writeChildren(IOStream* stream) override;
   void describe(FieldSink& sink) const override;
 
   // Samples a second and channels, from the version 2 fields when present.
@@ -92,6 +97,7 @@ class AudioSampleEntry : public Atom {
   uint64_t v2SampleRate = 0;
   std::array<uint32_t, 6> v2{};
   std::vector<unsigned char> tail;
+  bool terminated = false;
 
   template <class Visitor>
   void fields(Visitor& v) {

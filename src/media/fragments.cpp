@@ -33,6 +33,7 @@ void sumRun(FragmentRun* run, TrackFragments* track) {
   }
   track->samples += count;
   track->bytes += run->bytes;
+  track->duration += run->duration;
 }
 
 // The runs of one track fragment. Its data starts at `base`; a run without

@@ -43,6 +43,7 @@ struct TrackFragments {
   std::vector<FragmentRun> runs;
   uint64_t samples = 0;
   uint64_t bytes = 0;
+  uint64_t duration = 0;  // of all the samples, gaps between fragments left out
   uint64_t syncSamples = 0;
   uint64_t endTime = 0;  // where the last sample's duration ends
   bool hasTrex = false;

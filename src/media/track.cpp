@@ -70,9 +70,7 @@ uint64_t Track::totalSampleBytes() const {
 }
 
 uint64_t Track::mediaDuration() const {
-  // Fragment decode times run on from the table's, or restart where a tfdt says.
-  if (fragmented()) return fragments_.endTime;
-  uint64_t total = 0;
+  uint64_t total = fragments_.duration;
   for (const SttsEntry& run : stts_->entries) total += uint64_t{run.sampleCount} * run.sampleDelta;
   return total;
 }
@@ -80,7 +78,14 @@ uint64_t Track::mediaDuration() const {
 uint64_t Track::presentationDuration() const {
   uint64_t total = 0;
   if (elst_ == nullptr) return total;
-  for (const ElstEntry& edit : elst_->entries) total += edit.segmentDuration;  // wraps past 2^64
+  for (const ElstEntry& edit : elst_->entries) {
+    if (edit.segmentDuration == 0 && edit.mediaTime >= 0 && fragmented()) {
+      const uint64_t media = mediaDuration(), start = static_cast<uint64_t>(edit.mediaTime);
+      total += rescale(media > start ? media - start : 0, timescale_, movieTimescale_);
+      continue;
+    }
+    total += edit.segmentDuration;  // wraps past 2^64
+  }
   return total;
 }
 

@@ -68,10 +68,15 @@ class Track {
   const ElstAtom* elst() const { return elst_; }  // none: the media plays from time 0
 
   uint32_t movieTimescale() const { return movieTimescale_; }  // of mvhd, for the edit list
-  // The sum of the sample durations, in time-scale units.
+  // The sum of the sample durations, in time-scale units: where a
+  // fragment's decode time (tfdt) leaves a gap or starts past 0, the gap
+  // is not counted.
   uint64_t mediaDuration() const;
   // The sum of the edits' durations, empty ones included, in the movie's
-  // time scale; 0 without an edit list.
+  // time scale; 0 without an edit list. In a fragmented track an edit of
+  // duration 0 (as fragmenting writers leave it, the length being unknown
+  // when moov is written) lasts from its media time to the end of the
+  // samples, as players take it.
   uint64_t presentationDuration() const;
   // What the edit list adds to a sample's composition time: the length of
   // the empty edits that lead, in time-scale units, less the media time
