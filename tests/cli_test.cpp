@@ -1053,4 +1053,53 @@ TEST(CliRemux, Mp4boxJsReadsTheFragmentsSamples) {
   }
 }
 
+// GStreamer's pictures of a file's video, one checksum a frame.
+std::vector<std::string> gstreamerFrames(const std::string& path) {
+  const Outcome decoded = run("gst-launch-1.0", {"-q", "filesrc", "location=" + path, "!", "qtdemux",
+                                                 "!", "decodebin", "!", "checksumsink"});
+  EXPECT_EQ(decoded.status, 0) << path << ": " << decoded.err;
+  std::vector<std::string> sums;
+  std::istringstream lines(decoded.out);
+  for (std::string time, sum; lines >> time >> sum;) sums.push_back(sum);
+  return sums;
+}
+
+// What the editor writes, as the other players read it: mp4box.js (a
+// browser's reader) finds every sample of a join and of a trim where our
+// reader does, with the same times and sync flags, and GStreamer decodes
+// the joined clips to the pictures it decodes from each clip alone.
+TEST(CliEdit, EditsReadAlikeInMp4boxJsAndGStreamer) {
+  if (mediaFiles(MP4STBL_CORPUS_DIR).empty()) GTEST_SKIP() << "no corpus (needs ffmpeg)";
+  const std::vector<std::string> clips{corpus("join_bf2.mp4"), corpus("join_bf1_high.mp4"),
+                                       corpus("join_baseline.mp4"), corpus("join_bf2.mp4")};
+  const std::string joined = scratch("joined.mp4"), cut = scratch("cut.mp4");
+  ASSERT_EQ(cli({"join", clips[0], clips[1], clips[2], clips[3], "-o", joined}).status, 0);
+  ASSERT_EQ(trimJson(corpus("h264_30fps_aac.mp4"), 1.01, 2.5, cut).status, 0);
+  std::vector<std::string> alone;
+  for (const std::string& clip : clips) {
+    const std::vector<std::string> frames = gstreamerFrames(clip);
+    alone.insert(alone.end(), frames.begin(), frames.end());
+  }
+  EXPECT_EQ(gstreamerFrames(joined), alone);
+
+  const std::string module =
+      std::string(MP4STBL_MP4BOX_DIR) + "/node_modules/mp4box/dist/mp4box.all.mjs";
+  if (!fs::exists(module)) GTEST_SKIP() << "no mp4box.js in " << MP4STBL_MP4BOX_DIR;
+  for (const std::string& path : {joined, cut}) {
+    SCOPED_TRACE(path);
+    const json theirs = mp4boxSamples(module, path)["tracks"];
+    ASSERT_EQ(theirs.size(), 2u);
+    for (const json& track : theirs) {
+      const json ours = samplesOf(path, track["id"].get<unsigned>());
+      ASSERT_EQ(track["samples"].size(), ours.size());
+      for (size_t i = 0; i < ours.size(); ++i) {
+        const long long decode = ours[i]["decodeTime"];
+        const json expected = {ours[i]["offset"], ours[i]["size"], decode,
+                               decode + ours[i].value("compositionOffset", 0ll), ours[i]["sync"]};
+        EXPECT_EQ(track["samples"][i], expected) << "sample " << i + 1;
+      }
+    }
+  }
+}
+
 }  // namespace
