@@ -6,6 +6,7 @@
 
 #include "box/edit_boxes.h"
 #include "box/movie_boxes.h"
+#include "edit/output.h"
 #include "media/track.h"
 #include "stbl.h"
 
@@ -18,33 +19,6 @@ std::unique_ptr<Box> table(const char* type) {
   AtomHeader header;
   header.type = type;
   return std::make_unique<Box>(header);
-}
-
-template <class Box>
-Box* childOf(Atom* parent) {
-  for (Atom* child : parent->children) {
-    if (auto* box = dynamic_cast<Box*>(child)) return box;
-  }
-  return nullptr;
-}
-
-Atom* childNamed(Atom* parent, const char* type) {
-  for (Atom* child : parent->children) {
-    if (child->header.type == type) return child;
-  }
-  return nullptr;
-}
-
-template <class Unwanted>
-void removeChildren(Atom* parent, Unwanted unwanted) {
-  for (auto it = parent->children.begin(); it != parent->children.end();) {
-    if (unwanted(**it)) {
-      delete *it;
-      it = parent->children.erase(it);
-    } else {
-      ++it;
-    }
-  }
 }
 
 // The per-sample tables that the walk rebuilds; the descriptions, sample

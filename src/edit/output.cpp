@@ -13,42 +13,16 @@ namespace mp4stbl::edit {
 
 namespace {
 
-template <class Box>
-Box* childOf(Atom* parent) {
-  for (Atom* child : parent->children) {
-    if (auto* box = dynamic_cast<Box*>(child)) return box;
-  }
-  return nullptr;
-}
-
-Atom* childNamed(Atom* parent, const char* type) {
-  for (Atom* child : parent->children) {
-    if (child->header.type == type) return child;
-  }
-  return nullptr;
-}
-
-void removeChildren(Atom* parent, bool (*unwanted)(const Atom*)) {
-  for (auto it = parent->children.begin(); it != parent->children.end();) {
-    if (unwanted(*it)) {
-      delete *it;
-      it = parent->children.erase(it);
-    } else {
-      ++it;
-    }
-  }
-}
-
-bool isSampleTableChild(const Atom* box) {
+bool isSampleTableChild(const Atom& box) {
   // The description of the codings and of sample groups do not depend on
   // which samples are kept; every per-sample table is rebuilt or dropped.
-  return box->header.type != "stsd" && box->header.type != "sgpd";
+  return box.header.type != "stsd" && box.header.type != "sgpd";
 }
 
-bool isMedia(const Atom* box) {
-  const std::string& type = box->header.type;
+bool isMedia(const Atom& box) {
+  const std::string& type = box.header.type;
   return type == "mdat" || type == "moof" || type == "mfra" || type == "sidx" ||
-         dynamic_cast<const MdatAtom*>(box) != nullptr;
+         dynamic_cast<const MdatAtom*>(&box) != nullptr;
 }
 
 // A 64-bit value in a header field that version 0 keeps in 32 bits moves
@@ -79,7 +53,7 @@ void placeTables(NewTrack& track) {
   Atom& stbl = sampleTable(track);
   removeChildren(&stbl, &isSampleTableChild);
   if (!track.keepGroups) {
-    removeChildren(&stbl, [](const Atom* box) { return box->header.type == "sgpd"; });
+    removeChildren(&stbl, [](const Atom& box) { return box.header.type == "sgpd"; });
   }
   for (Atom* table : {static_cast<Atom*>(track.stts.release()),
                       static_cast<Atom*>(track.stss.release()),
@@ -87,7 +61,7 @@ void placeTables(NewTrack& track) {
     if (table != nullptr) stbl.children.push_back(table);
   }
   for (auto& extra : track.extras) stbl.children.push_back(extra.release());
-  removeChildren(track.trak, [](const Atom* box) { return box->header.type == "edts"; });
+  removeChildren(track.trak, [](const Atom& box) { return box.header.type == "edts"; });
   if (!track.edits.empty()) {
     auto at = track.trak->children.begin();
     while (at != track.trak->children.end() && (*at)->header.type == "tkhd") ++at;
@@ -267,6 +241,17 @@ std::vector<std::unique_ptr<Atom>> cutExtras(Atom& stbl, uint32_t first, uint32_
   return extras;
 }
 
+Atom* childNamed(Atom* parent, const char* type) {
+  for (Atom* child : parent->children) {
+    if (child->header.type == type) return child;
+  }
+  return nullptr;
+}
+
+Status missingSample(const Track& track, const SampleInfo& sample) {
+  return track.fail("sample " + std::to_string(sample.number) + " lies past the end of the file");
+}
+
 Atom& sampleTable(Atom* trak) {
   return *childNamed(childNamed(childNamed(trak, "mdia"), "minf"), "stbl");
 }
@@ -313,7 +298,7 @@ Status writeEdited(Mp4File& tree, std::vector<NewTrack>& tracks, Layout& layout,
   removeChildren(&tree.root, &isMedia);
   std::unique_ptr<Atom> moov(childNamed(&tree.root, "moov"));
   tree.root.children.remove(moov.get());
-  removeChildren(moov.get(), [](const Atom* box) { return box->header.type == "mvex"; });
+  removeChildren(moov.get(), [](const Atom& box) { return box.header.type == "mvex"; });
   setDurations(*moov, tracks);
   for (NewTrack& track : tracks) placeTables(track);
 

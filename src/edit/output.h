@@ -67,6 +67,32 @@ Result<EditableTracks> editableTracks(Mp4File& file, const std::string& path);
 // The stbl box of a trak.
 Atom& sampleTable(Atom* trak);
 
+// The first child of `parent` of a class, or of a type; null when none is.
+template <class Box>
+Box* childOf(Atom* parent) {
+  for (Atom* child : parent->children) {
+    if (auto* box = dynamic_cast<Box*>(child)) return box;
+  }
+  return nullptr;
+}
+Atom* childNamed(Atom* parent, const char* type);
+
+// Deletes the children of `parent` that `unwanted(const Atom&)` picks.
+template <class Unwanted>
+void removeChildren(Atom* parent, Unwanted unwanted) {
+  for (auto it = parent->children.begin(); it != parent->children.end();) {
+    if (unwanted(**it)) {
+      delete *it;
+      it = parent->children.erase(it);
+    } else {
+      ++it;
+    }
+  }
+}
+
+// The failure of a sample whose bytes lie past the end of its file.
+Status missingSample(const Track& track, const SampleInfo& sample);
+
 // Runs of samples (ctts, sbgp records: a sample count first) that cover
 // samples first..last (1-based, inclusive) of `runs`, appended to `out`.
 template <class Run>

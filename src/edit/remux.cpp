@@ -48,8 +48,7 @@ Status placeChunks(const Track& track, NewTrack& made, edit::Layout& layout) {
     const SampleInfo* sample = *next;
     if (sample == nullptr) break;
     if (sample->missing) {
-      return track.fail("sample " + std::to_string(sample->number) +
-                        " lies past the end of the file");
+      return edit::missingSample(track, *sample);
     }
     layout.add(0, sample->offset, sample->size);
     chunks = sample->chunk;

@@ -443,8 +443,7 @@ Result<NewTrack> build(const std::vector<TimelineSource>& sources,
       if (sample == nullptr || sample->number > place.last) break;
       if (sample->number < cuts[k].first) continue;
       if (sample->missing) {
-        return track.fail("sample " + std::to_string(sample->number) +
-                          " lies past the end of the file");
+        return missingSample(track, *sample);
       }
       const bool first = sample->number == cuts[k].first;
       const uint64_t duration = sample->duration + (sample->number == place.last ? place.extra : 0);
