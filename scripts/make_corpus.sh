@@ -94,6 +94,9 @@ make join_bf1_high.mp4 -map 0:v -map 1:a -c:v libx264 -preset veryfast -threads 
   -profile:v high "${AAC[@]}"
 video 160x120 25 1 && tone 48000 1 880
 make join_baseline.mp4 -map 0:v -map 1:a "${X264[@]}" -profile:v baseline -g 8 "${AAC[@]}"
+# Audio 0.3 s longer than the video: a clip of it plays as long as its video.
+video 160x120 25 1 && tone 48000 1.3
+make join_long_audio.mp4 -map 0:v -map 1:a "${X264[@]}" "${AAC[@]}"
 video 160x120 30 4 && tone 48000 4
 make h264_30fps_aac.mp4 -map 0:v -map 1:a "${X264B[@]}" -g 30 "${AAC[@]}"
 # A time scale of 10^9: a media time of a few seconds passes 2^31.
