@@ -72,10 +72,8 @@ int64_t shownAt(const SampleInfo& sample) {
 
 // Picks the samples that play `from`..`to`: from the sync sample at or
 // before `from` (less `roll` samples of pre-roll) to the last sample, in
-// decode order, that starts to play before `to`. With `fill`, the samples
-// that play between kept ones are kept too, so that a stretch that is not
-// the last leaves no hole in presentation before the next one.
-Result<Selection> select(const Track& track, int64_t from, int64_t to, uint32_t roll, bool fill) {
+// decode order, that starts to play before `to`.
+Result<Selection> select(const Track& track, int64_t from, int64_t to, uint32_t roll) {
   Selection cut;
   cut.from = from;
   cut.to = to;
@@ -99,13 +97,9 @@ Result<Selection> select(const Track& track, int64_t from, int64_t to, uint32_t 
     Result<const SampleInfo*> next = walk.next();
     if (!next.ok()) return next.status();
     const SampleInfo* sample = *next;
-    if (sample == nullptr) break;
+    if (sample == nullptr || sample->number > cut.last) break;
     if (sample->number < cut.first) continue;
     const int64_t at = shownAt(*sample);
-    if (sample->number > cut.last) {
-      if (!fill || at >= cut.latestEnd) break;
-      cut.last = sample->number;
-    }
     if (sample->number == cut.first) {
       cut.firstDecode = sample->decodeTime;
       cut.firstShown = at;
@@ -588,9 +582,8 @@ Result<Timeline> layOut(const std::vector<TimelineSource>& sources,
       const uint32_t roll = k == 0 && editList
                                 ? preRoll(track, sampleTable(sources[pieces[k].source].tracks->traks[t]))
                                 : 0;
-      Result<Selection> cut = select(track, window.from - units(before, scale),
-                                     window.to + units(after, scale), roll,
-                                     byOffsets[t] && k + 1 < count);
+      Result<Selection> cut =
+          select(track, window.from - units(before, scale), window.to + units(after, scale), roll);
       if (!cut.ok()) return cut.status();
       cuts[t][k] = std::move(*cut);
     }
@@ -609,7 +602,9 @@ Result<Timeline> layOut(const std::vector<TimelineSource>& sources,
     if (!selected.ok()) return selected;
     // A piece after the first shows what it decodes before its start, and
     // one before the last what it decodes after its end: one edit cannot
-    // hide either. Every track of the piece takes the same extra time.
+    // hide either. Every track of the piece takes the same extra time, and
+    // is picked again for it: the B-frames that play before the last frame
+    // kept come along, so the piece leaves no hole before the next.
     double before = 0;
     double after = 0;
     for (size_t t = 0; t < trackCount; ++t) {
