@@ -209,6 +209,43 @@ void keepOffsetsPositive(Plan& plan, const std::vector<Selection>& cuts) {
   if (lowest < 0) shiftPlan(plan, -lowest);
 }
 
+// Without an edit list every track shows its media from time 0: the
+// tracks placed by their offsets move them so that they start at the media
+// time where those placed by their durations do.
+void startTogether(std::vector<Plan>& plans, const std::vector<bool>& byOffsets,
+                   const std::vector<Track>& tracks) {
+  double start = -1;
+  for (size_t t = 0; t < plans.size(); ++t) {
+    if (plans[t].any && !byOffsets[t]) {
+      start = std::max(start, static_cast<double>(plans[t].mediaStart) / tracks[t].timescale());
+    }
+  }
+  for (size_t t = 0; t < plans.size() && start >= 0; ++t) {
+    if (plans[t].any && byOffsets[t]) {
+      shiftPlan(plans[t], units(start, tracks[t].timescale()) - plans[t].mediaStart);
+    }
+  }
+}
+
+// How long a track plays in a new file of `seconds`: no longer than its
+// samples last.
+double shownSeconds(const Plan& plan, double seconds, double scale) {
+  return std::max(0.0, std::min(seconds - plan.lateStart,
+                                static_cast<double>(plan.shownEnd - plan.mediaStart) / scale));
+}
+
+// The track's one edit, after an empty one when it starts late.
+std::vector<EditSegment> singleEdit(const Plan& plan, double seconds, double scale,
+                                    uint32_t movieScale) {
+  std::vector<EditSegment> edits;
+  if (plan.lateStart * movieScale >= 0.5) {
+    edits.push_back({static_cast<uint64_t>(units(plan.lateStart, movieScale)), -1});
+  }
+  edits.push_back({static_cast<uint64_t>(units(shownSeconds(plan, seconds, scale), movieScale)),
+                   plan.mediaStart});
+  return edits;
+}
+
 const Atom* descriptionOf(const Track& track, uint32_t index) {
   if (index == 0 || index > track.stsd().children.size()) return nullptr;
   auto entry = track.stsd().children.begin();
@@ -637,41 +674,24 @@ Result<Timeline> layOut(const std::vector<TimelineSource>& sources,
     plans.push_back(plan(cuts[t], late, first.tracks[t].timescale(), byOffsets[t]));
     if (editList && byOffsets[t]) keepOffsetsPositive(plans[t], cuts[t]);
   }
-  if (!editList) {
-    // No edit list: every track shows first the media time that the
-    // tracks moved by their durations start at.
-    double start = -1;
-    for (size_t t = 0; t < trackCount; ++t) {
-      if (plans[t].any && !byOffsets[t]) {
-        start = std::max(start, static_cast<double>(plans[t].mediaStart) / first.tracks[t].timescale());
-      }
-    }
-    for (size_t t = 0; t < trackCount && start >= 0; ++t) {
-      if (plans[t].any && byOffsets[t]) {
-        shiftPlan(plans[t], units(start, first.tracks[t].timescale()) - plans[t].mediaStart);
-      }
-    }
-  }
+  if (!editList) startTogether(plans, byOffsets, first.tracks);
 
-  const uint32_t movieScale = first.movieTimescale;
+  double played = 0;
   for (size_t t = 0; t < trackCount; ++t) {
     if (!plans[t].any) continue;
     Result<NewTrack> made = build(sources, pieces, cuts[t], plans[t], t, layout);
     if (!made.ok()) return made.status();
+    const double scale = first.tracks[t].timescale();
     if (editList) {
-      const Plan& p = plans[t];
-      const double scale = first.tracks[t].timescale();
-      const double shown = std::min(timeline.seconds - p.lateStart,
-                                    static_cast<double>(p.shownEnd - p.mediaStart) / scale);
-      if (p.lateStart * movieScale >= 0.5) {
-        made->edits.push_back({static_cast<uint64_t>(units(p.lateStart, movieScale)), -1});
-      }
-      made->edits.push_back({static_cast<uint64_t>(units(std::max(shown, 0.0), movieScale)),
-                             p.mediaStart});
+      made->edits = singleEdit(plans[t], timeline.seconds, scale, first.movieTimescale);
+      played = std::max(played, plans[t].lateStart + shownSeconds(plans[t], timeline.seconds, scale));
+    } else {
+      played = std::max(played, static_cast<double>(plans[t].mediaDuration) / scale);
     }
     timeline.tracks.push_back(std::move(*made));
     timeline.kept.push_back(t);
   }
+  timeline.seconds = played;
   return timeline;
 }
 
