@@ -46,20 +46,15 @@ Status matchTracks(const std::vector<Clip>& clips) {
   return Status();
 }
 
-std::vector<unsigned char> bytesOf(Atom& box) {
-  MemoryStream out;
-  return box.Write(&out) == 0 ? out.data() : std::vector<unsigned char>{};
-}
-
 // The output's description index of each of a clip's sample entries: an
 // entry equal byte for byte to one already held is shared, another (other
 // parameter sets, another picture size) is added.
 Result<std::vector<uint32_t>> mapDescriptions(StsdAtom& joined, const StsdAtom& clip) {
   std::vector<std::vector<unsigned char>> held;
-  for (Atom* entry : joined.children) held.push_back(bytesOf(*entry));
+  for (Atom* entry : joined.children) held.push_back(edit::bytesOf(*entry));
   std::vector<uint32_t> indexes;
   for (Atom* entry : clip.children) {
-    std::vector<unsigned char> bytes = bytesOf(*entry);
+    std::vector<unsigned char> bytes = edit::bytesOf(*entry);
     auto found = std::find(held.begin(), held.end(), bytes);
     if (found == held.end()) {
       MemoryStream in(bytes);

@@ -248,6 +248,11 @@ Atom* childNamed(Atom* parent, const char* type) {
   return nullptr;
 }
 
+std::vector<unsigned char> bytesOf(Atom& box) {
+  MemoryStream out;
+  return box.Write(&out) == 0 ? out.data() : std::vector<unsigned char>{};
+}
+
 Status missingSample(const Track& track, const SampleInfo& sample) {
   return track.fail("sample " + std::to_string(sample.number) + " lies past the end of the file");
 }

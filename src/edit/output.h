@@ -90,6 +90,9 @@ void removeChildren(Atom* parent, Unwanted unwanted) {
   }
 }
 
+// A box as it is written; empty when it cannot be.
+std::vector<unsigned char> bytesOf(Atom& box);
+
 // The failure of a sample whose bytes lie past the end of its file.
 Status missingSample(const Track& track, const SampleInfo& sample);
 

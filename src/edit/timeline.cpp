@@ -329,11 +329,6 @@ std::unique_ptr<StscAtom> chunkRuns(const StscAtom& source, const std::vector<ui
   return stsc;
 }
 
-std::vector<unsigned char> bytesOf(Atom& box) {
-  MemoryStream out;
-  return box.Write(&out) == 0 ? out.data() : std::vector<unsigned char>{};
-}
-
 std::vector<std::vector<unsigned char>> groupDescriptions(Atom& stbl) {
   std::vector<std::vector<unsigned char>> held;
   for (Atom* box : stbl.children) {
