@@ -373,8 +373,15 @@ TEST_F(Edit, RefusalsLeaveNoFile) {
   auto& edits = dynamic_cast<ElstAtom&>(*many.find("moov/trak/edts/elst").front());
   edits.entries.assign(5000, {1, 0, 1, 0});  // a millisecond each
   ASSERT_TRUE(many.save(out("many.mp4")).ok());
-  const struct { Status status; const char* reason; } cases[] = {
+  // Movie box first, media cut short: a clip whose samples are not all there.
+  ASSERT_TRUE(trim(kClip, 0, 1, out("whole.mp4")).ok());
+  const Bytes whole = readFile(out("whole.mp4"));
+  std::ofstream(out("short.mp4"), std::ios::binary)
+      .write(reinterpret_cast<const char*>(whole.data()), static_cast<std::streamsize>(whole.size() / 2));
+  const struct { Status status; std::string reason; } cases[] = {
       {trim(out("many.mp4"), 0, 99, out("a.mp4")).status(), "5000 stretches"},
+      {join({kClip, out("short.mp4")}, out("a.mp4")).status(),
+       out("short.mp4") + ": track 1 (vide, avc1): sample"},
       {trim(kClip, 0.3, 0.3, out("a.mp4")).status(), "is empty"},
       {trim(kClip, 5, 6, out("a.mp4")).status(), "nothing plays"},
       {trim(kClip, 0, 1, kClip).status(), "is one of the inputs"},
@@ -389,7 +396,7 @@ TEST_F(Edit, RefusalsLeaveNoFile) {
     EXPECT_FALSE(c.status.ok());
     EXPECT_NE(c.status.message().find(c.reason), std::string::npos) << c.status.message();
   }
-  expectFiles({"many.mp4"});
+  expectFiles({"many.mp4", "short.mp4", "whole.mp4"});
   EXPECT_TRUE(readFile(kClip) == before);
 }
 

@@ -430,6 +430,12 @@ std::unique_ptr<CttsAtom> offsetTable(const std::vector<std::pair<uint32_t, int6
   return ctts;
 }
 
+// A failure about a source's track, the source named first: in a join the
+// track alone does not say which clip it is.
+Status inFile(const TimelineSource& source, const Status& failure) {
+  return Status::failure(source.tracks->path + ": " + failure.message());
+}
+
 // The tables of track t, built sample by sample from the pieces' sources.
 Result<NewTrack> build(const std::vector<TimelineSource>& sources,
                        const std::vector<Piece>& pieces, const std::vector<Selection>& cuts,
@@ -464,17 +470,17 @@ Result<NewTrack> build(const std::vector<TimelineSource>& sources,
     SampleWalker walk(track);
     for (;;) {
       Result<const SampleInfo*> next = walk.next();
-      if (!next.ok()) return next.status();
+      if (!next.ok()) return inFile(source, next.status());
       const SampleInfo* sample = *next;
       if (sample == nullptr || sample->number > place.last) break;
       if (sample->number < cuts[k].first) continue;
       if (sample->missing) {
-        return missingSample(track, *sample);
+        return inFile(source, missingSample(track, *sample));
       }
       const bool first = sample->number == cuts[k].first;
       const uint64_t duration = sample->duration + (sample->number == place.last ? place.extra : 0);
       if (duration > UINT32_MAX || made.sampleCount == UINT32_MAX) {
-        return track.fail("the new track's samples pass what its tables hold");
+        return inFile(source, track.fail("the new track's samples pass what its tables hold"));
       }
       std::vector<uint8_t> prefix;
       if (first && newSource) prefix = parameterSets(descriptionOf(track, sample->descriptionIndex));
@@ -616,7 +622,7 @@ Result<Timeline> layOut(const std::vector<TimelineSource>& sources,
                                 : 0;
       Result<Selection> cut =
           select(track, window.from - units(before, scale), window.to + units(after, scale), roll);
-      if (!cut.ok()) return cut.status();
+      if (!cut.ok()) return inFile(sources[pieces[k].source], cut.status());
       cuts[t][k] = std::move(*cut);
     }
     return Status();
