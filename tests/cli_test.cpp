@@ -815,7 +815,13 @@ TEST(CliEdit, JoinsPlayAsEachClipAlone) {
   for (size_t s = 0; s < probed.packets.size(); ++s) {
     EXPECT_EQ(probed.packets[s], info["tracks"][s]["samples"].get<long long>()) << "stream " << s;
   }
-  EXPECT_EQ(frames(joined), expected);
+  const std::vector<Frame> joinedFrames = frames(joined);
+  EXPECT_EQ(joinedFrames, expected);
+  // A trim of the join, between key frames, shows the join's own frame first.
+  const std::string cut = scratch("cut.mp4");
+  ASSERT_EQ(trimJson(joined, 10.52, 12, cut).status, 0);
+  EXPECT_EQ(frames(cut).front().md5, frameAt(joinedFrames, 10.52));
+  for (double start : probe(cut).starts) EXPECT_NEAR(start, 0, 1024.0 / 48000);
   // Offsets moved by a clip's shift stay positive, for readers of version 0 only.
   const std::string dumped = cli({"dump", joined}).out;
   EXPECT_TRUE(std::regex_search(dumped, std::regex("ctts  size [0-9]+  offset [0-9]+  version 0")));

@@ -455,6 +455,7 @@ Result<NewTrack> build(const std::vector<TimelineSource>& sources,
   bool allSync = true;
   bool constant = true;
   size_t previousSource = SIZE_MAX;
+  uint32_t described = 1;  // the description of the sample before
   for (size_t k = 0; k < pieces.size(); ++k) {
     if (cuts[k].empty()) continue;
     const Placement& place = plan.placed[k];
@@ -482,8 +483,17 @@ Result<NewTrack> build(const std::vector<TimelineSource>& sources,
       if (duration > UINT32_MAX || made.sampleCount == UINT32_MAX) {
         return inFile(source, track.fail("the new track's samples pass what its tables hold"));
       }
+      const uint32_t index = sample->descriptionIndex;
+      const uint32_t description =
+          map != nullptr && index >= 1 && index <= map->size() ? (*map)[index - 1] : index;
+      // A decoder starts with the first description and may miss a switch
+      // to another: a clip's first sample, and any that switches, carries
+      // its own parameter sets.
       std::vector<uint8_t> prefix;
-      if (first && newSource) prefix = parameterSets(descriptionOf(track, sample->descriptionIndex));
+      if ((first && newSource) || description != described) {
+        prefix = parameterSets(descriptionOf(track, index));
+      }
+      described = description;
       constant = constant && prefix.empty();
       made.stts->addEntry(1, static_cast<uint32_t>(duration));
       sizes->addEntry(static_cast<uint32_t>(sample->size + prefix.size()));
@@ -499,9 +509,6 @@ Result<NewTrack> build(const std::vector<TimelineSource>& sources,
       } else {
         offsets.emplace_back(1, offset);
       }
-      const uint32_t index = sample->descriptionIndex;
-      const uint32_t description =
-          map != nullptr && index >= 1 && index <= map->size() ? (*map)[index - 1] : index;
       if (!grouped || sample->chunk != sourceChunk || first) {
         made.chunkSources.push_back(pieces[k].source);
         made.chunkOffsets.push_back(sample->offset);
