@@ -487,10 +487,10 @@ Result<NewTrack> build(const std::vector<TimelineSource>& sources,
       const uint32_t description =
           map != nullptr && index >= 1 && index <= map->size() ? (*map)[index - 1] : index;
       // A decoder starts with the first description and may miss a switch
-      // to another: a clip's first sample, and any that switches, carries
-      // its own parameter sets.
+      // to another: the first sample of a clip, or of a stretch that starts
+      // on another description, carries its own parameter sets.
       std::vector<uint8_t> prefix;
-      if ((first && newSource) || description != described) {
+      if (first && (newSource || description != described)) {
         prefix = parameterSets(descriptionOf(track, index));
       }
       described = description;
