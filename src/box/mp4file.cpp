@@ -436,7 +436,11 @@ void readEntriesByHandler(IOStream* stream, Atom& root) {
       if (plain.make == nullptr || stsd == nullptr) continue;
       for (Atom*& entry : stsd->children) {
         if (typeid(*entry) != typeid(UserDefAtom)) continue;
-        if (!plain.holds(static_cast<const UserDefAtom&>(*entry))) continue;
+        const auto& kept = static_cast<const UserDefAtom&>(*entry);
+        // An entry that claims more than its stsd holds was kept cut short:
+        // read from the stream again, it would take bytes past its parent.
+        if (kept.header.boxLength() != kept.header.headerLength() + kept.body.size()) continue;
+        if (!plain.holds(kept)) continue;
         const AtomType types[] = {{entry->header.type.c_str(), plain.make}};
         if (stream->seek(static_cast<long long>(entry->header.headerOffset)) != 0) continue;
         Atom* read = ReadTypedChild(stream, types, std::size(types));
