@@ -437,12 +437,18 @@ void readEntriesByHandler(IOStream* stream, Atom& root) {
       for (Atom*& entry : stsd->children) {
         if (typeid(*entry) != typeid(UserDefAtom)) continue;
         const auto& kept = static_cast<const UserDefAtom&>(*entry);
-        // An entry that claims more than its stsd holds was kept cut short:
-        // read from the stream again, it would take bytes past its parent.
-        if (kept.header.boxLength() != kept.header.headerLength() + kept.body.size()) continue;
         if (!plain.holds(kept)) continue;
+        // Only an entry kept whole: one whose header claims more than its
+        // stsd holds was kept cut short, and read again from the stream it
+        // would take the bytes past its parent.
+        const auto at = static_cast<long long>(entry->header.headerOffset);
+        AtomHeader claimed;
+        if (stream->seek(at) != 0 || claimed.Read(stream) != 0 ||
+            claimed.boxLength() != claimed.headerLength() + kept.body.size()) {
+          continue;
+        }
         const AtomType types[] = {{entry->header.type.c_str(), plain.make}};
-        if (stream->seek(static_cast<long long>(entry->header.headerOffset)) != 0) continue;
+        if (stream->seek(at) != 0) continue;
         Atom* read = ReadTypedChild(stream, types, std::size(types));
         if (read == nullptr) continue;
         delete entry;
