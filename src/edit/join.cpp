@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <memory>
 
-#include "box/edit_boxes.h"
 #include "edit/editor.h"
 #include "edit/output.h"
 #include "edit/timeline.h"

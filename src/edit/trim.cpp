@@ -1,6 +1,5 @@
 // Trimming: every track cut to one presentation window.
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
 
 #include "edit/editor.h"
