@@ -30,20 +30,30 @@ struct Read {
   uint64_t movieDuration = 0;
 };
 
-Read readBack(const std::string& path) {
-  Read read;
-  Mp4File file;
-  EXPECT_TRUE(file.open(path).ok()) << path;
+// Every sample of every track of the file open at `path`, each the row
+// that `make(bytes, sample)` makes of it.
+template <class Row, class Make>
+std::vector<std::vector<Row>> rowsOf(Mp4File& file, const std::string& path, Make make) {
+  std::vector<std::vector<Row>> tracks;
   const Bytes all = readFile(path);
   FoundTracks found = findTracks(file);
   EXPECT_TRUE(found.unreadable.empty());
   for (const Track& track : found.tracks) {
-    std::vector<Sample>& samples = read.tracks.emplace_back();
+    std::vector<Row>& rows = tracks.emplace_back();
     EXPECT_EQ(walkSamples(track, [&](const SampleInfo& s) {
-      samples.emplace_back(Bytes(all.begin() + s.offset, all.begin() + s.offset + s.size),
-                           s.duration, s.sync, s.descriptionIndex);
+      rows.push_back(make(Bytes(all.begin() + s.offset, all.begin() + s.offset + s.size), s));
     }), "");
   }
+  return tracks;
+}
+
+Read readBack(const std::string& path) {
+  Read read;
+  Mp4File file;
+  EXPECT_TRUE(file.open(path).ok()) << path;
+  read.tracks = rowsOf<Sample>(file, path, [](Bytes bytes, const SampleInfo& s) {
+    return Sample{std::move(bytes), s.duration, s.sync, s.descriptionIndex};
+  });
   for (Atom* elst : file.find("moov/trak/edts/elst")) {
     std::vector<uint64_t>& pairs = read.edits.emplace_back();
     for (const ElstEntry& edit : dynamic_cast<ElstAtom&>(*elst).entries) {
@@ -219,20 +229,11 @@ TEST_F(Edit, JoinAppendsClipsOnOneTimelineAndSharesEqualEntries) {
 using Timed = std::tuple<Bytes, uint64_t, int64_t, bool, uint32_t>;
 
 std::vector<std::vector<Timed>> timedSamples(const std::string& path) {
-  std::vector<std::vector<Timed>> tracks;
   Mp4File file;
   EXPECT_TRUE(file.open(path).ok()) << path;
-  const Bytes all = readFile(path);
-  FoundTracks found = findTracks(file);
-  EXPECT_TRUE(found.unreadable.empty());
-  for (const Track& track : found.tracks) {
-    std::vector<Timed>& samples = tracks.emplace_back();
-    EXPECT_EQ(walkSamples(track, [&](const SampleInfo& s) {
-      samples.emplace_back(Bytes(all.begin() + s.offset, all.begin() + s.offset + s.size),
-                           s.decodeTime, s.compositionOffset, s.sync, s.descriptionIndex);
-    }), "");
-  }
-  return tracks;
+  return rowsOf<Timed>(file, path, [](Bytes bytes, const SampleInfo& s) {
+    return Timed{std::move(bytes), s.decodeTime, s.compositionOffset, s.sync, s.descriptionIndex};
+  });
 }
 
 template <class Box>
