@@ -610,7 +610,8 @@ Result<Timeline> layOut(const std::vector<TimelineSource>& sources,
                            " stretches of media; at most " + std::to_string(kMostPieces) +
                            " are followed");
   }
-  // cuts[t][k], late[t][k]: what piece k keeps of track t, and when it starts.
+  // cuts[t][k], windows[t][k]: what piece k keeps of track t, and the media
+  // it plays (its `late` becomes where that starts in the new file).
   std::vector<std::vector<Selection>> cuts(trackCount, std::vector<Selection>(count));
   std::vector<std::vector<Window>> windows(trackCount, std::vector<Window>(count));
   std::vector<bool> byOffsets(trackCount);
@@ -636,7 +637,6 @@ Result<Timeline> layOut(const std::vector<TimelineSource>& sources,
   };
 
   Timeline timeline;
-  std::vector<double> at(count);  // where each piece starts in the new file
   double reached = 0;
   for (size_t k = 0; k < count; ++k) {
     for (size_t t = 0; t < trackCount; ++t) {
@@ -669,7 +669,6 @@ Result<Timeline> layOut(const std::vector<TimelineSource>& sources,
                                secondsText(before) + " s more than its edit list shows");
     }
     reached += pieces[k].gapBefore;
-    at[k] = reached;
     for (size_t t = 0; t < trackCount; ++t) windows[t][k].late += reached;
     reached += before + (pieces[k].end - pieces[k].start) + after;
   }
