@@ -368,7 +368,7 @@ Status AnnexBReader::State::parameterSet(std::vector<Bytes>& sets, const uint8_t
                                          size_t size, uint64_t offset) {
   const Bytes set(data, data + size);
   if (std::find(sets.begin(), sets.end(), set) != sets.end()) return Status();
-  if (config) return Status::failure("parameter sets change " + at(offset) + "not supported");
+  if (config) return Status::failure("parameter sets change at byte " + std::to_string(offset) + "; not supported");
   if (size > kMaxParameterSetSize) {
     return Status::failure(at(offset) + "a parameter set of " + std::to_string(size) + " bytes");
   }
