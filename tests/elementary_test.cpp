@@ -2,13 +2,14 @@
 // libx265 and ffmpeg's AAC encoder are read in pieces of every size; the
 // frames must be the samples, key flags and records ffmpeg writes when it
 // copies the stream into MP4, in the order ffmpeg's decoder shows them.
+#include "media/elementary.h"
+
 #include <cstdlib>
 #include <map>
 #include <random>
 #include <sstream>
 
 #include "media/bits.h"
-#include "media/elementary.h"
 #include "support/test.h"
 
 namespace {
@@ -77,8 +78,11 @@ VideoRead readVideo(const Bytes& stream, size_t piece) {
 Bytes boxBody(const Bytes& file, const std::string& type) {
   for (size_t i = 4; i + 4 <= file.size(); ++i) {
     if (std::equal(type.begin(), type.end(), file.begin() + i)) {
-      const size_t size = size_t{file[i - 4]} << 24 | file[i - 3] << 16 | file[i - 2] << 8 | file[i - 1];
-      if (size >= 8 && i - 4 + size <= file.size()) return Bytes(file.begin() + i + 4, file.begin() + i - 4 + size);
+      const size_t size =
+          size_t{file[i - 4]} << 24 | file[i - 3] << 16 | file[i - 2] << 8 | file[i - 1];
+      if (size >= 8 && i - 4 + size <= file.size()) {
+        return Bytes(file.begin() + i + 4, file.begin() + i - 4 + size);
+      }
     }
   }
   return {};
@@ -105,12 +109,14 @@ Bytes decoderSpecificInfo(const Bytes& esds) {
 Bytes withoutTrailingZeros(const Bytes& sample) {
   Bytes out;
   for (size_t at = 0; at + 4 <= sample.size();) {
-    const size_t size = size_t{sample[at]} << 24 | sample[at + 1] << 16 | sample[at + 2] << 8 | sample[at + 3];
+    const size_t size =
+        size_t{sample[at]} << 24 | sample[at + 1] << 16 | sample[at + 2] << 8 | sample[at + 3];
     const size_t end = std::min(sample.size(), at + 4 + size);
     size_t last = end;
     while (last > at + 4 && sample[last - 1] == 0) --last;
     ByteWriter nal;
-    nal.u32(static_cast<uint32_t>(last - at - 4)).bytes.insert(nal.bytes.end(), sample.begin() + at + 4, sample.begin() + last);
+    nal.u32(static_cast<uint32_t>(last - at - 4))
+        .bytes.insert(nal.bytes.end(), sample.begin() + at + 4, sample.begin() + last);
     out.insert(out.end(), nal.bytes.begin(), nal.bytes.end());
     at = end;
   }
@@ -126,9 +132,13 @@ std::vector<std::pair<Bytes, bool>> samplesOf(const std::string& path) {
   EXPECT_EQ(found.tracks.size(), 1u) << path;
   if (found.tracks.empty()) return samples;
   const Bytes all = readFile(path);
-  EXPECT_EQ(walkSamples(found.tracks.front(), [&](const SampleInfo& s) {
-    samples.emplace_back(Bytes(all.begin() + s.offset, all.begin() + s.offset + s.size), s.sync);
-  }), "");
+  EXPECT_EQ(walkSamples(found.tracks.front(),
+                        [&](const SampleInfo& s) {
+                          samples.emplace_back(
+                              Bytes(all.begin() + s.offset, all.begin() + s.offset + s.size),
+                              s.sync);
+                        }),
+            "");
   return samples;
 }
 
@@ -138,7 +148,8 @@ std::vector<uint64_t> decoderOrder(const std::string& stream) {
   const std::string probe = "ffprobe -v error -of csv=p=0 ";
   std::map<uint64_t, uint64_t> rankAt;
   uint64_t rank = 0;
-  for (const std::string& pos : lines(run(probe + "-show_frames -show_entries frame=pkt_pos " + stream))) {
+  for (const std::string& pos :
+       lines(run(probe + "-show_frames -show_entries frame=pkt_pos " + stream))) {
     rankAt[std::stoull(pos)] = rank++;
   }
   std::vector<uint64_t> ranks;
@@ -152,17 +163,20 @@ class Streams : public ::testing::Test {
     dir_ = new ScratchDir("mp4stbl_elementary_");
     const std::string source = "-f lavfi -i testsrc2=size=128x96:rate=25:duration=2 ";
     const std::string x264 = "-c:v libx264 -preset veryfast -threads 1 ";
-    const std::string x265 = "-c:v libx265 -preset ultrafast -x265-params "
-                             "log-level=error:pools=none:frame-threads=1:keyint=20";
-    made_ = make("bf3_pyramid.h264", source + x264 + "-bf 3 -x264-params b-pyramid=normal:keyint=20") &&
-            make("baseline.h264", source + x264 + "-profile:v baseline -g 10") &&
-            make("open_gop_slices.h264",
-                 source + x264 + "-bf 2 -x264-params keyint=12:open-gop=1:slices=3:aud=1") &&
-            make("intra_refresh.h264", source + x264 + "-bf 0 -x264-params keyint=12:intra-refresh=1") &&
-            make("bframes.hevc", source + x265 + " -bf 4") &&
-            make("no_bframes.hevc", source + x265 + ":bframes=0") &&
-            make("stereo_44100.aac", "-f lavfi -i sine=sample_rate=44100:duration=1 -ac 2 -c:a aac") &&
-            make("mono_48000.aac", "-f lavfi -i sine=sample_rate=48000:duration=1 -c:a aac");
+    const std::string x265 =
+        "-c:v libx265 -preset ultrafast -x265-params "
+        "log-level=error:pools=none:frame-threads=1:keyint=20";
+    made_ =
+        make("bf3_pyramid.h264", source + x264 + "-bf 3 -x264-params b-pyramid=normal:keyint=20") &&
+        make("baseline.h264", source + x264 + "-profile:v baseline -g 10") &&
+        make("open_gop_slices.h264",
+             source + x264 + "-bf 2 -x264-params keyint=12:open-gop=1:slices=3:aud=1") &&
+        make("intra_refresh.h264",
+             source + x264 + "-bf 0 -x264-params keyint=12:intra-refresh=1") &&
+        make("bframes.hevc", source + x265 + " -bf 4") &&
+        make("no_bframes.hevc", source + x265 + ":bframes=0") &&
+        make("stereo_44100.aac", "-f lavfi -i sine=sample_rate=44100:duration=1 -ac 2 -c:a aac") &&
+        make("mono_48000.aac", "-f lavfi -i sine=sample_rate=48000:duration=1 -c:a aac");
   }
   static void TearDownTestSuite() { delete dir_; }
 
@@ -170,10 +184,13 @@ class Streams : public ::testing::Test {
   // for HEVC, whose hvcC then says its arrays are complete).
   static bool make(const std::string& name, const std::string& options) {
     const std::string ffmpeg = "ffmpeg -nostdin -hide_banner -loglevel error -y ";
-    const std::string format = name.substr(name.rfind('.') + 1) == "aac" ? "adts" : name.substr(name.rfind('.') + 1);
+    const std::string format =
+        name.substr(name.rfind('.') + 1) == "aac" ? "adts" : name.substr(name.rfind('.') + 1);
     const std::string tag = format == "hevc" ? " -tag:v hvc1" : "";
     return std::system((ffmpeg + options + " -f " + format + " " + (*dir_ / name)).c_str()) == 0 &&
-           std::system((ffmpeg + "-i " + (*dir_ / name) + " -c copy" + tag + " " + (*dir_ / name) + ".mp4").c_str()) == 0;
+           std::system(
+               (ffmpeg + "-i " + (*dir_ / name) + " -c copy" + tag + " " + (*dir_ / name) + ".mp4")
+                   .c_str()) == 0;
   }
   static std::string path(const std::string& name) { return *dir_ / name; }
 
@@ -205,7 +222,8 @@ TEST_F(Streams, VideoMatchesFfmpeg) {
       EXPECT_EQ(whole.frames[i].presentation, shown[i]) << "frame " << i;
     }
     const Bytes file = readFile(path(name) + ".mp4");
-    EXPECT_EQ(whole.record, boxBody(file, std::string(name).find("hevc") != std::string::npos ? "hvcC" : "avcC"));
+    EXPECT_EQ(whole.record,
+              boxBody(file, std::string(name).find("hevc") != std::string::npos ? "hvcC" : "avcC"));
     for (size_t piece : {size_t{1}, size_t{7}, size_t{4096}, size_t{0}}) {
       if (piece == 1 && stream.size() > 200000) continue;
       const VideoRead pieces = readVideo(stream, piece);
@@ -247,8 +265,8 @@ TEST_F(Streams, VideoConfiguration) {
 // esds's AudioSpecificConfig, in pieces of any size.
 TEST_F(Streams, AdtsMatchesFfmpeg) {
   if (!made_) GTEST_SKIP() << "ffmpeg is needed";
-  for (const auto& [name, rate, channels] : {std::tuple{"stereo_44100.aac", 44100u, 2u},
-                                             std::tuple{"mono_48000.aac", 48000u, 1u}}) {
+  for (const auto& [name, rate, channels] :
+       {std::tuple{"stereo_44100.aac", 44100u, 2u}, std::tuple{"mono_48000.aac", 48000u, 1u}}) {
     SCOPED_TRACE(name);
     const Bytes stream = readFile(path(name));
     const auto samples = samplesOf(path(name) + ".mp4");
@@ -293,7 +311,9 @@ struct BitWriter {
   // The bits, zeros to the end of the last byte.
   Bytes raw() const {
     Bytes out((bits.size() + 7) / 8);
-    for (size_t i = 0; i < bits.size(); ++i) out[i / 8] |= static_cast<uint8_t>(bits[i] << (7 - i % 8));
+    for (size_t i = 0; i < bits.size(); ++i) {
+      out[i / 8] |= static_cast<uint8_t>(bits[i] << (7 - i % 8));
+    }
     return out;
   }
   // The header bytes, then the bits with the stop bit, escaped.
@@ -320,11 +340,26 @@ struct BitWriter {
 // Main profile, 128x96, no VUI: the level's picture buffer sets the
 // reorder depth (16 frames at level 3).
 Bytes avcSps(unsigned log2FrameNum, unsigned log2PocLsb) {
-  return BitWriter().u(77, 8).u(0, 8).u(30, 8).ue(0).ue(log2FrameNum - 4).ue(0).ue(log2PocLsb - 4)
-      .ue(1).u(0, 1).ue(7).ue(5).u(1, 1).u(1, 1).u(0, 1).u(0, 1).nal({0x67});
+  return BitWriter()
+      .u(77, 8)
+      .u(0, 8)
+      .u(30, 8)
+      .ue(0)
+      .ue(log2FrameNum - 4)
+      .ue(0)
+      .ue(log2PocLsb - 4)
+      .ue(1)
+      .u(0, 1)
+      .ue(7)
+      .ue(5)
+      .u(1, 1)
+      .u(1, 1)
+      .u(0, 1)
+      .u(0, 1)
+      .nal({0x67});
 }
-const Bytes kAvcPps = BitWriter().ue(0).ue(0).u(0, 2).ue(0).ue(0).ue(0).u(0, 3).se(0).se(0).se(0)
-                          .u(0, 3).nal({0x68});
+const Bytes kAvcPps =
+    BitWriter().ue(0).ue(0).u(0, 2).ue(0).ue(0).ue(0).u(0, 3).se(0).se(0).se(0).u(0, 3).nal({0x68});
 
 struct Slice {
   uint32_t firstMb, frameNum, pocLsb;
@@ -364,17 +399,19 @@ TEST(AnnexB, AccessUnitsOfAHandMadeStream) {
   const Bytes idr0 = avcSlice({0, 0, 0, true, true, 8191}, f, p);
   const Bytes idr1 = avcSlice({24, 0, 0, true, true, 8191}, f, p);
   const Bytes pic = avcSlice({0, 1, 6, false, true}, f, p);
-  const Bytes b1 = avcSlice({0, 2, 2, false, false}, f, p), b2 = avcSlice({0, 2, 4, false, false}, f, p);
+  const Bytes b1 = avcSlice({0, 2, 2, false, false}, f, p),
+              b2 = avcSlice({0, 2, 4, false, false}, f, p);
   const Bytes escape = {0, 0, 3};
-  ASSERT_NE(std::search(idr0.begin(), idr0.begin() + 6, escape.begin(), escape.end()), idr0.begin() + 6);
-  const Bytes stream = concat({{0, 0}, kStart4, kAud, kStart4, sps, kStart3, kAvcPps, {0, 0}, kStart3, idr0,
-                               kStart3, idr1, kStart4, kAud, kStart3, kSeiRecovery, kStart4, pic,
-                               kStart3, b1, {0}, kStart4, b2});
-  const std::vector<Frame> expected = {
-      {lengthPrefixed({kAud, sps, kAvcPps, idr0, idr1}), 0, true},
-      {lengthPrefixed({kAud, kSeiRecovery, pic}), 3, true},
-      {lengthPrefixed({b1}), 1, false},
-      {lengthPrefixed({b2}), 2, false}};
+  ASSERT_NE(std::search(idr0.begin(), idr0.begin() + 6, escape.begin(), escape.end()),
+            idr0.begin() + 6);
+  const Bytes stream =
+      concat({{0, 0},  kStart4, kAud,    kStart4, sps,     kStart3, kAvcPps, {0, 0},
+              kStart3, idr0,    kStart3, idr1,    kStart4, kAud,    kStart3, kSeiRecovery,
+              kStart4, pic,     kStart3, b1,      {0},     kStart4, b2});
+  const std::vector<Frame> expected = {{lengthPrefixed({kAud, sps, kAvcPps, idr0, idr1}), 0, true},
+                                       {lengthPrefixed({kAud, kSeiRecovery, pic}), 3, true},
+                                       {lengthPrefixed({b1}), 1, false},
+                                       {lengthPrefixed({b2}), 2, false}};
   for (size_t piece : {size_t{1}, size_t{2}, size_t{3}, size_t{5}, size_t{0}, stream.size()}) {
     const VideoRead read = readVideo(stream, piece);
     EXPECT_EQ(read.status.message(), "");
@@ -387,9 +424,10 @@ TEST(AnnexB, AccessUnitsOfAHandMadeStream) {
 TEST(AnnexB, PictureOrderWrapsAndRestarts) {
   const unsigned f = 4, p = 4;
   Bytes stream = concat({kStart4, avcSps(f, p), kStart4, kAvcPps});
-  const Slice slices[] = {{0, 0, 0, true, true},   {0, 1, 6, false, true},  {0, 2, 2, false, false},
-                          {0, 2, 12, false, true}, {0, 3, 8, false, false}, {0, 3, 2, false, true},
-                          {0, 4, 14, false, false}, {0, 0, 4, true, true},  {0, 1, 0, false, true}};
+  const Slice slices[] = {
+      {0, 0, 0, true, true},    {0, 1, 6, false, true},  {0, 2, 2, false, false},
+      {0, 2, 12, false, true},  {0, 3, 8, false, false}, {0, 3, 2, false, true},
+      {0, 4, 14, false, false}, {0, 0, 4, true, true},   {0, 1, 0, false, true}};
   for (const Slice& slice : slices) stream = concat({stream, kStart3, avcSlice(slice, f, p)});
   const VideoRead read = readVideo(stream, 0);
   ASSERT_EQ(read.status.message(), "");
@@ -414,22 +452,26 @@ std::string readError(const Bytes& stream) {
 // are refused with the byte offset and the reason; none crashes.
 TEST(AnnexB, RefusalsSayWhereAndWhy) {
   const Bytes sps = avcSps(4, 4), pps = kAvcPps;
-  const Bytes idr = avcSlice({0, 0, 0, true, true}, 4, 4), pic = avcSlice({0, 1, 2, false, true}, 4, 4);
+  const Bytes idr = avcSlice({0, 0, 0, true, true}, 4, 4),
+              pic = avcSlice({0, 1, 2, false, true}, 4, 4);
   const Bytes head = concat({kStart4, sps, kStart4, pps, kStart4, idr});
   Bytes otherSps = sps;
   otherSps[3] = 31;  // level 3.1
   const std::pair<Bytes, std::string> cases[] = {
       {{}, "no video frame in 0 bytes"},
       {Bytes(1000, 0), "no video frame in 1000 bytes"},
-      {{0, 0, 'h', 'i', 0, 0, 1, 0x67}, "at byte 2: not an H.264 or HEVC byte stream (no start code)"},
-      {concat({kStart4, pic}), "at byte 4: the stream does not start with H.264 or HEVC parameter sets (NAL unit header 97)"},
+      {{0, 0, 'h', 'i', 0, 0, 1, 0x67},
+       "at byte 2: not an H.264 or HEVC byte stream (no start code)"},
+      {concat({kStart4, pic}),
+       "at byte 4: the stream does not start with H.264 or HEVC parameter sets (NAL unit header "
+       "97)"},
       {concat({kStart4, pps, kStart3, pic}), "at byte 11: a picture before its parameter sets"},
       {concat({kStart4, Bytes(sps.begin(), sps.begin() + 5), kStart4, pps, kStart4, idr}),
        "at byte 21: H.264 parameter sets: H.264 SPS: ends early, at bit 32"},
-      {concat({head, kStart4, otherSps, kStart4, pic}), "parameter sets change at byte " +
-       std::to_string(head.size() + 4) + "; not supported"},
-      {concat({head, kStart3, {0xE1, 0x22}}), "at byte " + std::to_string(head.size() + 3) +
-       ": NAL unit with its forbidden bit set"},
+      {concat({head, kStart4, otherSps, kStart4, pic}),
+       "parameter sets change at byte " + std::to_string(head.size() + 4) + "; not supported"},
+      {concat({head, kStart3, {0xE1, 0x22}}),
+       "at byte " + std::to_string(head.size() + 3) + ": NAL unit with its forbidden bit set"},
       {concat({kStart4, sps, kStart4, {0x68, 0x00, 0x7F}, kStart4, idr}),
        "at byte " + std::to_string(sps.size() + 15) +
            ": H.264 parameter sets: H.264 PPS: ids out of range or set ends early"},
@@ -449,12 +491,19 @@ TEST(AnnexB, RefusalsSayWhereAndWhy) {
 TEST(AnnexB, ANalUnitPast64MiBIsRefused) {
   AnnexBReader reader;
   const Bytes sps = avcSps(4, 4);
-  const Bytes head = concat({kStart4, sps, kStart4, kAvcPps, kStart4, avcSlice({0, 0, 0, true, true}, 4, 4), {0, 0, 1, 0x65}});
+  const Bytes head = concat({kStart4,
+                             sps,
+                             kStart4,
+                             kAvcPps,
+                             kStart4,
+                             avcSlice({0, 0, 0, true, true}, 4, 4),
+                             {0, 0, 1, 0x65}});
   ASSERT_TRUE(reader.feed(head.data(), head.size()).ok());
   const Bytes block(1 << 20, 0xFF);
   Status status;
   for (int i = 0; i < 70 && status.ok(); ++i) status = reader.feed(block.data(), block.size());
-  EXPECT_EQ(status.message(), "at byte " + std::to_string(head.size() - 1) + ": a NAL unit of more than 64 MiB");
+  EXPECT_EQ(status.message(),
+            "at byte " + std::to_string(head.size() - 1) + ": a NAL unit of more than 64 MiB");
 }
 
 // What an AudioSpecificConfig says: rate (the doubled one of explicit SBR),
@@ -473,8 +522,13 @@ TEST(Aac, SpecificConfigs) {
       {BitWriter().u(5, 5).u(6, 4).u(2, 4).u(3, 4).u(2, 5).u(0, 3).raw(), 48000, 2, 1024, ""},
       {BitWriter().u(29, 5).u(6, 4).u(1, 4).u(3, 4).u(2, 5).u(0, 3).raw(), 48000, 2, 1024, ""},
       {BitWriter().u(31, 5).u(10, 6).u(4, 4).u(2, 4).u(0, 5).raw(), 44100, 2, 1024, ""},
-      {{0x12, 0x00}, 0, 0, 0, "AudioSpecificConfig: channel configuration 0 (a program config element) is not supported"},
-      {BitWriter().u(2, 5).u(13, 4).u(2, 4).u(0, 3).raw(), 0, 0, 0, "AudioSpecificConfig: reserved sampling frequency index"},
+      {{0x12, 0x00},
+       0,
+       0,
+       0,
+       "AudioSpecificConfig: channel configuration 0 (a program config element) is not supported"},
+      {BitWriter().u(2, 5).u(13, 4).u(2, 4).u(0, 3).raw(), 0, 0, 0,
+       "AudioSpecificConfig: reserved sampling frequency index"},
       {{0x12}, 0, 0, 0, "AudioSpecificConfig ends early"},
       {{0x02, 0x10}, 0, 0, 0, "AudioSpecificConfig: audio object type 0"},
   };
@@ -490,10 +544,22 @@ TEST(Aac, SpecificConfigs) {
 }
 
 // An ADTS frame: header (with a CRC unless `crc` is false), then `payload`.
-Bytes adts(unsigned rateIndex, unsigned channels, const Bytes& payload, bool crc = false, unsigned blocks = 0) {
+Bytes adts(unsigned rateIndex, unsigned channels, const Bytes& payload, bool crc = false,
+           unsigned blocks = 0) {
   const size_t length = (crc ? 9 : 7) + payload.size();
-  Bytes frame = BitWriter().u(0xFFF, 12).u(0, 3).u(crc ? 0 : 1, 1).u(1, 2).u(rateIndex, 4).u(0, 1)
-                    .u(channels, 3).u(0, 4).u(length, 13).u(0x7FF, 11).u(blocks, 2).raw();
+  Bytes frame = BitWriter()
+                    .u(0xFFF, 12)
+                    .u(0, 3)
+                    .u(crc ? 0 : 1, 1)
+                    .u(1, 2)
+                    .u(rateIndex, 4)
+                    .u(0, 1)
+                    .u(channels, 3)
+                    .u(0, 4)
+                    .u(length, 13)
+                    .u(0x7FF, 11)
+                    .u(blocks, 2)
+                    .raw();
   if (crc) frame.insert(frame.end(), {0xAB, 0xCD});
   return concat({frame, payload});
 }
@@ -513,10 +579,13 @@ TEST(Adts, FramesAndRefusals) {
   EXPECT_EQ(reader.config()->specificConfig, (Bytes{0x12, 0x10}));
   const std::pair<Bytes, std::string> cases[] = {
       {concat({good, {'x', 'y', 'z', 0, 0, 0, 0}}), "ADTS at byte 23: no sync word"},
-      {concat({good, adts(4, 2, a, false, 1)}), "ADTS at byte 23: a frame of several raw data blocks"},
+      {concat({good, adts(4, 2, a, false, 1)}),
+       "ADTS at byte 23: a frame of several raw data blocks"},
       {concat({good, adts(3, 2, a)}), "ADTS at byte 23: the configuration changes; not supported"},
       {concat({good, adts(4, 0, a)}), "ADTS at byte 23: the configuration changes; not supported"},
-      {concat({adts(4, 0, a)}), "ADTS at byte 0: AudioSpecificConfig: channel configuration 0 (a program config element) is not supported"},
+      {concat({adts(4, 0, a)}),
+       "ADTS at byte 0: AudioSpecificConfig: channel configuration 0 (a program config element) is "
+       "not supported"},
       {concat({good, Bytes(last.begin(), last.end() - 1)}),
        "ADTS at byte 23: the last frame is cut short (10 bytes dropped)"},
       {{}, "no ADTS frame in the stream"},
