@@ -234,8 +234,9 @@ Status Recorder::State::flush() {
   for (RecordedTrack& track : tracks) track.chunks.clear();
   held = 0;
   holding = false;
+  if (Status synced = sync(); !synced.ok()) return synced;
   committed = at;
-  return sync();
+  return {};
 }
 
 Recorder::Recorder(std::unique_ptr<State> state) : state_(std::move(state)) {}
