@@ -179,8 +179,8 @@ TEST_F(Record, UnfinishedRecordingHoldsItsWholeFragments) {
   }
 }
 
-// Two tracks recorded into memory: five H.264 frames of 40 ms (key frames
-// 1 and 4, B-frame offsets) and 1600 G.711 samples in two writes, chunks of
+// Two tracks recorded into memory: five H.264 frames of 40 ms, the last
+// 60 ms (key frames 1 and 4, B-frame offsets) and 1600 G.711 samples in two writes, chunks of
 // 80 ms. Each table, as the file holds it.
 struct TwoTracks {
   MemoryStream sink;
@@ -204,7 +204,7 @@ struct TwoTracks {
     for (uint32_t i = 0; i < 5; ++i) {
       const Bytes frame(sizes[i], static_cast<unsigned char>(i));
       EXPECT_TRUE((*recorder)->write(video, frame.data(), frame.size(),
-                                     {i * 40, i == 4 ? 40u : 0u, offsets[i], i % 3 == 0}).ok());
+                                     {i * 40, i == 4 ? 60u : 0u, offsets[i], i % 3 == 0}).ok());
       if (i < 2) {
         EXPECT_TRUE((*recorder)->write(audio, samples.data(), samples.size(), {i * 800u}).ok());
       }
@@ -233,7 +233,7 @@ TEST(RecordTables, GoldenBytes) {
   // By time: video 1-2 at 52, audio 1-640 at 66, video 3-4 at 706, audio
   // 641-1280 at 720, video 5 at 1360, audio 1281-1600 at 1364.
   const std::vector<Bytes> expected = {
-      ByteWriter::fullBox("stts", 0, 0, ByteWriter().u32(1).u32(5).u32(40).bytes),
+      ByteWriter::fullBox("stts", 0, 0, ByteWriter().u32(2).u32(4).u32(40).u32(1).u32(60).bytes),
       ByteWriter::fullBox("ctts", 0, 0,
                           ByteWriter().u32(5).u32(1).u32(40).u32(1).u32(80).u32(1).u32(0)
                               .u32(1).u32(40).u32(1).u32(0).bytes),
@@ -254,12 +254,12 @@ TEST(RecordTables, GoldenBytes) {
     EXPECT_EQ(bytesOf(recorded.tables[i]), expected[i]) << i;
   }
   // The video's edit hides the 40 ms its first frame waits; its media lasts
-  // 200 ms, the audio's too.
+  // 220 ms, the audio's 200.
   const auto* elst = dynamic_cast<ElstAtom*>(recorded.file.find("moov/trak/edts/elst").front());
   ASSERT_EQ(elst->entries.size(), 1u);
-  EXPECT_EQ(elst->entries[0].segmentDuration, 200u);
+  EXPECT_EQ(elst->entries[0].segmentDuration, 220u);
   EXPECT_EQ(elst->entries[0].mediaTime, 40);
-  EXPECT_EQ(dynamic_cast<MvhdAtom&>(*recorded.file.find("moov/mvhd").front()).duration, 200u);
+  EXPECT_EQ(dynamic_cast<MvhdAtom&>(*recorded.file.find("moov/mvhd").front()).duration, 220u);
 }
 
 // The same recording in fragments of 80 ms: each fragment's runs say what
