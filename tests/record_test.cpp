@@ -421,4 +421,46 @@ TEST_F(Record, FullDiskKeepsTheFragmentsWritten) {
   EXPECT_LE(fs::file_size(recorded), 8000u);
 }
 
+// The sample entry of each kind of track, as the file holds it.
+TEST(RecordTables, SampleEntries) {
+  MemoryStream sink;
+  auto recorder = Recorder::create(&sink);
+  VideoConfig hevc;
+  hevc.codec = VideoConfig::Codec::Hevc;
+  hevc.record = {1, 2, 3};
+  hevc.width = 1920;
+  hevc.height = 1080;
+  EXPECT_EQ((*recorder)->addVideo(VideoConfig{}, 90000).message(),
+            "a video track needs its decoder configuration");
+  ASSERT_TRUE((*recorder)->addVideo(hevc, 90000).ok());
+  ASSERT_TRUE((*recorder)->addG711(G711Law::ALaw, 8000).ok());
+  ASSERT_TRUE((*recorder)->addG711(G711Law::MuLaw, 16000, 2).ok());
+  ASSERT_TRUE((*recorder)->addPcm(96000, 6).ok());
+  ASSERT_TRUE((*recorder)->addMetadata(1000).ok());
+  ASSERT_TRUE((*recorder)->finish().ok());
+  const auto sound = [](const char* type, uint16_t channels, uint32_t rate) {
+    return ByteWriter::box(type, ByteWriter().u32(0).u32(1).u32(0).u32(0)
+                                     .be(channels, 2).be(16, 2).u32(0).u32(rate).bytes);
+  };
+  const Bytes visual = ByteWriter::box(
+      "hvc1", ByteWriter().u32(0).u32(1).append(Bytes(16, 0)).be(1920, 2).be(1080, 2)
+                  .u32(0x00480000).u32(0x00480000).u32(0).be(1, 2).append(Bytes(32, 0))
+                  .be(0x18, 2).be(0xFFFF, 2).append(ByteWriter::box("hvcC", {1, 2, 3})).bytes);
+  const std::vector<Bytes> expected = {
+      visual,
+      sound("alaw", 1, 8000u << 16),
+      sound("ulaw", 2, 16000u << 16),
+      sound("sowt", 6, 0),  // 96 kHz does not fit the 16.16 field
+      ByteWriter::box("gpmd", ByteWriter().u32(0).u32(1).u32(0).bytes),
+  };
+  MemoryStream in(sink.data());
+  Mp4File file;
+  ASSERT_TRUE(file.read(&in).ok());
+  const auto stsds = file.find("moov/trak/mdia/minf/stbl/stsd");
+  ASSERT_EQ(stsds.size(), expected.size());
+  for (size_t i = 0; i < expected.size(); ++i) {
+    EXPECT_EQ(bytesOf(stsds[i]->children.front()), expected[i]) << i;
+  }
+}
+
 }  // namespace

@@ -270,6 +270,7 @@ Result<std::unique_ptr<Recorder>> Recorder::create(IOStream* sink,
 
 Result<uint32_t> Recorder::addVideo(const VideoConfig& config, uint32_t timescale,
                                     uint32_t presentationDelay) {
+  if (config.record.empty()) return Status::failure("a video track needs its decoder configuration");
   RecordedTrack track;
   track.handler = "vide";
   track.timescale = timescale;
