@@ -1,0 +1,72 @@
+#include "record/recorded_track.h"
+
+#include <cmath>
+#include <cstdint>
+
+#include "record/sample_entries.h"
+
+namespace mp4stbl::record {
+
+RecordedTrack::RecordedTrack()
+    : stts(std::make_unique<SttsAtom>(headerOf("stts"))),
+      stsc(std::make_unique<StscAtom>(headerOf("stsc"))),
+      stsz(std::make_unique<StszAtom>(headerOf("stsz"))),
+      stss(std::make_unique<StssAtom>(headerOf("stss"))),
+      ctts(std::make_unique<CttsAtom>(headerOf("ctts"))),
+      stco(std::make_unique<StcoAtom>(headerOf("stco"))) {}
+
+bool RecordedTrack::isVideo() const { return handler[0] == 'v'; }
+
+uint64_t RecordedTrack::ticks(double seconds) const {
+  const double value = std::floor(seconds * timescale);
+  return value < 1 ? 1 : static_cast<uint64_t>(value);
+}
+
+void RecordedTrack::append(const uint8_t* bytes, const HeldSample& sample, uint64_t decodeTime,
+                           uint64_t chunkTicks) {
+  ++sampleCount;
+  stts->addEntry(1, sample.duration);
+  if (frameSize == 0) stsz->addEntry(sample.size);
+  // Sync samples are listed only once one sample is not one; until then
+  // the table stays empty, and a track of key frames only needs none.
+  if (allSync && !sample.key) {
+    allSync = false;
+    for (uint32_t n = 1; n < sampleCount; ++n) stss->addEntry(n);
+  }
+  if (!allSync && sample.key) stss->addEntry(sampleCount);
+  const uint32_t offset = static_cast<uint32_t>(sample.compositionOffset);
+  if (!ctts->entries.empty() && ctts->entries.back().sampleOffset == offset) {
+    ++ctts->entries.back().sampleCount;
+  } else {
+    ctts->entries.push_back({1, offset});
+  }
+  if (sample.compositionOffset < 0) ctts->version = 1;
+  anyOffset = anyOffset || sample.compositionOffset != 0;
+
+  if (chunks.empty() || decodeTime - chunks.back().startTime >= chunkTicks) {
+    chunks.emplace_back().startTime = decodeTime;
+  }
+  Chunk& chunk = chunks.back();
+  chunk.samples.push_back(sample);
+  chunk.data.insert(chunk.data.end(), bytes, bytes + sample.size);
+  endTime = decodeTime + sample.duration;
+  lastDuration = sample.duration;
+}
+
+void RecordedTrack::addChunk(uint64_t offset, uint32_t samples) {
+  ++chunkCount;
+  stsc->addEntry(chunkCount, samples, 1);
+  if (!co64 && offset > UINT32_MAX) {
+    // The first offset past 4 GiB moves the table to 64-bit entries.
+    co64 = std::make_unique<Co64Atom>(headerOf("co64"));
+    for (uint32_t earlier : stco->entries) co64->addEntry(earlier);
+    stco.reset();
+  }
+  if (co64) {
+    co64->addEntry(offset);
+  } else {
+    stco->addEntry(static_cast<uint32_t>(offset));
+  }
+}
+
+}  // namespace mp4stbl::record
