@@ -60,6 +60,8 @@ class Source {
   virtual const char* configuration() const { return "its configuration"; }
   // Said once the recording is over.
   virtual std::string note() const { return ""; }
+  // The samples a piece holds as MP4 counts them: one, or a byte each (G.711).
+  virtual uint64_t samplesIn(const Sample&) const { return 1; }
 };
 
 // A time scale of at least 10000 that counts whole frames: the rate's
@@ -230,6 +232,7 @@ class G711Source : public Source {
   uint32_t timescale() const override { return rate_; }
   const char* kind() const override { return "audio"; }
   const char* codec() const override { return law_ == G711Law::ALaw ? "alaw" : "ulaw"; }
+  uint64_t samplesIn(const Sample& piece) const override { return piece.data.size(); }
 
  private:
   G711Law law_;
@@ -475,7 +478,7 @@ class Recording {
       const Status written =
           recorder_->write(next->track, sample.data.data(), sample.data.size(), sample.time);
       if (!written.ok()) return {options_.output, written.message()};
-      ++next->samples;
+      next->samples += next->source->samplesIn(sample);
       next->end = sample.time.decodeTime + sample.time.duration;
       next->queuedBytes -= sample.data.size();
       next->queue.pop_front();
