@@ -99,7 +99,9 @@ const Streams& streams() {
           "hevc", s.hevc);
     video({"-f", "lavfi", "-i", "sine=sample_rate=48000:duration=3"}, {"-c:a", "aac", "-b:a", "32k"},
           "adts", s.aac);
-    const std::vector<std::string> tone = {"-f", "lavfi", "-i", "sine=frequency=440:sample_rate=8000:duration=3"};
+    // Not a whole number of 20 ms pieces.
+    const std::vector<std::string> tone = {"-f", "lavfi", "-i",
+                                           "sine=frequency=440:sample_rate=8000:duration=2.99375"};
     video(tone, {}, "alaw", s.alaw);
     video(tone, {}, "mulaw", s.ulaw);
     if (run("sh", {"-c", "command -v x264"}).status == 0) {
@@ -218,6 +220,26 @@ struct Case {
   std::string video, audio, layout;
 };
 
+// The tracks' samples lie in the file by time: none comes more than a
+// second (two chunks) after a sample that decodes later.
+void expectInterleaved(const std::string& path, const json& tracks) {
+  std::vector<std::pair<long long, double>> placed;
+  for (const json& track : tracks) {
+    const json rows = cli({"samples", path, "--track", std::to_string(track["id"].get<int>()), "--json"})
+                          .doc()["samples"];
+    for (const json& row : rows) {
+      placed.emplace_back(row["offset"].get<long long>(),
+                          row["decodeTime"].get<double>() / track["timescale"].get<double>());
+    }
+  }
+  std::sort(placed.begin(), placed.end());
+  double latest = 0;
+  for (const auto& [offset, at] : placed) {
+    EXPECT_GE(at, latest - 1.0) << "sample at offset " << offset;
+    latest = std::max(latest, at);
+  }
+}
+
 void checkRecording(const Case& c) {
   const bool g711 = c.audio.find(".alaw") != std::string::npos || c.audio.find(".ulaw") != std::string::npos;
   SCOPED_TRACE(c.video + " " + c.audio + " " + c.layout);
@@ -290,8 +312,9 @@ void checkRecording(const Case& c) {
   const json starts = json::parse(
       run("ffprobe", {"-v", "error", "-show_entries", "stream=start_time", "-of", "json", out}).out);
   for (const json& stream : starts["streams"]) {
-    EXPECT_NEAR(std::stod(stream["start_time"].get<std::string>()), 0, 0.04);
+    EXPECT_NEAR(std::stod(stream["start_time"].get<std::string>()), 0, 1e-6);
   }
+  expectInterleaved(out, info["tracks"]);
 
   if (video) {
     EXPECT_EQ(gstreamerFrames(out), gstreamerFrames(ref));
@@ -676,7 +699,7 @@ TEST(CliRecord, RefusesWhatItCannotRecord) {
     EXPECT_EQ(ran.out, "");
     EXPECT_FALSE(fs::exists(out));
   }
-  EXPECT_EQ(readFile(s.alaw).size(), 24000u);
+  EXPECT_EQ(readFile(s.alaw).size(), 23950u);
   const Outcome json = cli({"record", "-o", out, "--json", "--video", missing});
   EXPECT_EQ(json.status, 1);
   EXPECT_EQ(json.doc(), (nlohmann::json{{"error", "cannot be opened: No such file or directory"},
@@ -737,17 +760,49 @@ TEST(CliRecord, ReadsTwoPipesOfOneProducer) {
   fs::remove(audio);
   ASSERT_EQ(mkfifo(video.c_str(), 0600), 0);
   ASSERT_EQ(mkfifo(audio.c_str(), 0600), 0);
+  // More sound than a pipe holds.
   const std::string producer =
-      "ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=size=320x240:rate=25:duration=6 -f lavfi "
-      "-i sine=sample_rate=48000:duration=6 -map 0:v -c:v libx264 -preset veryfast -threads 1 "
-      "-f h264 '" + video + "' -map 1:a -c:a aac -f adts '" + audio + "' &";
+      "timeout 60 ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=size=320x240:rate=25:duration=6 "
+      "-f lavfi -i sine=sample_rate=48000:duration=6 -map 0:v -c:v libx264 -preset veryfast "
+      "-threads 1 -f h264 '" + video + "' -map 1:a -c:a aac -b:a 192k -f adts '" + audio + "' &";
   ASSERT_EQ(std::system(producer.c_str()), 0);
-  const Outcome recorded = cli({"record", "-o", out, "--video", video, "--audio", audio, "--json"});
+  const Outcome recorded = run("timeout", {"60", MP4STBL_CLI, "record", "-o", out, "--video", video,
+                                           "--audio", audio, "--json"});
   ASSERT_EQ(recorded.status, 0) << recorded.err;
   const json tracks = recorded.doc()["tracks"];
   EXPECT_EQ(tracks[0]["samples"], 150);
   EXPECT_NEAR(tracks[1]["seconds"].get<double>(), 6, 0.05);
   EXPECT_EQ(run("ffmpeg", {"-v", "error", "-i", out, "-f", "null", "-"}).err, "");
+}
+
+}  // namespace
+
+namespace {
+
+// The frame rate comes from the stream's timing, else from --fps, which
+// wins; the time scale counts whole frames, as ffmpeg's does.
+TEST(CliRecord, FrameRateFromTheStreamOrFps) {
+  const Streams& s = streams();
+  const std::string out = scratch("timed.mp4");
+  struct Row {
+    std::string video, fps;
+    int timescale;
+    double seconds, frameRate;
+  };
+  for (const Row& row : std::vector<Row>{{s.h264, "", 12800, 3.0, 25},
+                                         {s.h264b, "", 30000, 2.002, 30000.0 / 1001},
+                                         {s.h264, "50", 12800, 1.5, 50},
+                                         {s.h264, "24000/1001", 24000, 3.128125, 24000.0 / 1001}}) {
+    SCOPED_TRACE(row.video + " " + row.fps);
+    std::vector<std::string> args = {"record", "-o", out, "--video", row.video, "--json"};
+    if (!row.fps.empty()) args.insert(args.end(), {"--fps", row.fps});
+    const Outcome recorded = cli(args);
+    ASSERT_EQ(recorded.status, 0) << recorded.err;
+    EXPECT_NEAR(recorded.doc()["tracks"][0]["seconds"].get<double>(), row.seconds, 1e-9);
+    const json track = cli({"info", out, "--json"}).doc()["tracks"][0];
+    EXPECT_EQ(track["timescale"], row.timescale);
+    EXPECT_NEAR(track["frameRate"].get<double>(), row.frameRate, 1e-9);
+  }
 }
 
 }  // namespace
