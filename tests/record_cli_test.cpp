@@ -788,11 +788,12 @@ TEST(CliRecord, ReadsTwoPipesOfOneProducer) {
   fs::remove(audio);
   ASSERT_EQ(mkfifo(video.c_str(), 0600), 0);
   ASSERT_EQ(mkfifo(audio.c_str(), 0600), 0);
-  // More sound than a pipe holds.
+  // More sound than a pipe holds; the producer comes after the recorder
+  // opened the pipes.
   const std::string producer =
-      "timeout 60 ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=size=320x240:rate=25:duration=6 "
+      "(sleep 0.5; exec timeout 60 ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=size=320x240:rate=25:duration=6 "
       "-f lavfi -i sine=sample_rate=48000:duration=6 -map 0:v -c:v libx264 -preset veryfast "
-      "-threads 1 -f h264 '" + video + "' -map 1:a -c:a aac -b:a 192k -f adts '" + audio + "' &";
+      "-threads 1 -f h264 '" + video + "' -map 1:a -c:a aac -b:a 192k -f adts '" + audio + "') &";
   ASSERT_EQ(std::system(producer.c_str()), 0);
   const Outcome recorded = run("timeout", {"60", MP4STBL_CLI, "record", "-o", out, "--video", video,
                                            "--audio", audio, "--json"});
