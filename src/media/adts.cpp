@@ -115,7 +115,9 @@ Status AdtsReader::finish() {
   return s.failed;
 }
 
-const AudioConfig* AdtsReader::config() const { return state_->config ? &*state_->config : nullptr; }
+const AudioConfig* AdtsReader::config() const {
+  return state_->config ? &*state_->config : nullptr;
+}
 
 bool AdtsReader::next(Bytes* frame) {
   State& s = *state_;

@@ -147,7 +147,8 @@ Status AnnexBReader::State::splitStartCodes() {
 Status AnnexBReader::State::checkLeadingZeros(size_t end) {
   for (size_t i = 0; i < end; ++i) {
     if (buffer[i] != 0) {
-      return Status::failure(at(bufferOffset + i) + "not an H.264 or HEVC byte stream (no start code)");
+      return Status::failure(at(bufferOffset + i) +
+                             "not an H.264 or HEVC byte stream (no start code)");
     }
   }
   return Status();
@@ -175,9 +176,12 @@ void AnnexBReader::State::compact() {
 Status AnnexBReader::State::nal(const uint8_t* data, size_t size, uint64_t offset) {
   if (data[0] & 0x80) return Status::failure(at(offset) + "NAL unit with its forbidden bit set");
   switch (codec) {
-    case Codec::Unknown: return detect(data, size, offset);
-    case Codec::H264: return avcNal(data, size, offset);
-    case Codec::Hevc: return hevcNal(data, size, offset);
+    case Codec::Unknown:
+      return detect(data, size, offset);
+    case Codec::H264:
+      return avcNal(data, size, offset);
+    case Codec::Hevc:
+      return hevcNal(data, size, offset);
   }
   return Status();
 }
@@ -195,8 +199,10 @@ Status AnnexBReader::State::detect(const uint8_t* data, size_t size, uint64_t of
     leading.emplace_back(Bytes(data, data + size), offset);
     return Status();
   } else {
-    return Status::failure(at(offset) + "the stream does not start with H.264 or HEVC parameter "
-                           "sets (NAL unit header " + std::to_string(data[0]) + ")");
+    return Status::failure(at(offset) +
+                           "the stream does not start with H.264 or HEVC parameter "
+                           "sets (NAL unit header " +
+                           std::to_string(data[0]) + ")");
   }
   std::vector<std::pair<Bytes, uint64_t>> held;
   held.swap(leading);
@@ -295,14 +301,15 @@ int64_t AnnexBReader::State::avcPoc(const AvcSlice& slice, const AvcSps& sequenc
     int64_t cycle = 0;
     for (int32_t offset : offsets) cycle += offset;
     const int64_t count = (absFrameNum - 1) / static_cast<int64_t>(offsets.size());
-    const size_t inCycle = static_cast<size_t>((absFrameNum - 1) % static_cast<int64_t>(offsets.size()));
+    const size_t inCycle =
+        static_cast<size_t>((absFrameNum - 1) % static_cast<int64_t>(offsets.size()));
     expected = count * cycle;
     for (size_t i = 0; i <= inCycle; ++i) expected += offsets[i];
   }
   if (slice.refIdc == 0) expected += sequence.offsetForNonRefPic;
   const int64_t top = expected + slice.deltaPoc[0];
-  const int64_t bottom = expected + sequence.offsetForTopToBottomField +
-                         slice.deltaPoc[slice.fieldPic ? 0 : 1];
+  const int64_t bottom =
+      expected + sequence.offsetForTopToBottomField + slice.deltaPoc[slice.fieldPic ? 0 : 1];
   if (slice.fieldPic) return slice.bottomField ? bottom : top;
   return std::min(top, bottom + slice.deltaPoc[0]);
 }
@@ -358,17 +365,20 @@ int64_t AnnexBReader::State::hevcPoc(const HevcSlice& slice, const HevcSps& sequ
     if (lsb > prevLsb && lsb - prevLsb > maxLsb / 2) msb -= maxLsb;
   }
   const int64_t poc = msb + lsb;
-  const bool leadingOrNonRef = (slice.nalType >= 6 && slice.nalType <= 9) ||
-                               (slice.nalType <= 14 && slice.nalType % 2 == 0);
+  const bool leadingOrNonRef =
+      (slice.nalType >= 6 && slice.nalType <= 9) || (slice.nalType <= 14 && slice.nalType % 2 == 0);
   if (slice.temporalId == 0 && !leadingOrNonRef) prevTid0Poc = poc;
   return poc;
 }
 
-Status AnnexBReader::State::parameterSet(std::vector<Bytes>& sets, const uint8_t* data,
-                                         size_t size, uint64_t offset) {
+Status AnnexBReader::State::parameterSet(std::vector<Bytes>& sets, const uint8_t* data, size_t size,
+                                         uint64_t offset) {
   const Bytes set(data, data + size);
   if (std::find(sets.begin(), sets.end(), set) != sets.end()) return Status();
-  if (config) return Status::failure("parameter sets change " + at(offset) + "not supported");
+  if (config) {
+    return Status::failure("parameter sets change at byte " + std::to_string(offset) +
+                           "; not supported");
+  }
   if (size > kMaxParameterSetSize) {
     return Status::failure(at(offset) + "a parameter set of " + std::to_string(size) + " bytes");
   }

@@ -12,8 +12,7 @@ namespace mp4stbl {
 // The payload of a NAL unit without its emulation-prevention bytes (the 03
 // of every 00 00 03), at most `limit` bytes of it: slice headers are read
 // from a short prefix.
-inline std::vector<uint8_t> unescapeNal(const uint8_t* data, size_t size,
-                                        size_t limit = SIZE_MAX) {
+inline std::vector<uint8_t> unescapeNal(const uint8_t* data, size_t size, size_t limit = SIZE_MAX) {
   std::vector<uint8_t> out;
   out.reserve(size < limit ? size : limit);
   unsigned zeros = 0;

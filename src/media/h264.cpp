@@ -14,13 +14,8 @@ namespace {
 constexpr size_t kHeaderPrefix = 96;
 
 bool highProfile(uint8_t profile) {
-  switch (profile) {
-    case 100: case 110: case 122: case 244: case 44: case 83: case 86:
-    case 118: case 128: case 138: case 139: case 134: case 135:
-      return true;
-    default:
-      return false;
-  }
+  static const uint8_t kProfiles[] = {100, 110, 122, 244, 44, 83, 86, 118, 128, 138, 139, 134, 135};
+  return std::find(std::begin(kProfiles), std::end(kProfiles), profile) != std::end(kProfiles);
 }
 
 void skipScalingList(BitReader& in, unsigned size) {
@@ -33,7 +28,9 @@ void skipScalingList(BitReader& in, unsigned size) {
 
 Status readChroma(BitReader& in, AvcSps& sps) {
   sps.chromaFormat = in.ue();
-  if (sps.chromaFormat > 3) return Status::failure("chroma_format_idc " + std::to_string(sps.chromaFormat));
+  if (sps.chromaFormat > 3) {
+    return Status::failure("chroma_format_idc " + std::to_string(sps.chromaFormat));
+  }
   if (sps.chromaFormat == 3) sps.separateColourPlanes = in.flag();
   sps.bitDepthLuma = in.ue() + 8;
   sps.bitDepthChroma = in.ue() + 8;
@@ -75,8 +72,10 @@ Status readSize(BitReader& in, AvcSps& sps) {
   sps.heightInMapUnits = in.ue() + 1;
   sps.frameMbsOnly = in.flag();
   if (!sps.frameMbsOnly) in.skip(1);  // mb_adaptive_frame_field_flag
-  in.skip(1);                          // direct_8x8_inference_flag
-  if (sps.widthInMbs > 1024 || sps.heightInMapUnits > 1024) return Status::failure("picture too large");
+  in.skip(1);                         // direct_8x8_inference_flag
+  if (sps.widthInMbs > 1024 || sps.heightInMapUnits > 1024) {
+    return Status::failure("picture too large");
+  }
   const uint32_t frameHeight = sps.heightInMapUnits * 16 * (sps.frameMbsOnly ? 1 : 2);
   uint32_t left = 0, right = 0, top = 0, bottom = 0;
   if (in.flag()) {
@@ -115,8 +114,8 @@ void skipHrd(BitReader& in) {
 
 void readVui(BitReader& in, AvcSps& sps) {
   if (in.flag() && in.bits(8) == 255) in.skip(32);  // aspect_ratio_idc, sar
-  if (in.flag()) in.skip(1);                          // overscan
-  if (in.flag()) {                                    // video signal type
+  if (in.flag()) in.skip(1);                        // overscan
+  if (in.flag()) {                                  // video signal type
     in.skip(4);
     if (in.flag()) in.skip(24);
   }
@@ -265,16 +264,16 @@ int32_t avcRecoveryFrames(const uint8_t* nal, size_t size) {
 }
 
 uint32_t avcDefaultReorder(const AvcSps& sps) {
-  const bool intra = sps.profile == 44 ||
-                     ((sps.profile == 110 || sps.profile == 122 || sps.profile == 244) &&
-                      (sps.compatibility & 0x10));
+  const bool intra =
+      sps.profile == 44 || ((sps.profile == 110 || sps.profile == 122 || sps.profile == 244) &&
+                            (sps.compatibility & 0x10));
   if (sps.profile == 66 || intra) return 0;
   // MaxDpbMbs by level_idc.
   static const std::pair<uint8_t, uint32_t> kLevels[] = {
-      {9, 396},      {10, 396},     {11, 900},     {12, 2376},    {13, 2376},
-      {20, 2376},    {21, 4752},    {22, 8100},    {30, 8100},    {31, 18000},
-      {32, 20480},   {40, 32768},   {41, 32768},   {42, 34816},   {50, 110400},
-      {51, 184320},  {52, 184320},  {60, 696320},  {61, 696320},  {62, 696320}};
+      {9, 396},     {10, 396},    {11, 900},    {12, 2376},   {13, 2376},
+      {20, 2376},   {21, 4752},   {22, 8100},   {30, 8100},   {31, 18000},
+      {32, 20480},  {40, 32768},  {41, 32768},  {42, 34816},  {50, 110400},
+      {51, 184320}, {52, 184320}, {60, 696320}, {61, 696320}, {62, 696320}};
   uint32_t maxDpbMbs = 696320;
   for (const auto& [level, mbs] : kLevels) {
     if (level == sps.level) maxDpbMbs = mbs;

@@ -85,10 +85,12 @@ Status readPicture(BitReader& in, HevcSps& sps) {
     top = in.ue();
     bottom = in.ue();
   }
-  const bool subsampled = !sps.separateColourPlanes && (sps.chromaFormat == 1 || sps.chromaFormat == 2);
+  const bool subsampled =
+      !sps.separateColourPlanes && (sps.chromaFormat == 1 || sps.chromaFormat == 2);
   const uint64_t cropWidth = uint64_t{subsampled ? 2u : 1u} * (uint64_t{left} + right);
   const uint64_t cropHeight =
-      uint64_t{!sps.separateColourPlanes && sps.chromaFormat == 1 ? 2u : 1u} * (uint64_t{top} + bottom);
+      uint64_t{!sps.separateColourPlanes && sps.chromaFormat == 1 ? 2u : 1u} *
+      (uint64_t{top} + bottom);
   if (cropWidth >= width || cropHeight >= height) return failure("cropping leaves no picture");
   sps.width = static_cast<uint32_t>(width - cropWidth);
   sps.height = static_cast<uint32_t>(height - cropHeight);
@@ -111,8 +113,8 @@ Status readPicture(BitReader& in, HevcSps& sps) {
 bool skipCodingTools(BitReader& in, const HevcSps& sps) {
   for (int i = 0; i < 6; ++i) in.ue();  // block sizes and transform depths
   if (in.flag() && in.flag()) skipScalingListData(in);
-  in.skip(2);         // amp, sample_adaptive_offset
-  if (in.flag()) {    // pcm
+  in.skip(2);       // amp, sample_adaptive_offset
+  if (in.flag()) {  // pcm
     in.skip(8);
     in.ue();
     in.ue();
@@ -166,7 +168,9 @@ uint32_t hevcVpsMaxSubLayers(const Bytes& nal) {
 
 Result<HevcSps> parseHevcSps(const Bytes& nal) {
   const Bytes rbsp = unescapeNal(nal.data(), nal.size());
-  if (rbsp.size() < 3 || ((rbsp[0] >> 1) & 0x3F) != 33) return failure("not a sequence parameter set");
+  if (rbsp.size() < 3 || ((rbsp[0] >> 1) & 0x3F) != 33) {
+    return failure("not a sequence parameter set");
+  }
   BitReader in(rbsp.data() + 2, rbsp.size() - 2);
   HevcSps sps;
   in.skip(4);  // sps_video_parameter_set_id

@@ -73,8 +73,8 @@ Result<VideoConfig> avcConfig(const std::vector<Bytes>& sps, const std::vector<B
   config.reorderFrames = first.hasReorderFrames ? std::min<uint32_t>(first.reorderFrames, 16)
                                                 : avcDefaultReorder(first);
   Bytes& out = config.record;
-  out = {1, first.profile, first.compatibility, first.level, 0xFF,
-         static_cast<uint8_t>(0xE0 | sps.size())};
+  out = {1,           first.profile, first.compatibility,
+         first.level, 0xFF,          static_cast<uint8_t>(0xE0 | sps.size())};
   putSets(out, sps);
   out.push_back(static_cast<uint8_t>(pps.size()));
   putSets(out, pps);
@@ -97,8 +97,12 @@ void putHvccArray(Bytes& out, uint8_t type, const std::vector<Bytes>& sets) {
 
 void putHevcProfile(Bytes& out, const HevcProfile& profile) {
   out.push_back(static_cast<uint8_t>(profile.space << 6 | profile.tier << 5 | profile.idc));
-  for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<uint8_t>(profile.compatibility >> shift));
-  for (int shift = 40; shift >= 0; shift -= 8) out.push_back(static_cast<uint8_t>(profile.constraints >> shift));
+  for (int shift = 24; shift >= 0; shift -= 8) {
+    out.push_back(static_cast<uint8_t>(profile.compatibility >> shift));
+  }
+  for (int shift = 40; shift >= 0; shift -= 8) {
+    out.push_back(static_cast<uint8_t>(profile.constraints >> shift));
+  }
   out.push_back(profile.level);
 }
 
@@ -126,7 +130,7 @@ Result<VideoConfig> hevcConfig(const std::vector<Bytes>& vps, const std::vector<
   Bytes& out = config.record;
   out.push_back(1);
   putHevcProfile(out, first.profile);
-  put16(out, 0xF000);  // min_spatial_segmentation_idc 0
+  put16(out, 0xF000);   // min_spatial_segmentation_idc 0
   out.push_back(0xFC);  // parallelismType 0
   out.push_back(static_cast<uint8_t>(0xFC | first.chromaFormat));
   out.push_back(static_cast<uint8_t>(0xF8 | (first.bitDepthLuma - 8)));
@@ -180,12 +184,16 @@ Result<AudioConfig> aacConfig(const Bytes& specificConfig) {
   if (generalAudio(type) && in.flag()) config.samplesPerFrame = 960;
   if (in.failed()) return Status::failure("AudioSpecificConfig ends early");
   if (type == 0) return Status::failure("AudioSpecificConfig: audio object type 0");
-  if (config.sampleRate == 0) return Status::failure("AudioSpecificConfig: reserved sampling frequency index");
+  if (config.sampleRate == 0) {
+    return Status::failure("AudioSpecificConfig: reserved sampling frequency index");
+  }
   if (channels == 0) {
-    return Status::failure("AudioSpecificConfig: channel configuration 0 (a program config element) is not supported");
+    return Status::failure(
+        "AudioSpecificConfig: channel configuration 0 (a program config element) is not supported");
   }
   if (channels > 7) {
-    return Status::failure("AudioSpecificConfig: reserved channel configuration " + std::to_string(channels));
+    return Status::failure("AudioSpecificConfig: reserved channel configuration " +
+                           std::to_string(channels));
   }
   config.channels = channels == 7 ? 8 : channels;
   if (parametricStereo) config.channels = std::max<uint32_t>(config.channels, 2);
