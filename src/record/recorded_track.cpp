@@ -22,8 +22,7 @@ uint64_t RecordedTrack::ticks(double seconds) const {
   return value < 1 ? 1 : static_cast<uint64_t>(value);
 }
 
-void RecordedTrack::append(const uint8_t* bytes, const HeldSample& sample, uint64_t decodeTime,
-                           uint64_t chunkTicks) {
+void RecordedTrack::append(const uint8_t* bytes, const HeldSample& sample, uint64_t decodeTime) {
   ++sampleCount;
   stts->addEntry(1, sample.duration);
   if (frameSize == 0) stsz->addEntry(sample.size);
@@ -44,7 +43,15 @@ void RecordedTrack::append(const uint8_t* bytes, const HeldSample& sample, uint6
   anyOffset = anyOffset || sample.compositionOffset != 0;
 
   if (chunks.empty() || decodeTime - chunks.back().startTime >= chunkTicks) {
-    chunks.emplace_back().startTime = decodeTime;
+    if (!chunks.empty()) {
+      lastChunkSamples = chunks.back().samples.size();
+      lastChunkBytes = chunks.back().data.size();
+    }
+    Chunk& chunk = chunks.emplace_back();
+    chunk.startTime = decodeTime;
+    // Chunks of one track are alike: room for one more than the last.
+    chunk.samples.reserve(lastChunkSamples + 1);
+    chunk.data.reserve(lastChunkBytes + lastChunkBytes / 8);
   }
   Chunk& chunk = chunks.back();
   chunk.samples.push_back(sample);

@@ -44,6 +44,7 @@ struct RecordedTrack {
   // Bytes of every sample of a constant-size track (PCM, G.711); 0 when
   // sizes vary.
   uint32_t frameSize = 0;
+  uint64_t chunkTicks = 1;  // a chunk's length in the track's time scale
 
   std::unique_ptr<SttsAtom> stts;
   std::unique_ptr<StscAtom> stsc;
@@ -70,8 +71,11 @@ struct RecordedTrack {
   bool pendingKey = true;
   Bytes pendingBytes;
 
-  // This fragment's chunks, in time order.
+  // This fragment's chunks, in time order, and the size of the last chunk
+  // closed, which the next one reserves.
   std::vector<Chunk> chunks;
+  size_t lastChunkSamples = 0;
+  size_t lastChunkBytes = 0;
 
   RecordedTrack();
   bool isVideo() const;
@@ -79,8 +83,7 @@ struct RecordedTrack {
   uint64_t ticks(double seconds) const;
   // Adds a sample whose duration is known to the tables and to the
   // fragment, opening a chunk every `chunkTicks`.
-  void append(const uint8_t* bytes, const HeldSample& sample, uint64_t decodeTime,
-              uint64_t chunkTicks);
+  void append(const uint8_t* bytes, const HeldSample& sample, uint64_t decodeTime);
   // Records where a chunk of `samples` samples starts in the file.
   void addChunk(uint64_t offset, uint32_t samples);
   uint64_t mediaDuration() const { return endTime - firstDecodeTime; }
