@@ -69,7 +69,8 @@ struct Recorder::State {
   bool fragmentDue(const RecordedTrack& track, const SampleTime& time, size_t size) const;
   Status flush();
   Status finishInPlace();
-  Status finishMoovFirst();
+  Status moveMovieFirst(uint64_t end);
+  Bytes movedMovieBox(uint64_t before);
 };
 
 Status Recorder::State::fail(const std::string& what) {
@@ -234,8 +235,9 @@ Status Recorder::State::flush() {
   for (RecordedTrack& track : tracks) track.chunks.clear();
   held = 0;
   holding = false;
+  if (Status synced = sync(); !synced.ok()) return synced;
   committed = at;
-  return sync();
+  return {};
 }
 
 Recorder::Recorder(std::unique_ptr<State> state) : state_(std::move(state)) {}
@@ -269,6 +271,7 @@ Result<std::unique_ptr<Recorder>> Recorder::create(IOStream* sink,
 
 Result<uint32_t> Recorder::addVideo(const VideoConfig& config, uint32_t timescale,
                                     uint32_t presentationDelay) {
+  if (config.record.empty()) return Status::failure("a video track needs its decoder configuration");
   RecordedTrack track;
   track.handler = "vide";
   track.timescale = timescale;
@@ -398,47 +401,48 @@ Status Recorder::State::finishInPlace() {
   return sync();
 }
 
+// The final moov for media moved to start `before` bytes plus its own size
+// into a new file. Its size moves the media, which may need 64-bit offsets
+// and so change its size: a few turns settle it.
+Bytes Recorder::State::movedMovieBox(uint64_t before) {
+  size_t size = record::finalMovieBox(tracks, options.movieTimescale, 0).size();
+  Bytes movie;
+  for (int turn = 0; turn < 3; ++turn) {
+    const int64_t shift = static_cast<int64_t>(before + size) - static_cast<int64_t>(mediaStart);
+    movie = record::finalMovieBox(tracks, options.movieTimescale, shift);
+    if (movie.size() == size) break;
+    size = movie.size();
+  }
+  return movie;
+}
+
 // The moov cannot be written ahead of media whose length is not known yet
 // without guessing its size: room reserved for it is wasted on a short
-// recording and too small for a long one. So the recording stays a
-// crash-safe fragmented file to the end, and finish() writes a new file
-// with the moov first and the media after it, copied by the kernel (shared
-// blocks on file systems that can), which then takes the recording's place.
-Status Recorder::State::finishMoovFirst() {
-  const uint64_t end = static_cast<uint64_t>(out->getOffset());
-  if (file.close() != 0) return fail("cannot write");
+// recording and too small for a long one. So the recording is finished in
+// place like any other, and then a new file is written with the moov first
+// and the media after it, copied by the kernel (shared blocks on file
+// systems that can), which takes the recording's place. When that fails
+// (it needs the room twice), the finished recording stays.
+Status Recorder::State::moveMovieFirst(uint64_t end) {
   FileStream recorded;
   if (recorded.open(path, FileStream::Mode::Read) != 0) {
-    return Status::failure("cannot read the recording back: " +
-                           systemReason(recorded.error(), "no reason given"));
+    return Status::failure(systemReason(recorded.error(), "cannot be read back"));
   }
   const Bytes fileType = record::fileTypeBox(tracks);
   const uint64_t media = end - mediaStart;
-  // The moov's size decides where the media lands, which decides whether
-  // the offsets need 64 bits and so the moov's size: settle it in turns.
-  Bytes movie = record::finalMovieBox(tracks, options.movieTimescale, 0);
-  for (int turn = 0; turn < 3; ++turn) {
-    const int64_t shift = static_cast<int64_t>(fileType.size() + movie.size() + kLargeMdatHeader) -
-                          static_cast<int64_t>(mediaStart);
-    Bytes next = record::finalMovieBox(tracks, options.movieTimescale, shift);
-    if (next.size() == movie.size()) break;
-    movie = std::move(next);
-  }
-  const int64_t shift = static_cast<int64_t>(fileType.size() + movie.size() + kLargeMdatHeader) -
-                        static_cast<int64_t>(mediaStart);
-  movie = record::finalMovieBox(tracks, options.movieTimescale, shift);
+  const Bytes movie = movedMovieBox(fileType.size() + kLargeMdatHeader);
   NewFile target(path);
   FileStream moved;
-  if (Status opened = target.open(moved); !opened.ok()) return Status::failure(opened.message());
+  if (Status opened = target.open(moved); !opened.ok()) return opened;
   const Bytes mdat = largeMdatHeader(kLargeMdatHeader + media);
   for (const Bytes* part : std::initializer_list<const Bytes*>{&fileType, &movie, &mdat}) {
     const auto count = static_cast<unsigned>(part->size());
     if (part->empty() || moved.write(part->data(), count) != static_cast<int>(count)) {
-      return Status::failure("cannot write: " + systemReason(moved.error(), "no reason given"));
+      return Status::failure(systemReason(moved.error(), "cannot be written"));
     }
   }
   if (copyRange(&recorded, mediaStart, media, &moved) != 0 || moved.close() != 0) {
-    return Status::failure("cannot write: " + systemReason(moved.error(), "no reason given"));
+    return Status::failure(systemReason(moved.error(), "cannot be written"));
   }
   return target.keep();
 }
@@ -459,9 +463,15 @@ Status Recorder::finish() {
     s.complete(track, track.pendingTime + duration);
   }
   if (Status flushed = s.flush(); !flushed.ok()) return flushed;
-  const bool moovFirst = s.options.layout == RecorderOptions::Layout::MoovFirst;
-  if (Status done = moovFirst ? s.finishMoovFirst() : s.finishInPlace(); !done.ok()) return done;
-  if (!s.path.empty() && s.file.close() != 0) return s.fail("cannot write");
+  const uint64_t end = static_cast<uint64_t>(s.out->getOffset());
+  if (Status done = s.finishInPlace(); !done.ok()) return done;
+  if (s.path.empty()) return {};
+  if (s.file.close() != 0) return s.fail("cannot write");
+  if (s.options.layout != RecorderOptions::Layout::MoovFirst) return {};
+  if (Status moved = s.moveMovieFirst(end); !moved.ok()) {
+    return Status::failure("the movie box could not be moved before the media (" +
+                           moved.message() + "); the recording is finished with it at the end");
+  }
   return {};
 }
 
