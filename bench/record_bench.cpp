@@ -226,6 +226,9 @@ int oneHour(const Options& options) {
     double best = 0, recordMs = 0;
     long long fileBytes = 0, media = 0;
     for (int run = 0; run < options.runs; ++run) {
+      // A new file each time: ext4 writes a file that was cut to 0 bytes on
+      // open (O_TRUNC) back to the disk as soon as it is closed.
+      std::remove(path.c_str());
       Result<std::unique_ptr<Recorder>> recorder =
           startRecording(Recorder::create(path, recorderOptions), 48000);
       const auto start = Clock::now();
