@@ -96,24 +96,15 @@ class VideoSource : public Source {
   Status end(bool cut) override { return cut ? Status() : reader_.finish(); }
   bool configured() const override { return reader_.config() != nullptr; }
 
-  Result<uint32_t> addTrack(Recorder& recorder, std::vector<std::string>& notes) override {
-    const VideoConfig& config = *reader_.config();
-    const bool given = fpsNum_ != 0 && frameTiming(fpsNum_, fpsDen_, &timing_);
-    const bool stated =
-        !given && config.unitsPerFrame != 0 &&
-        static_cast<double>(config.timeScale) / config.unitsPerFrame <= 1000 &&
-        frameTiming(config.timeScale, config.unitsPerFrame, &timing_);
-    if (!given && !stated) {
-      frameTiming(25, 1, &timing_);
-      notes.push_back(path_ + ": the stream gives no frame rate; recorded at 25 fps (--fps sets it)");
-    }
-    delay_ = reader_.reorderDelay();
-    return recorder.addVideo(config, timing_.timescale, delay_ * timing_.delta);
+  Result<uint32_t> addTrack(Recorder& recorder, std::vector<std::string>&) override {
+    chooseTiming();
+    return recorder.addVideo(*reader_.config(), timing_.timescale, delay_ * timing_.delta);
   }
 
   Status take(std::deque<Sample>& queue) override {
     VideoFrame frame;
     while (reader_.next(&frame)) {
+      chooseTiming();
       // Shown `delay_` frames late, so that no offset is negative; the
       // edit list hides the delay.
       const uint64_t shown = frame.presentationIndex + delay_;
@@ -141,6 +132,7 @@ class VideoSource : public Source {
                : "h264";
   }
   const char* configuration() const override { return "parameter sets"; }
+  std::string note() const override { return note_; }
 
  private:
   std::string path_;
@@ -149,6 +141,24 @@ class VideoSource : public Source {
   AnnexBReader reader_;
   FrameTiming timing_;
   uint32_t delay_ = 0;
+  std::string note_;
+
+  // Once, with the configuration: --fps, else the stream's timing, else 25
+  // fps with a note.
+  void chooseTiming() {
+    if (timing_.delta != 0) return;
+    const VideoConfig& config = *reader_.config();
+    const bool given = fpsNum_ != 0 && frameTiming(fpsNum_, fpsDen_, &timing_);
+    const bool stated =
+        !given && config.unitsPerFrame != 0 &&
+        static_cast<double>(config.timeScale) / config.unitsPerFrame <= 1000 &&
+        frameTiming(config.timeScale, config.unitsPerFrame, &timing_);
+    if (!given && !stated) {
+      frameTiming(25, 1, &timing_);
+      note_ = path_ + ": the stream gives no frame rate; recorded at 25 fps (--fps sets it)";
+    }
+    delay_ = reader_.reorderDelay();
+  }
 };
 
 class AacSource : public Source {
