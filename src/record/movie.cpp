@@ -307,6 +307,7 @@ void addTrackFragment(Tree& tree, RecordedTrack& track, const std::vector<const 
     trun->sampleCount = static_cast<uint32_t>(chunks[i]->samples.size());
     trun->dataOffset = dataOffsets[i];
     if (trun->entryBytes() == 0) continue;
+    trun->entries.reserve(chunks[i]->samples.size());
     for (const HeldSample& sample : chunks[i]->samples) {
       trun->entries.push_back({sample.duration, sample.size, flagsOf(sample.key),
                                static_cast<uint32_t>(sample.compositionOffset)});
