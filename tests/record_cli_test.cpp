@@ -738,40 +738,49 @@ TEST(CliRecord, RefusesWhatItCannotRecord) {
                                          {"file", missing}}));
 }
 
+// Records `bytes` fed slowly through stdin with `option` (`--alaw -`...),
+// then sends `signal`; the command's output.
+std::string recordUntil(int signal, const std::string& option, const Bytes& bytes,
+                        const std::string& out) {
+  const std::string log = scratch("signalled.txt");
+  int ends[2];
+  EXPECT_EQ(pipe(ends), 0);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    dup2(ends[0], STDIN_FILENO);
+    close(ends[1]);
+    const int text = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    dup2(text, STDOUT_FILENO);
+    execl(MP4STBL_CLI, MP4STBL_CLI, "record", "-o", out.c_str(), option.c_str(), "-",
+          static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  close(ends[0]);
+  for (size_t sent = 0; sent < bytes.size(); sent += 800) {  // 10 pieces in 0.5 s
+    const size_t piece = std::min<size_t>(800, bytes.size() - sent);
+    EXPECT_EQ(write(ends[1], bytes.data() + sent, piece), static_cast<ssize_t>(piece));
+    std::this_thread::sleep_for(std::chrono::milliseconds(500 * piece / bytes.size()));
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  kill(pid, signal);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  close(ends[1]);
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  return slurp(log);
+}
+
 // SIGINT and SIGTERM end a recording fed slowly through stdin: the file
 // is finished (a regular file) with what came before the signal, and the
-// command says so and exits 0.
+// command says so and exits 0. A video stream cut inside its last frame
+// keeps every frame before it, B-frames held back for their order too.
 TEST(CliRecord, SignalsFinishTheFile) {
   const Bytes tone = readFile(streams().alaw);
   for (const int signal : {SIGINT, SIGTERM}) {
     SCOPED_TRACE(signal);
-    const std::string out = scratch("signalled.mp4"), log = scratch("signalled.txt");
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
-    const pid_t pid = fork();
-    if (pid == 0) {
-      dup2(ends[0], STDIN_FILENO);
-      close(ends[1]);
-      const int text = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-      dup2(text, STDOUT_FILENO);
-      execl(MP4STBL_CLI, MP4STBL_CLI, "record", "-o", out.c_str(), "--alaw", "-",
-            static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    close(ends[0]);
-    size_t sent = 0;
-    for (; sent < 8000; sent += 800) {  // 1 s of sound in 0.5 s
-      ASSERT_EQ(write(ends[1], tone.data() + sent, 800), 800);
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    kill(pid, signal);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    close(ends[1]);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-    const std::string text = slurp(log);
+    const std::string out = scratch("signalled.mp4");
+    const std::string text = recordUntil(signal, "--alaw", Bytes(tone.begin(), tone.begin() + 8000), out);
     EXPECT_EQ(text.rfind("wrote " + out + " (hybrid, 1.000 s, ", 0), 0u) << text;
     EXPECT_NE(text.find("track 1: audio alaw from -, 8000 samples, 1.000 s\n"), std::string::npos) << text;
     EXPECT_NE(text.find("note: interrupted"), std::string::npos) << text;
@@ -780,6 +789,12 @@ TEST(CliRecord, SignalsFinishTheFile) {
     EXPECT_EQ(info["tracks"][0]["samples"], 8000);
     EXPECT_EQ(run("ffmpeg", {"-v", "error", "-i", out, "-f", "null", "-"}).err, "");
   }
+  const std::string out = scratch("signalled_video.mp4");
+  const Bytes video = readFile(streams().h264b);
+  recordUntil(SIGINT, "--video", Bytes(video.begin(), video.end() - 10), out);
+  const json info = cli({"info", out, "--json"}).doc();
+  EXPECT_EQ(info["tracks"][0]["samples"], 59);  // of 60
+  EXPECT_EQ(run("ffmpeg", {"-v", "error", "-i", out, "-f", "null", "-"}).err, "");
 }
 
 // A live producer writing two named pipes (ffmpeg: x264's look-ahead
