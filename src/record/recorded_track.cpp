@@ -43,21 +43,28 @@ void RecordedTrack::append(const uint8_t* bytes, const HeldSample& sample, uint6
   anyOffset = anyOffset || sample.compositionOffset != 0;
 
   if (chunks.empty() || decodeTime - chunks.back().startTime >= chunkTicks) {
-    if (!chunks.empty()) {
-      lastChunkSamples = chunks.back().samples.size();
-      lastChunkBytes = chunks.back().data.size();
+    if (spareChunks.empty()) {
+      chunks.emplace_back();
+    } else {
+      chunks.push_back(std::move(spareChunks.back()));
+      spareChunks.pop_back();
     }
-    Chunk& chunk = chunks.emplace_back();
-    chunk.startTime = decodeTime;
-    // Chunks of one track are alike: room for one more than the last.
-    chunk.samples.reserve(lastChunkSamples + 1);
-    chunk.data.reserve(lastChunkBytes + lastChunkBytes / 8);
+    chunks.back().startTime = decodeTime;
   }
   Chunk& chunk = chunks.back();
   chunk.samples.push_back(sample);
   chunk.data.insert(chunk.data.end(), bytes, bytes + sample.size);
   endTime = decodeTime + sample.duration;
   lastDuration = sample.duration;
+}
+
+void RecordedTrack::clearChunks() {
+  for (Chunk& chunk : chunks) {
+    chunk.samples.clear();
+    chunk.data.clear();
+    spareChunks.push_back(std::move(chunk));
+  }
+  chunks.clear();
 }
 
 void RecordedTrack::addChunk(uint64_t offset, uint32_t samples) {

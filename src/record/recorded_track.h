@@ -71,11 +71,11 @@ struct RecordedTrack {
   bool pendingKey = true;
   Bytes pendingBytes;
 
-  // This fragment's chunks, in time order, and the size of the last chunk
-  // closed, which the next one reserves.
+  // This fragment's chunks, in time order. The buffers of chunks written
+  // are kept for the next ones: buffers of a chunk's size given back to the
+  // system are zeroed again when the next chunk takes them.
   std::vector<Chunk> chunks;
-  size_t lastChunkSamples = 0;
-  size_t lastChunkBytes = 0;
+  std::vector<Chunk> spareChunks;
 
   RecordedTrack();
   bool isVideo() const;
@@ -84,6 +84,8 @@ struct RecordedTrack {
   // Adds a sample whose duration is known to the tables and to the
   // fragment, opening a chunk every `chunkTicks`.
   void append(const uint8_t* bytes, const HeldSample& sample, uint64_t decodeTime);
+  // The chunks were written; their buffers are kept.
+  void clearChunks();
   // Records where a chunk of `samples` samples starts in the file.
   void addChunk(uint64_t offset, uint32_t samples);
   uint64_t mediaDuration() const { return endTime - firstDecodeTime; }

@@ -249,7 +249,7 @@ Status Recorder::State::flush() {
     chunk.track->addChunk(at, static_cast<uint32_t>(chunk.chunk->samples.size()));
     at += chunk.chunk->data.size();
   }
-  for (RecordedTrack& track : tracks) track.chunks.clear();
+  for (RecordedTrack& track : tracks) track.clearChunks();
   held = 0;
   holding = false;
   if (Status synced = sync(); !synced.ok()) return synced;
