@@ -36,6 +36,7 @@ struct Options {
   bool moovLast = false;
   std::vector<std::string> inputs;
   std::string list;  // join: a file naming more clips
+  std::string reference;  // recover: a healthy file from the same device
 };
 
 // Prints "mp4stbl: FILE: what" on stderr, bytes that are not printable
@@ -74,5 +75,6 @@ int verify(const Options& options);
 int trim(const Options& options);
 int join(const Options& options);
 int remux(const Options& options);
+int recover(const Options& options);
 
 }  // namespace mp4stbl::cli

@@ -1,0 +1,83 @@
+#include "recover/tables.h"
+
+#include "box/edit_boxes.h"
+
+namespace mp4stbl::recovery {
+
+namespace {
+
+template <class Box>
+std::unique_ptr<Box> table(const char* type) {
+  AtomHeader header;
+  header.type = type;
+  return std::make_unique<Box>(header);
+}
+
+}  // namespace
+
+TrackTables::TrackTables(uint32_t constantSize)
+    : constantSize_(constantSize),
+      stts_(table<SttsAtom>("stts")),
+      stsc_(table<StscAtom>("stsc")),
+      stsz_(table<StszAtom>("stsz")),
+      stss_(table<StssAtom>("stss")),
+      ctts_(table<CttsAtom>("ctts")) {}
+
+void TrackTables::add(const FoundSample& sample, uint32_t count) {
+  const uint32_t first = samples_ + 1;
+  samples_ += count;
+  stts_->addEntry(count, sample.duration);
+  duration_ += uint64_t{sample.duration} * count;
+  bytes_ += uint64_t{sample.size} * count;
+  if (constantSize_ == 0) {
+    for (uint32_t i = 0; i < count; ++i) stsz_->addEntry(sample.size);
+  }
+  if (count == 1 && sample.sync) stss_->addEntry(first);
+  nonSync_ = nonSync_ || !sample.sync;
+  hasOffsets_ = hasOffsets_ || sample.compositionOffset != 0;
+  if (sample.compositionOffset < 0) ctts_->version = 1;
+  const auto stored = static_cast<uint32_t>(sample.compositionOffset);
+  if (!ctts_->entries.empty() && ctts_->entries.back().sampleOffset == stored) {
+    ctts_->entries.back().sampleCount += count;
+  } else {
+    ctts_->entries.push_back({count, stored});
+  }
+  if (first == 1 || sample.offset != chunkEnd_ || sample.description != description_) {
+    closeChunk();
+    chunkOffsets_.push_back(sample.offset);
+    chunkLengths_.push_back(0);
+    description_ = sample.description;
+  }
+  inChunk_ += count;
+  chunkLengths_.back() += uint64_t{sample.size} * count;
+  chunkEnd_ = sample.offset + uint64_t{sample.size} * count;
+}
+
+void TrackTables::closeChunk() {
+  if (inChunk_ == 0) return;
+  stsc_->addEntry(static_cast<uint32_t>(chunkOffsets_.size()), inChunk_, description_);
+  inChunk_ = 0;
+}
+
+void TrackTables::finish(edit::NewTrack& track, edit::Layout& layout) {
+  closeChunk();
+  track.sampleCount = samples_;
+  track.mediaDuration = duration_;
+  track.stts = std::move(stts_);
+  track.stsc = std::move(stsc_);
+  if (constantSize_ != 0) {
+    track.stsz = edit::constantSizeStsz(constantSize_, samples_);
+  } else {
+    track.stsz = std::move(stsz_);
+  }
+  if (nonSync_) track.stss = std::move(stss_);
+  if (hasOffsets_) track.extras.push_back(std::move(ctts_));
+  track.keepGroups = false;
+  for (size_t c = 0; c < chunkOffsets_.size(); ++c) {
+    layout.add(0, chunkOffsets_[c], chunkLengths_[c]);
+  }
+  track.chunkOffsets = std::move(chunkOffsets_);
+  track.chunkSources.assign(track.chunkOffsets.size(), 0);
+}
+
+}  // namespace mp4stbl::recovery
