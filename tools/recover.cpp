@@ -37,7 +37,8 @@ int recover(const Options& options) {
                {"tracks", tracks},
                {"mediaEnd", done->mediaEnd},
                {"unusedBytes", done->unusedBytes},
-               {"stop", done->stop.empty() ? nlohmann::json() : nlohmann::json(done->stop)}});
+               {"stop", done->stop.empty() ? nlohmann::json() : nlohmann::json(done->stop)},
+               {"notes", done->notes}});
     return 0;
   }
   std::printf("wrote %s\n", options.output.c_str());
@@ -54,6 +55,7 @@ int recover(const Options& options) {
     if (!done->stop.empty()) std::printf(" (%s)", done->stop.c_str());
     std::printf("\n");
   }
+  for (const std::string& note : done->notes) std::printf("note: %s\n", note.c_str());
   return 0;
 }
 

@@ -336,6 +336,17 @@ Result<RecoverReport> recoverWithReference(const std::string& broken, const std:
                            " holds no sample of the reference's tracks (" + names +
                            "): is " + options.reference + " from the same device and settings?");
   }
+  // Media data that ends the walk before one of the tracks was ever found
+  // is not what the reference describes.
+  for (size_t m = 0; m < models.size(); ++m) {
+    if (scan.tables[m].samples() != 0 || scan.stop.empty()) continue;
+    const Track& track = source->tracks[kept[m]];
+    return Status::failure(broken + ": " +
+                           track.fail("no sample of the reference's track is found before " +
+                                      scan.stop + ": is " + options.reference +
+                                      " from the same device and settings?")
+                               .message());
+  }
   std::vector<NewTrack> made;
   edit::Layout layout;
   for (size_t m = 0; m < models.size(); ++m) {
@@ -348,6 +359,10 @@ Result<RecoverReport> recoverWithReference(const std::string& broken, const std:
     if (track.ctts() == nullptr || models[m].kind != TrackModel::Kind::Video) {
       next.edits = editsOf(track.elst(), scan.tables[m].duration(), track.timescale(),
                            source->movieTimescale);
+    } else {
+      report.notes.push_back(track.fail("the reference reorders frames (B-frames) and their "
+                                        "composition offsets are not rebuilt: frames show in "
+                                        "decode order").message());
     }
     scan.tables[m].finish(next, layout);
   }

@@ -52,6 +52,8 @@ struct RecoverReport {
   uint64_t unusedBytes = 0;
   // Why the walk stopped, when it stopped before the end of the data.
   std::string stop;
+  // What the new file does not show as the original did.
+  std::vector<std::string> notes;
 };
 
 // Writes to `output` every sample of `broken` whose bytes are all there,
