@@ -27,7 +27,8 @@ struct AccessUnit {
   uint64_t length = 0;  // 0: no access unit starts here
   bool key = false;     // IDR (H.264), IRAP (HEVC)
   // The walk stopped at a NAL unit that looked valid but runs past the end
-  // of the data: the unit may lack a slice that was cut off.
+  // of the data: the unit (`length` covers its whole NAL units) may lack a
+  // slice that was cut off.
   bool cutShort = false;
 };
 

@@ -167,6 +167,14 @@ Result<MediaSpan> findMediaData(IOStream& stream, const std::string& path) {
   return Status::failure(path + ": has no media data box (mdat)");
 }
 
+// The major brand of a file that starts with ftyp; empty otherwise.
+std::string majorBrand(IOStream& stream) {
+  unsigned char header[12];
+  if (stream.seek(0) != 0 || stream.read(header, 12) != 12) return "";
+  if (std::string(reinterpret_cast<char*>(header + 4), 4) != "ftyp") return "";
+  return std::string(reinterpret_cast<char*>(header + 8), 4);
+}
+
 template <class Config>
 const Config* configOf(const Atom& box) {
   for (const Atom* child : box.children) {
@@ -311,6 +319,14 @@ Result<RecoverReport> recoverWithReference(const std::string& broken, const std:
   }
   Result<MediaSpan> span = findMediaData(media, broken);
   if (!span.ok()) return span.status();
+  // One device writes one kind of file.
+  const std::string brand = majorBrand(media);
+  const std::string referenceBrand = majorBrand(*reference.stream());
+  if (!brand.empty() && !referenceBrand.empty() && brand != referenceBrand) {
+    return Status::failure(broken + ": its brand is '" + brand + "' and the reference's '" +
+                           referenceBrand + "': is " + options.reference +
+                           " from the same device and settings?");
+  }
 
   std::vector<TrackModel> models;
   std::vector<size_t> kept;  // the reference tracks that are looked for

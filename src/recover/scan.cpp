@@ -113,6 +113,7 @@ class Scanner {
       if (videoA != videoB) return videoA;
       return progress_[a].seconds(models_[a]) < progress_[b].seconds(models_[b]);
     });
+    videoCut_ = false;
     for (size_t t : order) {
       const Candidate found = probe(models_[t], data, got);
       if (found.length == 0) continue;
@@ -122,7 +123,7 @@ class Scanner {
     return false;
   }
 
-  Candidate probe(const TrackModel& model, const uint8_t* data, size_t got) const {
+  Candidate probe(const TrackModel& model, const uint8_t* data, size_t got) {
     Candidate found;
     switch (model.kind) {
       case TrackModel::Kind::Video: {
@@ -131,6 +132,7 @@ class Scanner {
           found.length = unit.length;
           found.key = unit.key;
         }
+        videoCut_ = videoCut_ || unit.cutShort;
         break;
       }
       case TrackModel::Kind::Aac: {
@@ -145,8 +147,9 @@ class Scanner {
         if (got >= packet) {
           found.length = packet;
           found.count = model.packetSamples;
-        } else if (models_.size() == 1 && got == end_ - pos_) {
-          // A lone track's last samples need no other track to end them.
+        } else if (got == end_ - pos_ && !videoCut_) {
+          // The last whole samples before the end, unless a video frame
+          // cut short starts here.
           found.count = static_cast<uint32_t>(got / model.sampleSize);
           found.length = uint64_t{found.count} * model.sampleSize;
         }
@@ -176,6 +179,7 @@ class Scanner {
   const AacFrameLength& aacFrameLength_;
   std::vector<Progress> progress_;
   ScanResult result_;
+  bool videoCut_ = false;  // a video frame cut off by the end starts at the position
 };
 
 }  // namespace

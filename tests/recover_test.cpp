@@ -1,0 +1,350 @@
+// Recovery of recordings whose movie box was never written: the NAL unit
+// walk on golden bytes, and real files from ffmpeg and from the recorder,
+// cut short, stripped of their movie box and recovered.
+#include <sys/wait.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "record/recorder.h"
+#include "recover/access_unit.h"
+#include "recover/recover.h"
+#include "support/test.h"
+
+namespace {
+
+using recovery::AccessUnit;
+using recovery::NalFormat;
+using recovery::VideoCodec;
+
+// NAL units behind big-endian lengths of `lengthSize` bytes.
+std::vector<uint8_t> units(unsigned lengthSize, const std::vector<std::vector<uint8_t>>& nals) {
+  std::vector<uint8_t> out;
+  for (const auto& nal : nals) {
+    for (unsigned i = lengthSize; i-- > 0;) out.push_back(static_cast<uint8_t>(nal.size() >> (8 * i)));
+    out.insert(out.end(), nal.begin(), nal.end());
+  }
+  return out;
+}
+
+const std::vector<uint8_t> kAud = {0x09, 0xf0};
+const std::vector<uint8_t> kSei = {0x06, 0x05, 0x01, 0x00, 0x80};
+const std::vector<uint8_t> kSps = {0x67, 0x42, 0xc0, 0x1e};
+const std::vector<uint8_t> kPps = {0x68, 0xce, 0x3c, 0x80};
+const std::vector<uint8_t> kIdr = {0x65, 0x88, 0x84, 0x00};    // first_mb_in_slice 0
+const std::vector<uint8_t> kP = {0x41, 0x9a, 0x02, 0x03};      // first_mb_in_slice 0
+const std::vector<uint8_t> kPart = {0x41, 0x02, 0x9a, 0x00};   // first_mb_in_slice 7
+// first_mb_in_slice whose Exp-Golomb code runs across an emulation-prevention byte.
+const std::vector<uint8_t> kPartEscaped = {0x41, 0x00, 0x00, 0x03, 0x01, 0xff};
+
+struct WalkCase {
+  const char* name;
+  VideoCodec codec;
+  unsigned lengthSize;
+  std::vector<std::vector<uint8_t>> nals;
+  size_t unitNals;  // NAL units of the first access unit; 0: none starts here
+  bool key;
+  size_t cut = 0;   // bytes cut off the end
+  bool cutShort = false;
+};
+
+TEST(AccessUnitWalk, EndsWhereTheNextPictureStarts) {
+  const std::vector<uint8_t> hevcIdr = {0x26, 0x01, 0xaf, 0x00};     // IDR_W_RADL, first segment
+  const std::vector<uint8_t> hevcTrail = {0x02, 0x01, 0xd0, 0x00};   // TRAIL_R, first segment
+  const std::vector<uint8_t> hevcSecond = {0x02, 0x01, 0x40, 0x00};  // TRAIL_R, later segment
+  const std::vector<uint8_t> hevcVps = {0x40, 0x01, 0x0c, 0x01};
+  const std::vector<WalkCase> cases = {
+      {"in-band parameter sets", VideoCodec::H264, 4, {kAud, kSps, kPps, kSei, kIdr, kAud, kP}, 5, true},
+      {"2-byte lengths", VideoCodec::H264, 2, {kSps, kPps, kIdr, kP, kP}, 3, true},
+      {"slices of one picture", VideoCodec::H264, 4, {kP, kPart, kPartEscaped, kP}, 3, false},
+      {"SEI after a slice starts the next", VideoCodec::H264, 4, {kP, kSei, kP}, 1, false},
+      {"no slice: nothing", VideoCodec::H264, 4, {kAud, kSps, kPps}, 0, false},
+      {"forbidden bit", VideoCodec::H264, 4, {{0xe5, 0x88}}, 0, false},
+      {"IDR of reference 0", VideoCodec::H264, 4, {{0x05, 0x88}}, 0, false},
+      {"zeros", VideoCodec::H264, 4, {{0x00, 0x00}}, 0, false},
+      {"next picture cut off", VideoCodec::H264, 4, {kIdr, kP}, 1, true, 1},
+      {"own slice cut off", VideoCodec::H264, 4, {kP, kPart}, 1, false, 1, true},
+      {"HEVC IRAP", VideoCodec::Hevc, 4, {hevcVps, hevcIdr, hevcSecond, hevcTrail}, 3, true},
+      {"HEVC layer 1", VideoCodec::Hevc, 4, {{0x02, 0x09, 0xd0}}, 0, false},
+  };
+  for (const WalkCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    NalFormat format;
+    format.codec = c.codec;
+    format.lengthSize = c.lengthSize;
+    std::vector<uint8_t> bytes = units(c.lengthSize, c.nals);
+    bytes.resize(bytes.size() - c.cut);
+    const AccessUnit unit = recovery::findAccessUnit(format, bytes.data(), bytes.size());
+    std::vector<std::vector<uint8_t>> first(c.nals.begin(), c.nals.begin() + c.unitNals);
+    EXPECT_EQ(unit.length, units(c.lengthSize, first).size());
+    EXPECT_EQ(unit.key, c.key);
+    EXPECT_EQ(unit.cutShort, c.cutShort);
+  }
+}
+
+// --- Real files ---
+
+struct Outcome {
+  int status = -1;
+  std::string out;
+};
+
+Outcome run(const std::string& command) {
+  Outcome result;
+  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+  if (pipe == nullptr) return result;
+  char block[4096];
+  size_t got;
+  while ((got = std::fread(block, 1, sizeof block, pipe)) > 0) result.out.append(block, got);
+  const int status = pclose(pipe);
+  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return result;
+}
+
+bool haveFfmpeg() { return run("ffmpeg -version").status == 0; }
+
+std::string bytesOfFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream all;
+  all << in.rdbuf();
+  return all.str();
+}
+
+struct Sample {
+  std::string bytes;
+  uint64_t decodeTime;
+  bool sync;
+};
+
+std::vector<std::vector<Sample>> samplesOf(const std::string& path, uint64_t wholeBefore = UINT64_MAX) {
+  Mp4File file;
+  EXPECT_TRUE(file.open(path).ok()) << path;
+  const std::string data = bytesOfFile(path);
+  std::vector<std::vector<Sample>> tracks;
+  for (const Track& track : findTracks(file).tracks) {
+    auto& samples = tracks.emplace_back();
+    SampleWalker walk(track);
+    for (auto next = walk.next(); next.ok() && *next != nullptr; next = walk.next()) {
+      const SampleInfo& s = **next;
+      if (s.offset + s.size > wholeBefore) break;
+      samples.push_back({data.substr(s.offset, s.size), s.decodeTime, s.sync});
+    }
+  }
+  return tracks;
+}
+
+// The share of the samples whole in the first `cut` bytes of `original`
+// that `recovered` holds the same: bytes, size, decode time and key flag.
+double recoveredShare(const std::string& original, uint64_t cut, const std::string& recovered) {
+  const auto want = samplesOf(original, cut);
+  const auto got = samplesOf(recovered);
+  if (want.size() != got.size()) return 0;
+  size_t whole = 0;
+  size_t same = 0;
+  for (size_t t = 0; t < want.size(); ++t) {
+    whole += want[t].size();
+    for (size_t i = 0; i < std::min(want[t].size(), got[t].size()); ++i) {
+      const Sample& a = want[t][i];
+      const Sample& b = got[t][i];
+      same += a.bytes == b.bytes && a.decodeTime == b.decodeTime && a.sync == b.sync;
+    }
+  }
+  return whole == 0 ? 0 : static_cast<double>(same) / whole;
+}
+
+void cutFile(const std::string& from, uint64_t length, const std::string& to) {
+  const std::string data = bytesOfFile(from);
+  std::ofstream(to, std::ios::binary).write(data.data(), static_cast<std::streamsize>(length));
+}
+
+// Where the media data of a file with its moov last ends: the moov's offset.
+uint64_t moovOffset(const std::string& path) {
+  Mp4File file;
+  EXPECT_TRUE(file.open(path).ok());
+  const std::vector<Atom*> moov = file.find("moov");
+  return moov.empty() ? 0 : moov.front()->header.headerOffset;
+}
+
+const std::string kCli = MP4STBL_CLI;
+
+struct Setting {
+  const char* name;
+  const char* extension;
+  const char* audio;  // ffmpeg's audio options
+};
+
+TEST(RecoverCorpus, CutFilesRecoveredWithAnotherFileAsReference) {
+  if (!haveFfmpeg()) GTEST_SKIP() << "needs ffmpeg";
+  ScratchDir dir("recover_corpus");
+  const std::vector<Setting> settings = {
+      {"aac", "mp4", "-c:a aac -b:a 64k"},
+      {"pcm", "mov", "-c:a pcm_s16le"},
+      {"alaw", "mov", "-c:a pcm_alaw -ar 8000"},
+  };
+  for (const Setting& setting : settings) {
+    SCOPED_TRACE(setting.name);
+    std::string made[2];
+    for (int take = 0; take < 2; ++take) {
+      made[take] = dir / (std::string(setting.name) + std::to_string(take) + "." + setting.extension);
+      const std::string seconds = take == 0 ? "6" : "3";
+      ASSERT_EQ(run("ffmpeg -v error -y -f lavfi -i testsrc=size=160x120:rate=25:duration=" + seconds +
+                    " -f lavfi -i sine=frequency=440:duration=" + seconds +
+                    " -c:v libx264 -bf 0 -g 25 -pix_fmt yuv420p " + setting.audio + " '" +
+                    made[take] + "'").status, 0);
+    }
+    const uint64_t media = moovOffset(made[0]);
+    // Inside the media, mid-sample at an odd length, and at the media's end.
+    for (uint64_t cut : {media / 3, media * 2 / 3 + 1, media}) {
+      SCOPED_TRACE(cut);
+      const std::string broken = dir / "broken";
+      const std::string out = dir / (std::string("out.") + setting.extension);
+      cutFile(made[0], cut, broken);
+      const std::string before = bytesOfFile(broken);
+      const Outcome done = run(kCli + " recover '" + broken + "' -o '" + out + "' --reference '" + made[1] + "'");
+      ASSERT_EQ(done.status, 0) << done.out;
+      EXPECT_EQ(bytesOfFile(broken), before);
+      EXPECT_GE(recoveredShare(made[0], cut, out), 0.99);
+      EXPECT_EQ(run("ffmpeg -v error -i '" + out + "' -f null -").out, "");
+      EXPECT_NE(run(kCli + " verify '" + out + "'").out.find("identical"), std::string::npos);
+    }
+  }
+}
+
+// A fragmented recording killed mid-way: its whole fragments, and the
+// samples of a last fragment cut short, with no reference.
+TEST(RecoverCorpus, FragmentedFileFromItsOwnFragments) {
+  if (!haveFfmpeg()) GTEST_SKIP() << "needs ffmpeg";
+  ScratchDir dir("recover_fragments");
+  const std::string source = dir / "source.mp4";
+  ASSERT_EQ(run("ffmpeg -v error -y -f lavfi -i testsrc=size=160x120:rate=25:duration=5 "
+                "-f lavfi -i sine=duration=5 -c:v libx264 -bf 0 -g 25 -pix_fmt yuv420p -c:a aac "
+                "-movflags +frag_keyframe+empty_moov '" + source + "'").status, 0);
+  const uint64_t length = fs::file_size(source);
+  for (uint64_t cut : {length, length - length / 7, length / 2 + 3}) {
+    SCOPED_TRACE(cut);
+    const std::string broken = dir / "broken.mp4";
+    const std::string out = dir / "out.mp4";
+    cutFile(source, cut, broken);
+    const Outcome done = run(kCli + " recover '" + broken + "' -o '" + out + "'");
+    ASSERT_EQ(done.status, 0) << done.out;
+    EXPECT_GE(recoveredShare(source, cut, out), 0.99);
+    EXPECT_EQ(run("ffmpeg -v error -i '" + out + "' -f null -").out, "");
+  }
+}
+
+#ifdef MP4STBL_RECORDER_LINKS
+// A recording of the recorder killed mid-way: its fragments, and the
+// samples of a last fragment cut short, with no reference.
+TEST(RecoverCorpus, InterruptedRecordingFromItsOwnFragments) {
+  if (!haveFfmpeg()) GTEST_SKIP() << "needs ffmpeg";
+  ScratchDir dir("recover_recorder");
+  const std::string source = dir / "source.mp4";
+  ASSERT_EQ(run("ffmpeg -v error -y -f lavfi -i testsrc=size=160x120:rate=25:duration=5 "
+                "-c:v libx264 -bf 0 -g 25 -pix_fmt yuv420p -f lavfi -i sine=duration=5 -c:a pcm_alaw -ar 8000 '" +
+                source + "'").status, 0);
+  Mp4File file;
+  ASSERT_TRUE(file.open(source).ok());
+  FoundTracks found = findTracks(file);
+  ASSERT_EQ(found.tracks.size(), 2u);
+  const auto* avc = dynamic_cast<const AvcConfigAtom*>(
+      found.tracks[0].stsd().children.front()->children.front());
+  ASSERT_NE(avc, nullptr);
+  // The parameter sets of the avcC: 6 bytes, then one SPS and one PPS.
+  const std::vector<unsigned char>& record = avc->body;
+  const size_t spsLength = (record[6] << 8) | record[7];
+  const Bytes sps(record.begin() + 8, record.begin() + 8 + static_cast<long>(spsLength));
+  const size_t ppsAt = 8 + spsLength + 1;
+  const Bytes pps(record.begin() + static_cast<long>(ppsAt) + 2,
+                  record.begin() + static_cast<long>(ppsAt + 2 + ((record[ppsAt] << 8) | record[ppsAt + 1])));
+  const std::string recording = dir / "recording.mp4";
+  {
+    auto recorder = Recorder::create(recording);
+    ASSERT_TRUE(recorder.ok());
+    const uint32_t video = *(*recorder)->addH264({sps}, {pps}, found.tracks[0].timescale());
+    const uint32_t audio = *(*recorder)->addG711(G711Law::ALaw, 8000);
+    const std::string data = bytesOfFile(source);
+    std::vector<std::pair<uint64_t, std::pair<int, SampleInfo>>> order;
+    for (int t = 0; t < 2; ++t) {
+      SampleWalker walk(found.tracks[t]);
+      for (auto next = walk.next(); next.ok() && *next != nullptr; next = walk.next()) {
+        const double at = static_cast<double>((*next)->decodeTime) / found.tracks[t].timescale();
+        order.push_back({static_cast<uint64_t>(at * 1e6), {t, **next}});
+      }
+    }
+    std::stable_sort(order.begin(), order.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    for (const auto& [at, sample] : order) {
+      const SampleInfo& s = sample.second;
+      const auto* bytes = reinterpret_cast<const uint8_t*>(data.data() + s.offset);
+      ASSERT_TRUE((*recorder)->write(sample.first == 0 ? video : audio, bytes, s.size,
+                                     {s.decodeTime, 0, 0, s.sync}).ok());
+    }
+    // Destroyed unfinished: the fragments are on disk, no final moov.
+  }
+  const uint64_t length = fs::file_size(recording);
+  for (uint64_t cut : {length, length - length / 7, length / 2 + 3}) {
+    SCOPED_TRACE(cut);
+    const std::string broken = dir / "broken.mp4";
+    const std::string out = dir / "out.mp4";
+    cutFile(recording, cut, broken);
+    const Outcome done = run(kCli + " recover '" + broken + "' -o '" + out + "'");
+    ASSERT_EQ(done.status, 0) << done.out;
+    EXPECT_GE(recoveredShare(broken, cut, out), 0.99);
+    EXPECT_EQ(run("ffmpeg -v error -i '" + out + "' -f null -").out, "");
+  }
+}
+
+#endif
+
+TEST(RecoverRefuses, WhatCannotBeRecoveredSaysWhy) {
+  if (!haveFfmpeg()) GTEST_SKIP() << "needs ffmpeg";
+  ScratchDir dir("recover_refuses");
+  const std::string good = dir / "good.mp4";
+  const std::string pcm = dir / "pcm.mov";
+  ASSERT_EQ(run("ffmpeg -v error -y -f lavfi -i testsrc=size=160x120:rate=25:duration=2 "
+                "-f lavfi -i sine=duration=2 -c:v libx264 -bf 0 -pix_fmt yuv420p -c:a aac '" + good + "'").status, 0);
+  ASSERT_EQ(run("ffmpeg -v error -y -f lavfi -i sine=duration=2 -c:a pcm_s16le '" + pcm + "'").status, 0);
+  const std::string data = bytesOfFile(good);
+  const uint64_t media = moovOffset(good);
+  const std::string cut = dir / "cut.mp4";
+  cutFile(good, media / 2, cut);
+  const std::string random = dir / "random.mp4";
+  std::string noise(50000, '\0');
+  uint32_t state = 12345;
+  for (char& c : noise) c = static_cast<char>((state = state * 1103515245 + 12345) >> 24);
+  std::ofstream(random, std::ios::binary) << noise;
+  // An mdat that claims 2^62 bytes: read to the end of the file, no further.
+  const std::string huge = dir / "huge.mp4";
+  {
+    std::string bytes = data.substr(0, media / 2);
+    const size_t at = data.find("mdat") - 4;
+    const std::string header = std::string("\0\0\0\1mdat\x40\0\0\0\0\0\0\0", 16);
+    bytes.replace(at, 8, header.substr(0, 8));
+    bytes.insert(at + 8, header.substr(8));
+    std::ofstream(huge, std::ios::binary) << bytes;
+  }
+  const std::string out = dir / "out.mp4";
+  struct Refusal {
+    std::string args;
+    std::string says;
+  };
+  const std::vector<Refusal> refusals = {
+      {"'" + cut + "' -o '" + out + "'", "no movie box indexes its media data; recover it with --reference GOOD"},
+      {"'" + random + "' -o '" + out + "' --reference '" + good + "'", "is not an MP4 file"},
+      {"'" + cut + "' -o '" + out + "' --reference '" + pcm + "'", "from the same device and settings?"},
+      {"'" + cut + "' -o '" + out + "' --reference '" + random + "'", "--reference"},
+      {"'" + cut + "' -o '" + cut + "' --reference '" + good + "'", "is one of the inputs"},
+  };
+  for (const Refusal& refusal : refusals) {
+    SCOPED_TRACE(refusal.args);
+    const Outcome done = run(kCli + " recover " + refusal.args);
+    EXPECT_EQ(done.status, 1);
+    EXPECT_NE(done.out.find(refusal.says), std::string::npos) << done.out;
+    EXPECT_FALSE(fs::exists(out));
+  }
+  EXPECT_EQ(bytesOfFile(cut), data.substr(0, media / 2));
+  const Outcome hugeDone = run(kCli + " recover '" + huge + "' -o '" + out + "' --reference '" + good + "'");
+  EXPECT_EQ(hugeDone.status, 0) << hugeDone.out;
+}
+
+}  // namespace
