@@ -128,7 +128,9 @@ class Scanner {
     switch (model.kind) {
       case TrackModel::Kind::Video: {
         const AccessUnit unit = findAccessUnit(model.nal, data, got);
-        if (!unit.cutShort) {
+        // A recording starts with a key frame: nothing decodes before one.
+        const bool starts = unit.key || tables(model).samples() != 0;
+        if (!unit.cutShort && starts) {
           found.length = unit.length;
           found.key = unit.key;
         }
@@ -143,13 +145,14 @@ class Scanner {
         break;
       }
       case TrackModel::Kind::Fixed: {
+        // Never the bytes of a video frame that the end cut short.
         const uint64_t packet = uint64_t{model.sampleSize} * model.packetSamples;
+        if (videoCut_) break;
         if (got >= packet) {
           found.length = packet;
           found.count = model.packetSamples;
-        } else if (got == end_ - pos_ && !videoCut_) {
-          // The last whole samples before the end, unless a video frame
-          // cut short starts here.
+        } else if (got == end_ - pos_) {
+          // The last whole samples before the end.
           found.count = static_cast<uint32_t>(got / model.sampleSize);
           found.length = uint64_t{found.count} * model.sampleSize;
         }
@@ -157,6 +160,10 @@ class Scanner {
       }
     }
     return found;
+  }
+
+  const TrackTables& tables(const TrackModel& model) const {
+    return result_.tables[static_cast<size_t>(&model - models_.data())];
   }
 
   void take(size_t t, const Candidate& found) {
