@@ -51,13 +51,14 @@ struct WalkCase {
 TEST(AccessUnitWalk, EndsWhereTheNextPictureStarts) {
   const std::vector<uint8_t> hevcIdr = {0x26, 0x01, 0xaf, 0x00};     // IDR_W_RADL, first segment
   const std::vector<uint8_t> hevcTrail = {0x02, 0x01, 0xd0, 0x00};   // TRAIL_R, first segment
-  const std::vector<uint8_t> hevcSecond = {0x02, 0x01, 0x40, 0x00};  // TRAIL_R, later segment
+  const std::vector<uint8_t> hevcSecond = {0x26, 0x01, 0x40, 0x00};  // IDR_W_RADL, later segment
   const std::vector<uint8_t> hevcVps = {0x40, 0x01, 0x0c, 0x01};
   const std::vector<WalkCase> cases = {
       {"in-band parameter sets", VideoCodec::H264, 4, {kAud, kSps, kPps, kSei, kIdr, kAud, kP}, 5, true},
       {"2-byte lengths", VideoCodec::H264, 2, {kSps, kPps, kIdr, kP, kP}, 3, true},
       {"slices of one picture", VideoCodec::H264, 4, {kP, kPart, kPartEscaped, kP}, 3, false},
       {"SEI after a slice starts the next", VideoCodec::H264, 4, {kP, kSei, kP}, 1, false},
+      {"a slice of another type is not the picture's", VideoCodec::H264, 4, {kIdr, kPart}, 1, true},
       {"no slice: nothing", VideoCodec::H264, 4, {kAud, kSps, kPps}, 0, false},
       {"forbidden bit", VideoCodec::H264, 4, {{0xe5, 0x88}}, 0, false},
       {"IDR of reference 0", VideoCodec::H264, 4, {{0x05, 0x88}}, 0, false},

@@ -127,6 +127,7 @@ AccessUnit findAccessUnit(const NalFormat& format, const uint8_t* data, size_t a
   const unsigned headerSize = format.codec == VideoCodec::H264 ? 1 : 2;
   AccessUnit unit;
   bool sawSlice = false;
+  unsigned sliceSort = 0;
   bool key = false;
   uint64_t at = 0;
   while (available - at >= format.lengthSize) {
@@ -150,6 +151,12 @@ AccessUnit findAccessUnit(const NalFormat& format, const uint8_t* data, size_t a
       break;
     }
     if (kind.role == Role::Slice) {
+      // The slices of one picture share their NAL unit type (and, in
+      // H.264, whether the picture is a reference).
+      const unsigned sort = format.codec == VideoCodec::H264 ? (nal[0] & 0x1f) | ((nal[0] & 0x60) != 0) << 5
+                                                             : nal[0] >> 1;
+      if (sawSlice && sort != sliceSort) break;
+      sliceSort = sort;
       sawSlice = true;
       key = key || kind.key;
     }

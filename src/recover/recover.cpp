@@ -275,7 +275,7 @@ Result<TrackModel> modelOf(const Track& track, const RecoverOptions& options) {
     model.nal.codec = avc != nullptr ? recovery::VideoCodec::H264 : recovery::VideoCodec::Hevc;
     model.nal.lengthSize = lengthSize;
     model.nal.maxNalLength =
-        std::clamp<uint64_t>(uint64_t{chunking->largest} * 4, 1u << 20, 8u << 20);
+        std::clamp<uint64_t>(uint64_t{chunking->largest} * 4, 64u << 10, 8u << 20);
     return model;
   }
   if (track.handler() != "soun") return track.fail("is neither video nor sound");
