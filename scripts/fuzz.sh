@@ -2,7 +2,7 @@
 # Builds the libFuzzer targets (fuzz preset) and runs one of them from its
 # seed corpus for a while.
 #   scripts/fuzz.sh TARGET SECONDS
-#     TARGET: fuzz_file, fuzz_child, fuzz_edit or fuzz_command (the whole
+#     TARGET: fuzz_file, fuzz_child, fuzz_edit, fuzz_record or fuzz_command (the whole
 #     command, seeded with fuzz_file's inputs as well as its own)
 # The inputs in fuzz/corpus/TARGET are copied to a scratch directory first, so
 # the inputs the fuzzer adds never land in the source tree. Any crash, leak,
@@ -13,7 +13,7 @@ cd "$(dirname "$0")/.."
 source scripts/lib.sh
 
 if [ $# -ne 2 ] || ! [[ "$2" =~ ^[0-9]+$ ]] || [ ! -d "fuzz/corpus/$1" ]; then
-  echo "usage: $0 {fuzz_file|fuzz_child|fuzz_edit|fuzz_command} SECONDS" >&2
+  echo "usage: $0 {fuzz_file|fuzz_child|fuzz_edit|fuzz_record|fuzz_command} SECONDS" >&2
   exit 2
 fi
 target="$1"

@@ -1,0 +1,488 @@
+// H.264 and HEVC byte streams: NAL units split at their start codes,
+// grouped into access units, numbered in presentation order by the
+// decoder's own output process.
+#include <algorithm>
+#include <cstring>
+#include <deque>
+#include <optional>
+#include <string>
+
+#include "media/elementary.h"
+#include "media/parameter_sets.h"
+
+namespace mp4stbl {
+
+namespace {
+
+constexpr size_t kMaxAccessUnit = size_t{64} << 20;
+constexpr size_t kMaxParameterSets = 32;
+constexpr size_t kMaxParameterSetSize = 0xFFFF;
+constexpr size_t kMaxLeadingNals = 8;
+// Frames decoded but not yet presented, past the reorder depth: a stream
+// whose order never settles is refused rather than held.
+constexpr size_t kMaxWaiting = 256;
+constexpr size_t kNone = SIZE_MAX;
+
+std::string at(uint64_t offset) { return "at byte " + std::to_string(offset) + ": "; }
+
+enum class Codec { Unknown, H264, Hevc };
+
+uint32_t avcType(const uint8_t* nal) { return nal[0] & 0x1F; }
+uint32_t hevcType(const uint8_t* nal) { return (nal[0] >> 1) & 0x3F; }
+
+// A NAL unit that starts a new access unit when it follows a picture.
+bool avcStartsUnit(uint32_t type) { return (type >= 6 && type <= 9) || (type >= 14 && type <= 18); }
+bool hevcStartsUnit(uint32_t type) {
+  return (type >= 32 && type <= 35) || type == 39 || (type >= 41 && type <= 44) ||
+         (type >= 48 && type <= 55);
+}
+
+struct Waiting {
+  VideoFrame frame;
+  bool ready = false;
+};
+
+}  // namespace
+
+// Splits the bytes into NAL units; each goes to unit().
+struct AnnexBReader::State {
+  // The splitter: bytes from the NAL unit in progress (or, before the first
+  // start code, what may be the start of one) to the end of the input.
+  Bytes buffer;
+  uint64_t bufferOffset = 0;  // stream offset of buffer[0]
+  size_t scan = 0;            // where the search for a start code resumes
+  size_t nalStart = kNone;
+  Status failed;
+  bool finished = false;
+
+  Codec codec = Codec::Unknown;
+  std::vector<std::pair<Bytes, uint64_t>> leading;  // before the codec was known
+  std::vector<Bytes> vps, sps, pps;
+  std::vector<AvcSps> avcSps;
+  std::vector<AvcPps> avcPps;
+  std::vector<HevcSps> hevcSps;
+  std::vector<HevcPps> hevcPps;
+  std::optional<VideoConfig> config;
+
+  // The access unit in progress.
+  Bytes unit;
+  uint64_t unitOffset = 0;
+  bool unitHasPicture = false;
+  bool unitKey = false;
+  bool unitNewSequence = false;
+  int64_t unitPoc = 0;
+  AvcSlice lastSlice;
+
+  // Picture order count state.
+  int64_t prevPocMsb = 0;
+  uint32_t prevPocLsb = 0;
+  int64_t prevFrameNumOffset = 0;
+  uint32_t prevFrameNum = 0;
+  int64_t prevTid0Poc = 0;
+  bool firstPicture = true;
+  bool afterEndOfSequence = false;
+
+  // Output: frames in decode order, and the decoder's picture buffer.
+  std::deque<Waiting> waiting;
+  std::vector<std::pair<int64_t, uint64_t>> buffered;  // POC, decode index
+  uint64_t decoded = 0;
+  uint64_t presented = 0;
+
+  Status feed(const uint8_t* bytes, size_t size);
+  Status splitStartCodes();
+  Status checkLeadingZeros(size_t end);
+  Status endNal(size_t end);
+  void compact();
+  Status nal(const uint8_t* data, size_t size, uint64_t offset);
+  Status detect(const uint8_t* data, size_t size, uint64_t offset);
+  Status avcNal(const uint8_t* data, size_t size, uint64_t offset);
+  Status hevcNal(const uint8_t* data, size_t size, uint64_t offset);
+  Status parameterSet(std::vector<Bytes>& sets, const uint8_t* data, size_t size, uint64_t offset);
+  Status makeConfig(uint64_t offset);
+  Status avcPicture(const AvcSlice& slice, const AvcSps& sequence);
+  Status hevcPicture(const HevcSlice& slice, const HevcSps& sequence);
+  int64_t avcPoc(const AvcSlice& slice, const AvcSps& sequence);
+  int64_t hevcPoc(const HevcSlice& slice, const HevcSps& sequence);
+  Status append(const uint8_t* data, size_t size, uint64_t offset);
+  Status closeUnit();
+  void present();
+  void bumpAll();
+  uint32_t delay() const { return config ? config->reorderFrames : 0; }
+};
+
+Status AnnexBReader::State::feed(const uint8_t* bytes, size_t size) {
+  if (!failed.ok()) return failed;
+  if (finished) return failed = Status::failure("bytes fed after the end of the stream");
+  buffer.insert(buffer.end(), bytes, bytes + size);
+  failed = splitStartCodes();
+  if (failed.ok() && nalStart != kNone && buffer.size() - nalStart > kMaxAccessUnit) {
+    failed = Status::failure(at(bufferOffset + nalStart) + "a NAL unit of more than 64 MiB");
+  }
+  if (failed.ok()) compact();
+  return failed;
+}
+
+Status AnnexBReader::State::splitStartCodes() {
+  const uint8_t* data = buffer.data();
+  const size_t size = buffer.size();
+  size_t from = scan;
+  while (from + 3 <= size) {
+    const void* one = std::memchr(data + from + 2, 1, size - from - 2);
+    if (one == nullptr) break;
+    const size_t k = static_cast<size_t>(static_cast<const uint8_t*>(one) - data);
+    if (data[k - 1] != 0 || data[k - 2] != 0) {
+      from = k - 1;
+      continue;
+    }
+    Status status = endNal(k - 2);
+    if (!status.ok()) return status;
+    nalStart = k + 1;
+    from = k + 1;
+  }
+  scan = std::max(from, size >= 2 ? size - 2 : 0);
+  return nalStart == kNone ? checkLeadingZeros(scan) : Status();
+}
+
+// Before the first start code only zero bytes may come.
+Status AnnexBReader::State::checkLeadingZeros(size_t end) {
+  for (size_t i = 0; i < end; ++i) {
+    if (buffer[i] != 0) {
+      return Status::failure(at(bufferOffset + i) +
+                             "not an H.264 or HEVC byte stream (no start code)");
+    }
+  }
+  return Status();
+}
+
+Status AnnexBReader::State::endNal(size_t end) {
+  if (nalStart == kNone) return checkLeadingZeros(end);
+  size_t last = end;
+  while (last > nalStart && buffer[last - 1] == 0) --last;  // trailing_zero_8bits
+  if (last == nalStart) return Status();
+  return nal(buffer.data() + nalStart, last - nalStart, bufferOffset + nalStart);
+}
+
+// Drops the bytes before the NAL unit in progress once they are half the
+// buffer, so that a stream fed a byte at a time is not copied for each.
+void AnnexBReader::State::compact() {
+  const size_t drop = nalStart == kNone ? scan : nalStart;
+  if (drop == 0 || drop < buffer.size() / 2) return;
+  buffer.erase(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(drop));
+  bufferOffset += drop;
+  scan -= drop;
+  if (nalStart != kNone) nalStart -= drop;
+}
+
+Status AnnexBReader::State::nal(const uint8_t* data, size_t size, uint64_t offset) {
+  if (data[0] & 0x80) return Status::failure(at(offset) + "NAL unit with its forbidden bit set");
+  switch (codec) {
+    case Codec::Unknown:
+      return detect(data, size, offset);
+    case Codec::H264:
+      return avcNal(data, size, offset);
+    case Codec::Hevc:
+      return hevcNal(data, size, offset);
+  }
+  return Status();
+}
+
+// The first parameter set tells the codec; delimiters and SEI before it
+// are held until then.
+Status AnnexBReader::State::detect(const uint8_t* data, size_t size, uint64_t offset) {
+  const uint32_t avc = avcType(data), hevc = hevcType(data);
+  if (avc == 7 || avc == 8) {
+    codec = Codec::H264;
+  } else if (size >= 2 && hevc >= 32 && hevc <= 34) {
+    codec = Codec::Hevc;
+  } else if (leading.size() < kMaxLeadingNals && size <= kMaxParameterSetSize &&
+             (avc == 6 || avc == 9 || hevc == 35 || hevc == 39)) {
+    leading.emplace_back(Bytes(data, data + size), offset);
+    return Status();
+  } else {
+    return Status::failure(at(offset) +
+                           "the stream does not start with H.264 or HEVC parameter "
+                           "sets (NAL unit header " +
+                           std::to_string(data[0]) + ")");
+  }
+  std::vector<std::pair<Bytes, uint64_t>> held;
+  held.swap(leading);
+  for (const auto& [bytes, where] : held) {
+    Status status = nal(bytes.data(), bytes.size(), where);
+    if (!status.ok()) return status;
+  }
+  return nal(data, size, offset);
+}
+
+Status AnnexBReader::State::avcNal(const uint8_t* data, size_t size, uint64_t offset) {
+  const uint32_t type = avcType(data);
+  if (type >= 1 && type <= 5) {
+    Status status = makeConfig(offset);
+    if (!status.ok()) return status;
+    const AvcSps* sequence = nullptr;
+    Result<AvcSlice> slice = parseAvcSlice(data, size, avcSps, avcPps, &sequence);
+    if (!slice.ok()) return Status::failure(at(offset) + "H.264 " + slice.message());
+    status = avcPicture(*slice, *sequence);
+    return status.ok() ? append(data, size, offset) : status;
+  }
+  if (unitHasPicture && (type == 9 || avcStartsUnit(type))) {
+    Status status = closeUnit();
+    if (!status.ok()) return status;
+  }
+  if (type == 7 || type == 8) {
+    Status status = parameterSet(type == 7 ? sps : pps, data, size, offset);
+    if (!status.ok()) return status;
+  }
+  if (type == 6 && avcRecoveryFrames(data, size) >= 0) unitKey = true;
+  return append(data, size, offset);
+}
+
+namespace {
+
+// Whether a slice belongs to another picture than the slice before it.
+bool newAvcPicture(const AvcSlice& a, const AvcSlice& b) {
+  return b.firstMb == 0 || a.frameNum != b.frameNum || a.ppsId != b.ppsId ||
+         a.fieldPic != b.fieldPic || a.bottomField != b.bottomField ||
+         (a.refIdc == 0) != (b.refIdc == 0) || (a.nalType == 5) != (b.nalType == 5) ||
+         (a.nalType == 5 && a.idrPicId != b.idrPicId) || a.pocLsb != b.pocLsb ||
+         a.deltaPocBottom != b.deltaPocBottom || a.deltaPoc[0] != b.deltaPoc[0] ||
+         a.deltaPoc[1] != b.deltaPoc[1];
+}
+
+}  // namespace
+
+Status AnnexBReader::State::avcPicture(const AvcSlice& slice, const AvcSps& sequence) {
+  const bool starts = !unitHasPicture || newAvcPicture(lastSlice, slice);
+  lastSlice = slice;
+  if (!starts) return Status();
+  if (unitHasPicture) {
+    Status status = closeUnit();
+    if (!status.ok()) return status;
+  }
+  unitHasPicture = true;
+  unitNewSequence = slice.nalType == 5;
+  unitKey = unitKey || unitNewSequence;
+  unitPoc = avcPoc(slice, sequence);
+  return Status();
+}
+
+// The picture order count of a picture's first slice (without the reset
+// that memory_management_control_operation 5 makes).
+int64_t AnnexBReader::State::avcPoc(const AvcSlice& slice, const AvcSps& sequence) {
+  const bool idr = slice.nalType == 5;
+  const int64_t maxFrameNum = int64_t{1} << sequence.log2MaxFrameNum;
+  int64_t frameNumOffset = 0;
+  if (!idr) frameNumOffset = prevFrameNumOffset + (prevFrameNum > slice.frameNum ? maxFrameNum : 0);
+  prevFrameNumOffset = frameNumOffset;
+  prevFrameNum = slice.frameNum;
+  if (sequence.pocType == 0) {
+    if (idr) prevPocMsb = prevPocLsb = 0;
+    const int64_t maxLsb = int64_t{1} << sequence.log2MaxPocLsb;
+    const int64_t lsb = slice.pocLsb, prevLsb = prevPocLsb;
+    int64_t msb = prevPocMsb;
+    if (lsb < prevLsb && prevLsb - lsb >= maxLsb / 2) msb += maxLsb;
+    if (lsb > prevLsb && lsb - prevLsb > maxLsb / 2) msb -= maxLsb;
+    if (slice.refIdc != 0) {
+      prevPocMsb = msb;
+      prevPocLsb = slice.pocLsb;
+    }
+    const int64_t top = msb + lsb;
+    if (slice.fieldPic) return top;
+    return std::min(top, top + slice.deltaPocBottom);
+  }
+  if (sequence.pocType == 2) {
+    if (idr) return 0;
+    return 2 * (frameNumOffset + slice.frameNum) - (slice.refIdc == 0 ? 1 : 0);
+  }
+  const std::vector<int32_t>& offsets = sequence.refFrameOffsets;
+  int64_t absFrameNum = offsets.empty() ? 0 : frameNumOffset + slice.frameNum;
+  if (slice.refIdc == 0 && absFrameNum > 0) --absFrameNum;
+  int64_t expected = 0;
+  if (absFrameNum > 0) {
+    int64_t cycle = 0;
+    for (int32_t offset : offsets) cycle += offset;
+    const int64_t count = (absFrameNum - 1) / static_cast<int64_t>(offsets.size());
+    const size_t inCycle =
+        static_cast<size_t>((absFrameNum - 1) % static_cast<int64_t>(offsets.size()));
+    expected = count * cycle;
+    for (size_t i = 0; i <= inCycle; ++i) expected += offsets[i];
+  }
+  if (slice.refIdc == 0) expected += sequence.offsetForNonRefPic;
+  const int64_t top = expected + slice.deltaPoc[0];
+  const int64_t bottom =
+      expected + sequence.offsetForTopToBottomField + slice.deltaPoc[slice.fieldPic ? 0 : 1];
+  if (slice.fieldPic) return slice.bottomField ? bottom : top;
+  return std::min(top, bottom + slice.deltaPoc[0]);
+}
+
+Status AnnexBReader::State::hevcNal(const uint8_t* data, size_t size, uint64_t offset) {
+  if (size < 2) return Status::failure(at(offset) + "HEVC NAL unit of one byte");
+  const uint32_t type = hevcType(data);
+  if (type <= 31) {
+    Status status = makeConfig(offset);
+    if (!status.ok()) return status;
+    const HevcSps* sequence = nullptr;
+    Result<HevcSlice> slice = parseHevcSlice(data, size, hevcSps, hevcPps, &sequence);
+    if (!slice.ok()) return Status::failure(at(offset) + "HEVC " + slice.message());
+    if (slice->firstInPicture) status = hevcPicture(*slice, *sequence);
+    return status.ok() ? append(data, size, offset) : status;
+  }
+  if (unitHasPicture && hevcStartsUnit(type)) {
+    Status status = closeUnit();
+    if (!status.ok()) return status;
+  }
+  if (type >= 32 && type <= 34) {
+    Status status = parameterSet(type == 32 ? vps : type == 33 ? sps : pps, data, size, offset);
+    if (!status.ok()) return status;
+  }
+  Status status = append(data, size, offset);
+  if (type == 36 || type == 37) afterEndOfSequence = true;
+  return status;
+}
+
+Status AnnexBReader::State::hevcPicture(const HevcSlice& slice, const HevcSps& sequence) {
+  if (unitHasPicture) {
+    Status status = closeUnit();
+    if (!status.ok()) return status;
+  }
+  unitHasPicture = true;
+  const bool irap = slice.nalType >= 16 && slice.nalType <= 23;
+  unitKey = irap;
+  unitNewSequence = irap && (slice.nalType != 21 || firstPicture || afterEndOfSequence);
+  unitPoc = hevcPoc(slice, sequence);
+  firstPicture = false;
+  afterEndOfSequence = false;
+  return Status();
+}
+
+int64_t AnnexBReader::State::hevcPoc(const HevcSlice& slice, const HevcSps& sequence) {
+  const int64_t maxLsb = int64_t{1} << sequence.log2MaxPocLsb;
+  const int64_t lsb = slice.pocLsb;
+  int64_t msb = 0;
+  if (!unitNewSequence) {
+    const int64_t prevLsb = prevTid0Poc & (maxLsb - 1), prevMsb = prevTid0Poc - prevLsb;
+    msb = prevMsb;
+    if (lsb < prevLsb && prevLsb - lsb >= maxLsb / 2) msb += maxLsb;
+    if (lsb > prevLsb && lsb - prevLsb > maxLsb / 2) msb -= maxLsb;
+  }
+  const int64_t poc = msb + lsb;
+  const bool leadingOrNonRef =
+      (slice.nalType >= 6 && slice.nalType <= 9) || (slice.nalType <= 14 && slice.nalType % 2 == 0);
+  if (slice.temporalId == 0 && !leadingOrNonRef) prevTid0Poc = poc;
+  return poc;
+}
+
+Status AnnexBReader::State::parameterSet(std::vector<Bytes>& sets, const uint8_t* data, size_t size,
+                                         uint64_t offset) {
+  const Bytes set(data, data + size);
+  if (std::find(sets.begin(), sets.end(), set) != sets.end()) return Status();
+  if (config) {
+    return Status::failure("parameter sets change at byte " + std::to_string(offset) +
+                           "; not supported");
+  }
+  if (size > kMaxParameterSetSize) {
+    return Status::failure(at(offset) + "a parameter set of " + std::to_string(size) + " bytes");
+  }
+  if (vps.size() + sps.size() + pps.size() >= kMaxParameterSets) {
+    return Status::failure(at(offset) + "more than 32 parameter sets");
+  }
+  sets.push_back(set);
+  return Status();
+}
+
+// The configuration, from the parameter sets before the first picture.
+Status AnnexBReader::State::makeConfig(uint64_t offset) {
+  if (config) return Status();
+  if (sps.empty() || pps.empty() || (codec == Codec::Hevc && vps.empty())) {
+    return Status::failure(at(offset) + "a picture before its parameter sets");
+  }
+  Result<VideoConfig> made = codec == Codec::H264 ? avcConfig(sps, pps) : hevcConfig(vps, sps, pps);
+  if (!made.ok()) return Status::failure(at(offset) + made.message());
+  for (const Bytes& set : sps) {
+    if (codec == Codec::H264) avcSps.push_back(*parseAvcSps(set));
+    if (codec == Codec::Hevc) hevcSps.push_back(*parseHevcSps(set));
+  }
+  for (const Bytes& set : pps) {
+    if (codec == Codec::H264) avcPps.push_back(*parseAvcPps(set));
+    if (codec == Codec::Hevc) hevcPps.push_back(*parseHevcPps(set));
+  }
+  config = std::move(*made);
+  return Status();
+}
+
+Status AnnexBReader::State::append(const uint8_t* data, size_t size, uint64_t offset) {
+  if (unit.empty()) unitOffset = offset;
+  if (unit.size() + 4 + size > kMaxAccessUnit) {
+    return Status::failure(at(unitOffset) + "an access unit of more than 64 MiB");
+  }
+  for (int shift = 24; shift >= 0; shift -= 8) unit.push_back(static_cast<uint8_t>(size >> shift));
+  unit.insert(unit.end(), data, data + size);
+  return Status();
+}
+
+// The access unit in progress is complete: it enters the picture buffer.
+Status AnnexBReader::State::closeUnit() {
+  if (!buffered.empty() && decoded - buffered.front().second > kMaxWaiting + delay()) {
+    return Status::failure(at(unitOffset) + "a frame waits for its presentation past " +
+                           std::to_string(kMaxWaiting) + " frames");
+  }
+  if (unitNewSequence) bumpAll();
+  Waiting& entry = waiting.emplace_back();
+  entry.frame.data.swap(unit);
+  entry.frame.decodeIndex = decoded;
+  entry.frame.key = unitKey;
+  buffered.emplace_back(unitPoc, decoded++);
+  while (buffered.size() > delay()) present();
+  unit.clear();
+  unitHasPicture = unitKey = unitNewSequence = false;
+  return Status();
+}
+
+// Outputs the buffered picture of the smallest order count, the earliest
+// decoded of equals.
+void AnnexBReader::State::present() {
+  const auto first = std::min_element(buffered.begin(), buffered.end());
+  Waiting& entry = waiting[static_cast<size_t>(first->second - waiting.front().frame.decodeIndex)];
+  entry.frame.presentationIndex = presented++;
+  entry.ready = true;
+  buffered.erase(first);
+}
+
+void AnnexBReader::State::bumpAll() {
+  while (!buffered.empty()) present();
+}
+
+AnnexBReader::AnnexBReader() : state_(std::make_unique<State>()) {}
+AnnexBReader::~AnnexBReader() = default;
+
+Status AnnexBReader::feed(const uint8_t* bytes, size_t size) { return state_->feed(bytes, size); }
+
+Status AnnexBReader::finish() {
+  State& s = *state_;
+  if (!s.failed.ok() || s.finished) return s.failed;
+  s.finished = true;
+  s.failed = s.endNal(s.buffer.size());
+  s.nalStart = kNone;
+  if (s.failed.ok() && s.unitHasPicture) s.failed = s.closeUnit();
+  s.bumpAll();
+  if (s.failed.ok() && s.decoded == 0) {
+    s.failed = Status::failure("no video frame in " +
+                               std::to_string(s.bufferOffset + s.buffer.size()) + " bytes");
+  }
+  return s.failed;
+}
+
+const VideoConfig* AnnexBReader::config() const {
+  return state_->config ? &*state_->config : nullptr;
+}
+
+bool AnnexBReader::next(VideoFrame* frame) {
+  std::deque<Waiting>& waiting = state_->waiting;
+  if (waiting.empty() || !waiting.front().ready) return false;
+  *frame = std::move(waiting.front().frame);
+  waiting.pop_front();
+  return true;
+}
+
+uint32_t AnnexBReader::reorderDelay() const { return state_->delay(); }
+
+}  // namespace mp4stbl
