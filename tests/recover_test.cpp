@@ -29,13 +29,20 @@ std::vector<uint8_t> units(unsigned lengthSize, const std::vector<std::vector<ui
 
 const std::vector<uint8_t> kAud = {0x09, 0xf0};
 const std::vector<uint8_t> kSei = {0x06, 0x05, 0x01, 0x00, 0x80};
-const std::vector<uint8_t> kSps = {0x67, 0x42, 0xc0, 0x1e};
+// Baseline, 160x128, frame_num and pic_order_cnt_lsb of 4 bits.
+const std::vector<uint8_t> kSps = {0x67, 0x42, 0xc0, 0x1e, 0xf4, 0x14, 0x23, 0x20};
 const std::vector<uint8_t> kPps = {0x68, 0xce, 0x3c, 0x80};
-const std::vector<uint8_t> kIdr = {0x65, 0x88, 0x84, 0x00};    // first_mb_in_slice 0
-const std::vector<uint8_t> kP = {0x41, 0x9a, 0x02, 0x03};      // first_mb_in_slice 0
-const std::vector<uint8_t> kPart = {0x41, 0x02, 0x9a, 0x00};   // first_mb_in_slice 7
-// first_mb_in_slice whose Exp-Golomb code runs across an emulation-prevention byte.
-const std::vector<uint8_t> kPartEscaped = {0x41, 0x00, 0x00, 0x03, 0x01, 0xff};
+const std::vector<uint8_t> kIdr = {0x65, 0x88, 0x84, 0x00};   // first_mb_in_slice 0
+const std::vector<uint8_t> kP = {0x41, 0x9a, 0x02, 0x03};     // first_mb_in_slice 0, POC lsb 1
+const std::vector<uint8_t> kPart = {0x41, 0x10, 0x68, 0x0c};  // first_mb_in_slice 7, POC lsb 1
+// A later slice of the same picture whose first_mb_in_slice runs across an
+// emulation-prevention byte.
+const std::vector<uint8_t> kPartEscaped = {0x41, 0x00, 0x00, 0x03, 0x01, 0xff, 0xff, 0xfe, 0x68, 0x0c};
+const std::vector<uint8_t> kNoPps = {0x41, 0x99, 0x01, 0x40};  // pic_parameter_set_id 1
+// Main profile, 160x120, order count lsb of 8 bits; its picture parameter set.
+const std::vector<uint8_t> kHevcSps = {0x42, 0x01, 0x01, 0x01, 0x60, 0x00, 0x00, 0x00, 0x90, 0x00, 0x00,
+                                       0x00, 0x00, 0x00, 0x5d, 0xa0, 0x14, 0x20, 0x79, 0x65, 0x95, 0xe0};
+const std::vector<uint8_t> kHevcPps = {0x44, 0x01, 0xc1};
 
 struct WalkCase {
   const char* name;
@@ -59,6 +66,8 @@ TEST(AccessUnitWalk, EndsWhereTheNextPictureStarts) {
       {"slices of one picture", VideoCodec::H264, 4, {kP, kPart, kPartEscaped, kP}, 3, false},
       {"SEI after a slice starts the next", VideoCodec::H264, 4, {kP, kSei, kP}, 1, false},
       {"a slice of another type is not the picture's", VideoCodec::H264, 4, {kIdr, kPart}, 1, true},
+      {"a picture starts at its first slice", VideoCodec::H264, 4, {kPart, kP}, 0, false},
+      {"a slice of a missing picture parameter set", VideoCodec::H264, 4, {kNoPps}, 0, false},
       {"no slice: nothing", VideoCodec::H264, 4, {kAud, kSps, kPps}, 0, false},
       {"forbidden bit", VideoCodec::H264, 4, {{0xe5, 0x88}}, 0, false},
       {"IDR of reference 0", VideoCodec::H264, 4, {{0x05, 0x88}}, 0, false},
@@ -66,21 +75,30 @@ TEST(AccessUnitWalk, EndsWhereTheNextPictureStarts) {
       {"next picture cut off", VideoCodec::H264, 4, {kIdr, kP}, 1, true, 1},
       {"own slice cut off", VideoCodec::H264, 4, {kP, kPart}, 1, false, 1, true},
       {"HEVC IRAP", VideoCodec::Hevc, 4, {hevcVps, hevcIdr, hevcSecond, hevcTrail}, 3, true},
+      {"HEVC segment of another type", VideoCodec::Hevc, 4, {hevcIdr, {0x02, 0x01, 0x40, 0x00}}, 1, true},
+      {"HEVC later segment first", VideoCodec::Hevc, 4, {hevcSecond, hevcTrail}, 0, false},
       {"HEVC layer 1", VideoCodec::Hevc, 4, {{0x02, 0x09, 0xd0}}, 0, false},
   };
   for (const WalkCase& c : cases) {
     SCOPED_TRACE(c.name);
-    NalFormat format;
-    format.codec = c.codec;
-    format.lengthSize = c.lengthSize;
+    const bool avc = c.codec == VideoCodec::H264;
+    Result<NalFormat> format = recovery::nalFormat(
+        c.codec, c.lengthSize, units(c.lengthSize, {avc ? kSps : kHevcSps, avc ? kPps : kHevcPps}));
+    ASSERT_TRUE(format.ok()) << format.message();
     std::vector<uint8_t> bytes = units(c.lengthSize, c.nals);
     bytes.resize(bytes.size() - c.cut);
-    const AccessUnit unit = recovery::findAccessUnit(format, bytes.data(), bytes.size());
+    const AccessUnit unit = recovery::findAccessUnit(*format, bytes.data(), bytes.size());
     std::vector<std::vector<uint8_t>> first(c.nals.begin(), c.nals.begin() + c.unitNals);
     EXPECT_EQ(unit.length, units(c.lengthSize, first).size());
     EXPECT_EQ(unit.key, c.key);
     EXPECT_EQ(unit.cutShort, c.cutShort);
   }
+}
+
+TEST(AccessUnitWalk, FormatNeedsBothParameterSets) {
+  EXPECT_FALSE(recovery::nalFormat(VideoCodec::H264, 4, units(4, {kSps})).ok());
+  EXPECT_FALSE(recovery::nalFormat(VideoCodec::Hevc, 4, units(4, {kHevcPps})).ok());
+  EXPECT_FALSE(recovery::nalFormat(VideoCodec::H264, 4, units(4, {{0x67, 0x42}, kPps})).ok());
 }
 
 // --- Real files ---

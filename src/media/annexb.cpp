@@ -236,20 +236,6 @@ Status AnnexBReader::State::avcNal(const uint8_t* data, size_t size, uint64_t of
   return append(data, size, offset);
 }
 
-namespace {
-
-// Whether a slice belongs to another picture than the slice before it.
-bool newAvcPicture(const AvcSlice& a, const AvcSlice& b) {
-  return b.firstMb == 0 || a.frameNum != b.frameNum || a.ppsId != b.ppsId ||
-         a.fieldPic != b.fieldPic || a.bottomField != b.bottomField ||
-         (a.refIdc == 0) != (b.refIdc == 0) || (a.nalType == 5) != (b.nalType == 5) ||
-         (a.nalType == 5 && a.idrPicId != b.idrPicId) || a.pocLsb != b.pocLsb ||
-         a.deltaPocBottom != b.deltaPocBottom || a.deltaPoc[0] != b.deltaPoc[0] ||
-         a.deltaPoc[1] != b.deltaPoc[1];
-}
-
-}  // namespace
-
 Status AnnexBReader::State::avcPicture(const AvcSlice& slice, const AvcSps& sequence) {
   const bool starts = !unitHasPicture || newAvcPicture(lastSlice, slice);
   lastSlice = slice;

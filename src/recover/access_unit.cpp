@@ -4,87 +4,12 @@ namespace mp4stbl::recovery {
 
 namespace {
 
-// The bits of a NAL unit's payload with its emulation-prevention bytes
-// (00 00 03) taken out, read from the front; past the end read as 1s, so
-// that an Exp-Golomb code never reads without bound.
-class PayloadBits {
- public:
-  PayloadBits(const uint8_t* data, size_t size) : data_(data), size_(size) {}
-
-  unsigned bit() {
-    if (bitsLeft_ == 0 && !load()) return 1;
-    --bitsLeft_;
-    return (current_ >> bitsLeft_) & 1u;
-  }
-
-  // ue(v); 32 and more leading zeros are no code a slice header uses.
-  uint32_t unsignedGolomb() {
-    unsigned zeros = 0;
-    while (bit() == 0) {
-      if (++zeros == 32) return UINT32_MAX;
-    }
-    uint32_t value = 0;
-    for (unsigned i = 0; i < zeros; ++i) value = (value << 1) | bit();
-    return (1u << zeros) - 1 + value;
-  }
-
- private:
-  bool load() {
-    if (at_ >= size_) return false;
-    if (zeros_ >= 2 && data_[at_] == 3) {
-      zeros_ = 0;
-      if (++at_ >= size_) return false;
-    }
-    current_ = data_[at_++];
-    zeros_ = current_ == 0 ? zeros_ + 1 : 0;
-    bitsLeft_ = 8;
-    return true;
-  }
-
-  const uint8_t* data_;
-  size_t size_;
-  size_t at_ = 0;
-  unsigned zeros_ = 0;
-  unsigned current_ = 0;
-  unsigned bitsLeft_ = 0;
-};
-
 enum class Role { Other, Slice, StartsUnit };
 
-struct Nal {
-  Role role = Role::Other;
-  bool firstOfPicture = false;  // a slice that starts its picture
-  bool key = false;
-};
-
-Nal h264Nal(const uint8_t* nal, size_t size) {
-  const unsigned type = nal[0] & 0x1f;
-  Nal out;
-  if (type == 1 || type == 2 || type == 5) {
-    out.role = Role::Slice;
-    PayloadBits bits(nal + 1, size - 1);
-    out.firstOfPicture = size > 1 && bits.unsignedGolomb() == 0;  // first_mb_in_slice
-    out.key = type == 5;
-  } else if (type == 3 || type == 4) {
-    out.role = Role::Slice;  // data partitions B and C: no slice header of their own
-  } else if ((type >= 6 && type <= 9) || (type >= 13 && type <= 18)) {
-    out.role = Role::StartsUnit;
-  }
-  return out;
-}
-
-Nal hevcNal(const uint8_t* nal, size_t size) {
-  const unsigned type = (nal[0] >> 1) & 0x3f;
-  Nal out;
-  if (type <= 31) {
-    out.role = Role::Slice;
-    out.firstOfPicture = size > 2 && (nal[2] & 0x80) != 0;  // first_slice_segment_in_pic_flag
-    out.key = type >= 16 && type <= 23;
-  } else if ((type >= 32 && type <= 35) || type == 39 || (type >= 41 && type <= 44) ||
-             (type >= 48 && type <= 55)) {
-    out.role = Role::StartsUnit;
-  }
-  return out;
+bool avcStartsUnit(unsigned type) { return (type >= 6 && type <= 9) || (type >= 13 && type <= 18); }
+bool hevcStartsUnit(unsigned type) {
+  return (type >= 32 && type <= 35) || type == 39 || (type >= 41 && type <= 44) ||
+         (type >= 48 && type <= 55);
 }
 
 bool plausibleH264(uint8_t header) {
@@ -116,7 +41,119 @@ uint64_t lengthAt(const uint8_t* data, unsigned size) {
   return length;
 }
 
+// The NAL units of one access unit, fed in stream order.
+class Walk {
+ public:
+  explicit Walk(const NalFormat& format) : format_(format) {}
+
+  enum class Verdict { Take, Ends, Invalid };
+
+  // What the NAL unit (`size` bytes of it present) does to the unit.
+  Verdict nal(const uint8_t* nal, size_t size) {
+    if (format_.codec == VideoCodec::H264) {
+      const unsigned type = nal[0] & 0x1f;
+      // Data partitions B and C carry no slice header; they follow partition A.
+      if (type == 3 || type == 4) return sawSlice_ ? Verdict::Take : Verdict::Invalid;
+      if (type == 1 || type == 2 || type == 5) {
+        const AvcSps* sps = nullptr;
+        Result<AvcSlice> header = parseAvcSlice(nal, size, format_.avcSps, format_.avcPps, &sps);
+        if (!header.ok()) return Verdict::Invalid;
+        const bool starts =
+            sawSlice_ ? newAvcPicture(unit_.avcSlice, *header) : header->firstMb == 0;
+        if (!sawSlice_) {
+          unit_.avcSlice = *header;
+          unit_.avcSps = sps;
+        }
+        return slice(type | ((nal[0] & 0x60) != 0) << 5, starts, type == 5);
+      }
+      return other(avcStartsUnit(type));
+    }
+    const unsigned type = (nal[0] >> 1) & 0x3f;
+    if (type <= 31) {
+      const HevcSps* sps = nullptr;
+      Result<HevcSlice> header = parseHevcSlice(nal, size, format_.hevcSps, format_.hevcPps, &sps);
+      if (!header.ok()) return Verdict::Invalid;
+      if (!sawSlice_) {
+        unit_.hevcSlice = *header;
+        unit_.hevcSps = sps;
+      }
+      return slice(type, header->firstInPicture, type >= 16 && type <= 23);
+    }
+    return other(hevcStartsUnit(type));
+  }
+
+  bool sawSlice() const { return sawSlice_; }
+  AccessUnit& unit() { return unit_; }
+
+ private:
+  // The slices of one picture share their NAL unit type (and, in H.264,
+  // whether the picture is a reference); a picture's first slice starts
+  // the unit, or ends it once it holds one.
+  Verdict slice(unsigned sort, bool firstOfPicture, bool key) {
+    if (sawSlice_ && (firstOfPicture || sort != sort_)) return Verdict::Ends;
+    if (!sawSlice_ && !firstOfPicture) return Verdict::Invalid;
+    sort_ = sort;
+    sawSlice_ = true;
+    unit_.key = unit_.key || key;
+    return Verdict::Take;
+  }
+
+  Verdict other(bool startsUnit) {
+    return sawSlice_ && startsUnit ? Verdict::Ends : Verdict::Take;
+  }
+
+  const NalFormat& format_;
+  AccessUnit unit_;
+  bool sawSlice_ = false;
+  unsigned sort_ = 0;
+};
+
+// The NAL units behind `lengthSize`-byte lengths in `bytes`, each given to `take`.
+template <class Take>
+void eachNal(const std::vector<uint8_t>& bytes, unsigned lengthSize, Take take) {
+  size_t at = 0;
+  while (bytes.size() - at > lengthSize) {
+    const uint64_t length = lengthAt(bytes.data() + at, lengthSize);
+    at += lengthSize;
+    if (length == 0 || length > bytes.size() - at) return;
+    take(Bytes(bytes.begin() + static_cast<std::ptrdiff_t>(at),
+               bytes.begin() + static_cast<std::ptrdiff_t>(at + length)));
+    at += length;
+  }
+}
+
+template <class Set>
+Status keep(Result<Set> parsed, std::vector<Set>& sets) {
+  if (parsed.ok()) sets.push_back(*parsed);
+  return parsed.status();
+}
+
 }  // namespace
+
+Result<NalFormat> nalFormat(VideoCodec codec, unsigned lengthSize, const std::vector<uint8_t>& sets) {
+  NalFormat format;
+  format.codec = codec;
+  format.lengthSize = lengthSize;
+  Status failed;
+  eachNal(sets, lengthSize, [&](const Bytes& nal) {
+    if (!failed.ok()) return;
+    if (codec == VideoCodec::H264) {
+      const unsigned type = nal[0] & 0x1f;
+      if (type == 7) failed = keep(parseAvcSps(nal), format.avcSps);
+      if (type == 8) failed = keep(parseAvcPps(nal), format.avcPps);
+      return;
+    }
+    const unsigned type = (nal[0] >> 1) & 0x3f;
+    if (type == 33) failed = keep(parseHevcSps(nal), format.hevcSps);
+    if (type == 34) failed = keep(parseHevcPps(nal), format.hevcPps);
+  });
+  if (!failed.ok()) return failed;
+  const bool complete = codec == VideoCodec::H264
+                            ? !format.avcSps.empty() && !format.avcPps.empty()
+                            : !format.hevcSps.empty() && !format.hevcPps.empty();
+  if (!complete) return Status::failure("its decoder configuration holds no parameter sets");
+  return format;
+}
 
 bool plausibleNalHeader(const NalFormat& format, const uint8_t* header, size_t available) {
   if (format.codec == VideoCodec::H264) return available >= 1 && plausibleH264(header[0]);
@@ -125,10 +162,8 @@ bool plausibleNalHeader(const NalFormat& format, const uint8_t* header, size_t a
 
 AccessUnit findAccessUnit(const NalFormat& format, const uint8_t* data, size_t available) {
   const unsigned headerSize = format.codec == VideoCodec::H264 ? 1 : 2;
-  AccessUnit unit;
-  bool sawSlice = false;
-  unsigned sliceSort = 0;
-  bool key = false;
+  Walk walk(format);
+  bool cutShort = false;
   uint64_t at = 0;
   while (available - at >= format.lengthSize) {
     const uint64_t length = lengthAt(data + at, format.lengthSize);
@@ -141,30 +176,22 @@ AccessUnit findAccessUnit(const NalFormat& format, const uint8_t* data, size_t a
     // A NAL unit cut off by the end of the data still shows by its header
     // whether it starts the next picture.
     const auto size = static_cast<size_t>(length < left ? length : left);
-    const Nal kind = format.codec == VideoCodec::H264 ? h264Nal(nal, size) : hevcNal(nal, size);
-    if (sawSlice && (kind.role == Role::StartsUnit ||
-                     (kind.role == Role::Slice && kind.firstOfPicture))) {
-      break;
-    }
+    const Walk::Verdict verdict = walk.nal(nal, size);
+    if (verdict == Walk::Verdict::Ends) break;
     if (length > left) {
-      unit.cutShort = true;
+      cutShort = true;
       break;
     }
-    if (kind.role == Role::Slice) {
-      // The slices of one picture share their NAL unit type (and, in
-      // H.264, whether the picture is a reference).
-      const unsigned sort = format.codec == VideoCodec::H264 ? (nal[0] & 0x1f) | ((nal[0] & 0x60) != 0) << 5
-                                                             : nal[0] >> 1;
-      if (sawSlice && sort != sliceSort) break;
-      sliceSort = sort;
-      sawSlice = true;
-      key = key || kind.key;
-    }
+    if (verdict == Walk::Verdict::Invalid) break;
     at += format.lengthSize + length;
   }
-  if (!sawSlice) return AccessUnit{0, false, unit.cutShort};
+  AccessUnit unit = walk.unit();
+  unit.cutShort = cutShort;
+  if (!walk.sawSlice()) {
+    unit.key = false;
+    return unit;
+  }
   unit.length = at;
-  unit.key = key;
   return unit;
 }
 

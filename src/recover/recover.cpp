@@ -9,6 +9,7 @@
 #include "box/file_stream.h"
 #include "box/movie_boxes.h"
 #include "edit/output.h"
+#include "edit/timeline.h"
 #include "recover/scan.h"
 #include "recover/tables.h"
 
@@ -272,8 +273,11 @@ Result<TrackModel> modelOf(const Track& track, const RecoverOptions& options) {
     if (lengthSize != 1 && lengthSize != 2 && lengthSize != 4) {
       return track.fail("is not H.264 or HEVC with NAL unit lengths: its frames cannot be found");
     }
-    model.nal.codec = avc != nullptr ? recovery::VideoCodec::H264 : recovery::VideoCodec::Hevc;
-    model.nal.lengthSize = lengthSize;
+    const auto codec = avc != nullptr ? recovery::VideoCodec::H264 : recovery::VideoCodec::Hevc;
+    Result<recovery::NalFormat> format =
+        recovery::nalFormat(codec, lengthSize, edit::parameterSets(&entry));
+    if (!format.ok()) return track.fail(format.message() + ": its slice headers cannot be read");
+    model.nal = std::move(*format);
     model.nal.maxNalLength =
         std::clamp<uint64_t>(uint64_t{chunking->largest} * 4, 64u << 10, 8u << 20);
     return model;

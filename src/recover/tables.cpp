@@ -4,24 +4,13 @@
 
 namespace mp4stbl::recovery {
 
-namespace {
-
-template <class Box>
-std::unique_ptr<Box> table(const char* type) {
-  AtomHeader header;
-  header.type = type;
-  return std::make_unique<Box>(header);
-}
-
-}  // namespace
-
 TrackTables::TrackTables(uint32_t constantSize)
     : constantSize_(constantSize),
-      stts_(table<SttsAtom>("stts")),
-      stsc_(table<StscAtom>("stsc")),
-      stsz_(table<StszAtom>("stsz")),
-      stss_(table<StssAtom>("stss")),
-      ctts_(table<CttsAtom>("ctts")) {}
+      stts_(edit::newBox<SttsAtom>("stts")),
+      stsc_(edit::newBox<StscAtom>("stsc")),
+      stsz_(edit::newBox<StszAtom>("stsz")),
+      stss_(edit::newBox<StssAtom>("stss")),
+      ctts_(edit::newBox<CttsAtom>("ctts")) {}
 
 void TrackTables::add(const FoundSample& sample, uint32_t count) {
   const uint32_t first = samples_ + 1;
