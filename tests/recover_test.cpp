@@ -285,10 +285,13 @@ TEST(RecoverCorpus, FragmentedFileFromItsOwnFragments) {
 TEST(RecoverCorpus, InterruptedRecordingFromItsOwnFragments) {
   if (!haveFfmpeg()) GTEST_SKIP() << "needs ffmpeg";
   ScratchDir dir("recover_recorder");
-  const std::string source = dir / "source.mp4";
+  const std::string source = dir / "source.mov";
   ASSERT_EQ(run("ffmpeg -v error -y -f lavfi -i testsrc=size=160x120:rate=25:duration=5 "
-                "-c:v libx264 -bf 0 -g 25 -pix_fmt yuv420p -f lavfi -i sine=duration=5 -c:a pcm_alaw -ar 8000 '" +
-                source + "'").status, 0);
+                "-f lavfi -i sine=duration=5 -c:v libx264 -bf 0 -g 25 -pix_fmt yuv420p "
+                "-c:a pcm_alaw -ar 8000 '" +
+                source + "'")
+                .status,
+            0);
   Mp4File file;
   ASSERT_TRUE(file.open(source).ok());
   FoundTracks found = findTracks(file);
