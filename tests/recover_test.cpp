@@ -8,6 +8,7 @@
 
 #include "record/recorder.h"
 #include "recover/access_unit.h"
+#include "recover/presentation.h"
 #include "recover/recover.h"
 #include "support/test.h"
 
@@ -101,6 +102,36 @@ TEST(AccessUnitWalk, FormatNeedsBothParameterSets) {
   EXPECT_FALSE(recovery::nalFormat(VideoCodec::H264, 4, units(4, {{0x67, 0x42}, kPps})).ok());
 }
 
+// Pictures in decode order: I0 P6 B2 B4 P12 B8 B10 (order counts two
+// apart, as x264 numbers frames), then a second IDR and its own pictures.
+TEST(PictureTimes, OrderCountsPlacedAsTheReferenceShowsThem) {
+  using recovery::PictureCount;
+  const std::vector<PictureCount> gop = {{0, true}, {6, false}, {2, false}, {4, false},
+                                         {12, false}, {8, false}, {10, false}};
+  struct Case {
+    const char* name;
+    std::vector<PictureCount> pictures;
+    std::vector<int64_t> offsets;  // ctts, 512 a frame, the first shown at 1024
+  };
+  std::vector<PictureCount> twoIdrs = gop;
+  twoIdrs.insert(twoIdrs.end(), {{0, true}, {4, false}, {2, false}});
+  const std::vector<Case> cases = {
+      {"one sequence", gop, {1024, 2048, 512, 512, 2048, 512, 512}},
+      // The B-frames before P12 were cut off: P12 keeps its own time.
+      {"frames missing at the end", {gop.begin(), gop.begin() + 5}, {1024, 2048, 512, 512, 2048}},
+      {"a new sequence follows all before it", twoIdrs,
+       {1024, 2048, 512, 512, 2048, 512, 512, 1024, 1536, 512}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Result<std::vector<int64_t>> offsets = recovery::compositionOffsets(c.pictures, {2, 1024, 512});
+    ASSERT_TRUE(offsets.ok()) << offsets.message();
+    EXPECT_EQ(*offsets, c.offsets);
+  }
+  // An order count between two places is no picture of this stream.
+  EXPECT_FALSE(recovery::compositionOffsets({{0, true}, {3, false}}, {2, 1024, 512}).ok());
+}
+
 // --- Real files ---
 
 struct Outcome {
@@ -132,6 +163,7 @@ std::string bytesOfFile(const std::string& path) {
 struct Sample {
   std::string bytes;
   uint64_t decodeTime;
+  int64_t compositionOffset;
   bool sync;
 };
 
@@ -146,14 +178,15 @@ std::vector<std::vector<Sample>> samplesOf(const std::string& path, uint64_t who
     for (auto next = walk.next(); next.ok() && *next != nullptr; next = walk.next()) {
       const SampleInfo& s = **next;
       if (s.offset + s.size > wholeBefore) break;
-      samples.push_back({data.substr(s.offset, s.size), s.decodeTime, s.sync});
+      samples.push_back({data.substr(s.offset, s.size), s.decodeTime, s.compositionOffset, s.sync});
     }
   }
   return tracks;
 }
 
 // The share of the samples whole in the first `cut` bytes of `original`
-// that `recovered` holds the same: bytes, size, decode time and key flag.
+// that `recovered` holds the same: bytes, size, decode time, composition
+// offset and key flag.
 double recoveredShare(const std::string& original, uint64_t cut, const std::string& recovered) {
   const auto want = samplesOf(original, cut);
   const auto got = samplesOf(recovered);
@@ -167,7 +200,8 @@ double recoveredShare(const std::string& original, uint64_t cut, const std::stri
     for (size_t i = 0; i < std::min(want[t].size(), got[t].size()); ++i) {
       const Sample& a = want[t][i];
       const Sample& b = got[t][i];
-      same += a.bytes == b.bytes && a.decodeTime == b.decodeTime && a.sync == b.sync;
+      same += a.bytes == b.bytes && a.decodeTime == b.decodeTime &&
+              a.compositionOffset == b.compositionOffset && a.sync == b.sync;
     }
   }
   return whole == 0 ? 0 : static_cast<double>(same) / whole;
@@ -188,19 +222,54 @@ uint64_t moovOffset(const std::string& path) {
 
 const std::string kCli = MP4STBL_CLI;
 
+// The video frames ffmpeg decodes from a file, each as its presentation
+// time and the checksum of its picture.
+std::vector<std::string> decodedFrames(const std::string& path) {
+  std::istringstream lines(run("ffmpeg -v error -i '" + path + "' -map 0:v -f framemd5 -").out);
+  std::vector<std::string> frames;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    std::vector<std::string> fields;
+    std::istringstream split(line);
+    for (std::string field; std::getline(split, field, ',');) fields.push_back(field);
+    if (fields.size() == 6) frames.push_back(fields[2] + fields[5]);
+  }
+  return frames;
+}
+
+// Frames of `recovered` that `original` does not show at the same time
+// with the same picture; and each recovered video sample must show.
+void expectFramesOf(const std::string& original, const std::string& recovered) {
+  const std::vector<std::string> want = decodedFrames(original);
+  const std::vector<std::string> got = decodedFrames(recovered);
+  EXPECT_EQ(got.size(), samplesOf(recovered).front().size());
+  size_t strangers = 0;
+  for (const std::string& frame : got) strangers += std::find(want.begin(), want.end(), frame) == want.end();
+  EXPECT_EQ(strangers, 0u);
+}
+
 struct Setting {
   const char* name;
   const char* extension;
+  const char* video;  // ffmpeg's video source and options
   const char* audio;  // ffmpeg's audio options
 };
 
 TEST(RecoverCorpus, CutFilesRecoveredWithAnotherFileAsReference) {
   if (!haveFfmpeg()) GTEST_SKIP() << "needs ffmpeg";
   ScratchDir dir("recover_corpus");
+  const char* const plain = "testsrc=size=160x120:rate=25 -c:v libx264 -bf 0 -g 25";
+  // Enough motion for B-frames, and frames reordered three deep.
+  const char* const reordered =
+      "testsrc2=size=160x120:rate=25 -c:v libx264 -bf 3 -x264-params b-adapt=0 -g 25";
   const std::vector<Setting> settings = {
-      {"aac", "mp4", "-c:a aac -b:a 64k"},
-      {"pcm", "mov", "-c:a pcm_s16le"},
-      {"alaw", "mov", "-c:a pcm_alaw -ar 8000"},
+      {"aac", "mp4", plain, "-c:a aac -b:a 64k"},
+      {"pcm", "mov", plain, "-c:a pcm_s16le"},
+      {"alaw", "mov", plain, "-c:a pcm_alaw -ar 8000"},
+      {"b-frames", "mp4", reordered, "-c:a aac -b:a 64k"},
+      {"hevc b-frames", "mp4",
+       "testsrc2=size=160x120:rate=25 -c:v libx265 -x265-params log-level=error:keyint=25",
+       "-c:a aac -b:a 64k"},
   };
   for (const Setting& setting : settings) {
     SCOPED_TRACE(setting.name);
@@ -208,10 +277,11 @@ TEST(RecoverCorpus, CutFilesRecoveredWithAnotherFileAsReference) {
     for (int take = 0; take < 2; ++take) {
       made[take] = dir / (std::string(setting.name) + std::to_string(take) + "." + setting.extension);
       const std::string seconds = take == 0 ? "6" : "3";
-      ASSERT_EQ(run("ffmpeg -v error -y -f lavfi -i testsrc=size=160x120:rate=25:duration=" + seconds +
-                    " -f lavfi -i sine=frequency=440:duration=" + seconds +
-                    " -c:v libx264 -bf 0 -g 25 -pix_fmt yuv420p " + setting.audio + " '" +
-                    made[take] + "'").status, 0);
+      std::string video = setting.video;
+      video.insert(video.find(' '), ":duration=" + seconds);
+      ASSERT_EQ(run("ffmpeg -v error -y -f lavfi -i sine=frequency=440:duration=" + seconds +
+                    " -f lavfi -i " + video + " -pix_fmt yuv420p " + setting.audio +
+                    " -map 1:v -map 0:a '" + made[take] + "'").status, 0);
     }
     const uint64_t media = moovOffset(made[0]);
     uint64_t midFrame = 0;  // halfway through a video frame in the middle of the media
@@ -240,6 +310,7 @@ TEST(RecoverCorpus, CutFilesRecoveredWithAnotherFileAsReference) {
       EXPECT_GE(recoveredShare(made[0], cut, out), 0.99);
       EXPECT_EQ(run("ffmpeg -v error -i '" + out + "' -f null -").out, "");
       EXPECT_NE(run(kCli + " verify '" + out + "'").out.find("identical"), std::string::npos);
+      expectFramesOf(made[0], out);
     }
     // Zeros after the last whole sample, as a file system leaves blocks it
     // allocated and never wrote: audio runs on no more than a second past the video.

@@ -10,6 +10,7 @@
 #include "box/movie_boxes.h"
 #include "edit/output.h"
 #include "edit/timeline.h"
+#include "recover/presentation.h"
 #include "recover/scan.h"
 #include "recover/tables.h"
 
@@ -27,8 +28,8 @@ const char* const kNeedsReference =
     "same settings";
 
 // The edit list of a recovered track: the empty edits that lead, then the
-// media from where the first other edit starts to the end of the samples.
-std::vector<edit::EditSegment> editsOf(const ElstAtom* elst, uint64_t mediaDuration,
+// media from where the first other edit starts to where the last sample shown ends.
+std::vector<edit::EditSegment> editsOf(const ElstAtom* elst, uint64_t presentationEnd,
                                        uint32_t timescale, uint32_t movieTimescale) {
   std::vector<edit::EditSegment> edits;
   if (elst == nullptr) return edits;
@@ -38,7 +39,7 @@ std::vector<edit::EditSegment> editsOf(const ElstAtom* elst, uint64_t mediaDurat
       continue;
     }
     const auto from = static_cast<uint64_t>(entry.mediaTime);
-    const uint64_t left = mediaDuration > from ? mediaDuration - from : 0;
+    const uint64_t left = presentationEnd > from ? presentationEnd - from : 0;
     edits.push_back({rescale(left, timescale, movieTimescale), entry.mediaTime});
     break;
   }
@@ -105,7 +106,8 @@ Result<RecoverReport> fromOwnTables(Mp4File& file, std::vector<Track>& tracks,
     NewTrack& next = made.emplace_back();
     next.trak = traks[t];
     next.timescale = track.timescale();
-    next.edits = editsOf(track.elst(), tables.duration(), track.timescale(), track.movieTimescale());
+    next.edits =
+        editsOf(track.elst(), tables.presentationEnd(), track.timescale(), track.movieTimescale());
     tables.finish(next, layout);
   }
   if (std::all_of(made.begin(), made.end(), [](const NewTrack& n) { return n.sampleCount == 0; })) {
@@ -312,6 +314,19 @@ Result<TrackModel> modelOf(const Track& track, const RecoverOptions& options) {
   return track.fail("has samples of varying size in a coding whose frames cannot be found");
 }
 
+// Composition offsets for the frames of a reference that reorders them
+// (B-frames): their order counts placed as the reference shows its own.
+Status showInOrder(const Track& track, IOStream& reference, const TrackModel& model,
+                   const std::vector<recovery::PictureCount>& pictures, TrackTables& tables) {
+  Result<recovery::Presentation> presentation =
+      recovery::presentationOf(track, reference, model.nal, model.sampleDuration);
+  if (!presentation.ok()) return presentation.status();
+  Result<std::vector<int64_t>> offsets = recovery::compositionOffsets(pictures, *presentation);
+  if (!offsets.ok()) return track.fail(offsets.message());
+  tables.setCompositionOffsets(*offsets);
+  return Status();
+}
+
 Result<RecoverReport> recoverWithReference(const std::string& broken, const std::string& output,
                                            const RecoverOptions& options) {
   Mp4File reference;
@@ -375,14 +390,17 @@ Result<RecoverReport> recoverWithReference(const std::string& broken, const std:
     NewTrack& next = made.emplace_back();
     next.trak = source->traks[kept[m]];
     next.timescale = track.timescale();
+    const bool reorders = track.ctts() != nullptr && models[m].kind == TrackModel::Kind::Video;
+    Status shown = reorders ? showInOrder(track, *reference.stream(), models[m], scan.pictures[m],
+                                          scan.tables[m])
+                            : Status();
     // Without composition offsets the B-frame delay that the edit list hides is not there.
-    if (track.ctts() == nullptr || models[m].kind != TrackModel::Kind::Video) {
-      next.edits = editsOf(track.elst(), scan.tables[m].duration(), track.timescale(),
+    if (shown.ok()) {
+      next.edits = editsOf(track.elst(), scan.tables[m].presentationEnd(), track.timescale(),
                            source->movieTimescale);
     } else {
-      report.notes.push_back(track.fail("the reference reorders frames (B-frames) and their "
-                                        "composition offsets are not rebuilt: frames show in "
-                                        "decode order").message());
+      report.notes.push_back(shown.message() + ": composition offsets are not rebuilt, frames "
+                                               "show in decode order");
     }
     scan.tables[m].finish(next, layout);
   }
