@@ -91,15 +91,4 @@ void OutputOrder::outputOne(std::vector<uint64_t>& output) {
   waiting_.erase(first);
 }
 
-std::vector<uint64_t> presentationOrder(const std::vector<int64_t>& pocs,
-                                        const std::vector<bool>& newSequence, uint32_t delay) {
-  OutputOrder order;
-  std::vector<uint64_t> output;
-  for (size_t i = 0; i < pocs.size(); ++i) order.decode(pocs[i], newSequence[i], delay, output);
-  order.flush(output);
-  std::vector<uint64_t> presentation(pocs.size());
-  for (size_t shown = 0; shown < output.size(); ++shown) presentation[output[shown]] = shown;
-  return presentation;
-}
-
 }  // namespace mp4stbl

@@ -56,10 +56,4 @@ class OutputOrder {
   uint64_t decoded_ = 0;
 };
 
-// The presentation index of each picture of a whole stream: `pocs` are
-// the order counts in decode order, `newSequence` whether each starts a
-// coded video sequence.
-std::vector<uint64_t> presentationOrder(const std::vector<int64_t>& pocs,
-                                        const std::vector<bool>& newSequence, uint32_t delay);
-
 }  // namespace mp4stbl

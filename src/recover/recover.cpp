@@ -188,7 +188,7 @@ const Config* configOf(const Atom& box) {
 }
 
 // The AudioSpecificConfig in an esds body: ES_Descriptor, then its
-// DecoderConfigDescriptor, then the DecoderSpecificInfo.
+// DecoderConfigDescriptor (of MPEG-4 audio), then the DecoderSpecificInfo.
 std::vector<uint8_t> specificConfig(const std::vector<unsigned char>& body) {
   size_t at = 4;  // version and flags
   auto descriptor = [&](uint8_t tag, size_t* length) {
@@ -209,11 +209,34 @@ std::vector<uint8_t> specificConfig(const std::vector<unsigned char>& body) {
   if ((flags & 0x80) != 0) at += 2;
   if ((flags & 0x40) != 0 && at < body.size()) at += 1 + body[at];
   if ((flags & 0x20) != 0) at += 2;
-  if (!descriptor(4, &length) || body.size() - at < 13) return {};
+  if (!descriptor(4, &length) || body.size() - at < 13 || body[at] != 0x40) return {};
   at += 13;
   if (!descriptor(5, &length) || body.size() - at < length) return {};
   return std::vector<uint8_t>(body.begin() + static_cast<std::ptrdiff_t>(at),
                               body.begin() + static_cast<std::ptrdiff_t>(at + length));
+}
+
+// The body of the esds box that a QuickTime sound entry holds in its wave
+// box (kept as opaque bytes); empty when there is none.
+std::vector<unsigned char> esdsInWave(const Atom& entry) {
+  for (const Atom* child : entry.children) {
+    const auto* wave = dynamic_cast<const UserDefAtom*>(child);
+    if (wave == nullptr || child->header.type != "wave") continue;
+    const std::vector<unsigned char>& body = wave->body;
+    size_t at = 0;
+    while (body.size() - at >= 8) {
+      const size_t size = (size_t{body[at]} << 24) | (size_t{body[at + 1]} << 16) |
+                          (size_t{body[at + 2]} << 8) | body[at + 3];
+      if (size < 8 || size > body.size() - at) break;
+      if (std::string(body.begin() + static_cast<std::ptrdiff_t>(at + 4),
+                      body.begin() + static_cast<std::ptrdiff_t>(at + 8)) == "esds") {
+        return std::vector<unsigned char>(body.begin() + static_cast<std::ptrdiff_t>(at + 8),
+                                          body.begin() + static_cast<std::ptrdiff_t>(at + size));
+      }
+      at += size;
+    }
+  }
+  return {};
 }
 
 // The duration most samples of the track have.
@@ -302,10 +325,11 @@ Result<TrackModel> modelOf(const Track& track, const RecoverOptions& options) {
     return model;
   }
   const auto* esds = configOf<EsdsAtom>(entry);
-  if (track.entryType() == "mp4a" && esds != nullptr && esds->parsed && esds->objectType == 0x40) {
+  const std::vector<unsigned char> esdsBody = esds != nullptr ? esds->body : esdsInWave(entry);
+  if (track.entryType() == "mp4a" && !esdsBody.empty()) {
     model.kind = TrackModel::Kind::Aac;
-    model.aacConfig = specificConfig(esds->body);
-    if (model.aacConfig.empty()) return track.fail("esds holds no AudioSpecificConfig");
+    model.aacConfig = specificConfig(esdsBody);
+    if (model.aacConfig.empty()) return track.fail("esds holds no AAC AudioSpecificConfig");
     if (!options.aacFrameLength) {
       return track.fail("AAC frames are found by decoding them, and no AAC decoder was given");
     }
@@ -325,6 +349,30 @@ Status showInOrder(const Track& track, IOStream& reference, const TrackModel& mo
   if (!offsets.ok()) return track.fail(offsets.message());
   tables.setCompositionOffsets(*offsets);
   return Status();
+}
+
+// The first key frame found of a video track decodes with the reference's
+// decoder configuration, when a decoder was given.
+Status keyFrameDecodes(const Track& track, const TrackModel& model, const TrackTables& tables,
+                       IOStream& media, const RecoverOptions& options) {
+  if (!options.keyFrameDecodes || model.kind != TrackModel::Kind::Video || tables.samples() == 0) {
+    return Status();
+  }
+  const Atom& entry = *track.stsd().children.front();
+  const auto* avc = configOf<AvcConfigAtom>(entry);
+  const auto* hevc = configOf<HevcConfigAtom>(entry);
+  const std::vector<unsigned char>& configuration = avc != nullptr ? avc->body : hevc->body;
+  std::vector<uint8_t> frame(tables.firstSize());
+  if (media.seek(static_cast<long long>(tables.firstOffset())) != 0 ||
+      media.read(frame.data(), static_cast<unsigned>(frame.size())) !=
+          static_cast<int>(frame.size())) {
+    return track.fail("its first key frame cannot be read");
+  }
+  if (options.keyFrameDecodes(avc == nullptr, configuration, frame.data(), frame.size())) {
+    return Status();
+  }
+  return track.fail("the reference's parameter sets do not decode its video (the key frame at "
+                    "offset " + std::to_string(tables.firstOffset()) + ")");
 }
 
 Result<RecoverReport> recoverWithReference(const std::string& broken, const std::string& output,
@@ -381,6 +429,14 @@ Result<RecoverReport> recoverWithReference(const std::string& broken, const std:
                                       scan.stop + ": is " + options.reference +
                                       " from the same device and settings?")
                                .message());
+  }
+  for (size_t m = 0; m < models.size(); ++m) {
+    Status decodes = keyFrameDecodes(source->tracks[kept[m]], models[m], scan.tables[m], media,
+                                     options);
+    if (!decodes.ok()) {
+      return Status::failure(broken + ": " + decodes.message() + ": is " +
+                             options.reference + " from the same device and settings?");
+    }
   }
   std::vector<NewTrack> made;
   edit::Layout layout;

@@ -63,6 +63,11 @@ void TrackTables::setCompositionOffsets(const std::vector<int64_t>& offsets) {
   }
 }
 
+uint32_t TrackTables::firstSize() const {
+  if (samples_ == 0) return 0;
+  return constantSize_ != 0 ? constantSize_ : stsz_->entries.front();
+}
+
 void TrackTables::closeChunk() {
   if (inChunk_ == 0) return;
   stsc_->addEntry(static_cast<uint32_t>(chunkOffsets_.size()), inChunk_, description_);

@@ -37,6 +37,9 @@ class TrackTables {
   // Gives the samples these composition offsets, one each, in place of
   // those they were added with.
   void setCompositionOffsets(const std::vector<int64_t>& offsets);
+  // Where the first sample is in the broken file, and its size.
+  uint64_t firstOffset() const { return chunkOffsets_.empty() ? 0 : chunkOffsets_.front(); }
+  uint32_t firstSize() const;
   // Where the last sample ends in the broken file.
   uint64_t end() const { return chunkEnd_; }
 
