@@ -17,8 +17,10 @@ ensure_packages() {
 }
 
 # The library needs only a compiler; the command parses its arguments with
-# CLI11 and writes JSON with nlohmann-json.
-BUILD_PACKAGES=(cmake ninja-build g++ libgtest-dev libcli11-dev nlohmann-json3-dev)
+# CLI11 and writes JSON with nlohmann-json; recover decodes AAC frames with
+# libavcodec to find their lengths.
+BUILD_PACKAGES=(cmake ninja-build g++ libgtest-dev libcli11-dev nlohmann-json3-dev pkg-config
+  libavcodec-dev)
 # The 32-bit build (preset m32).
 M32_PACKAGES=(g++-multilib googletest)
 # The tests encode real MP4 and QuickTime files with ffmpeg and GStreamer's

@@ -36,6 +36,7 @@ struct Options {
   bool moovLast = false;
   std::vector<std::string> inputs;
   std::string list;  // join: a file naming more clips
+  std::string reference;  // recover: a healthy file from the same device
   // record: its inputs (paths, "-" for stdin) and how it lays out the file
   std::string video;
   std::string audio;
@@ -87,6 +88,7 @@ int trim(const Options& options);
 int join(const Options& options);
 int remux(const Options& options);
 int record(const Options& options);
+int recover(const Options& options);
 
 // Frames a second as N or N/D, at most 1000: whether `text` is one.
 bool parseFrameRate(const std::string& text, uint32_t* num, uint32_t* den);

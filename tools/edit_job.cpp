@@ -51,6 +51,8 @@ class Progress {
   bool shown_ = false;
 };
 
+}  // namespace
+
 // The file a message of the editor is about, and the message without its
 // name. The editor starts a message with the path of the input or output it
 // is about, followed by ": " or a space; one that names none is about the
@@ -74,8 +76,6 @@ std::pair<std::string, std::string> namedFile(const Options& options, const std:
   const bool aboutOutput = options.file.empty() || message.rfind("the new file", 0) == 0;
   return {aboutOutput ? options.output : options.file, message};
 }
-
-}  // namespace
 
 int runEdit(const Options& options, EditJob edit, bool window) {
   const auto previous = std::signal(SIGINT, &onInterrupt);

@@ -1,6 +1,9 @@
 // The running of trim and join: progress, interrupt and the outcome.
 #pragma once
 
+#include <string>
+#include <utility>
+
 #include "command.h"
 #include "edit/editor.h"
 
@@ -12,5 +15,10 @@ using EditJob = Result<EditReport> (*)(const Options&, const EditOptions&);
 // outcome as the other commands do (with `window`, where the new file
 // starts and ends in the source) and returns the exit status.
 int runEdit(const Options& options, EditJob edit, bool window = false);
+
+// The input or output a message of the editor is about (the longest path of
+// options.inputs, file and output that starts it), and the message without
+// that name.
+std::pair<std::string, std::string> namedFile(const Options& options, const std::string& message);
 
 }  // namespace mp4stbl::cli

@@ -30,7 +30,7 @@ void routeLog(bool verbose) {
 }
 
 constexpr const char* kSubcommands[] = {"info", "dump", "samples", "seek", "verify", "trim", "join",
-                                           "remux", "record"};
+                                           "remux", "record", "recover"};
 
 // A value as an error message shows it: escaped, and cut after a few
 // characters so a long one does not fill the screen.
@@ -132,6 +132,7 @@ struct Commands {
   CLI::App* join;
   CLI::App* remux;
   CLI::App* record;
+  CLI::App* recover;
 };
 
 void declareRecord(CLI::App& app, Options& options, Commands& commands) {
@@ -226,6 +227,11 @@ Commands declare(CLI::App& app, Options& options) {
   commands.remux->add_option("-o,--output", options.output, "the new file")->required();
   commands.remux->add_flag("--moov-last", options.moovLast, "movie box after the media data");
   declareRecord(app, options, commands);
+  commands.recover =
+      command("recover", "the samples of a recording whose movie box was never written");
+  commands.recover->add_option("-o,--output", options.output, "the new file")->required();
+  commands.recover->add_option("--reference", options.reference,
+                               "a healthy file from the same device and settings");
   return commands;
 }
 
@@ -240,14 +246,15 @@ int dispatch(const Commands& commands, const Options& options) {
   if (commands.join->parsed()) return join(options);
   if (commands.remux->parsed()) return remux(options);
   if (commands.record->parsed()) return record(options);
+  if (commands.recover->parsed()) return recover(options);
   return kUsage;
 }
 
 }  // namespace
 
 int runCommand(std::vector<std::string> args) {
-  CLI::App app{"Inspect, list, seek, verify, trim, join, remux and record MP4 files by their sample "
-               "tables.",
+  CLI::App app{"Inspect, list, seek, verify, trim, join, remux, record and recover MP4 files by "
+               "their sample tables.",
                "mp4stbl"};
   app.set_version_flag("--version", "mp4stbl " MP4STBL_VERSION);
   app.require_subcommand(1);
@@ -265,7 +272,8 @@ int runCommand(std::vector<std::string> args) {
   const bool json = std::find(args.begin(), args.end(), "--json") != args.end();
   if (named != args.end() && known == std::end(kSubcommands)) {
     return usageError(json, "unknown subcommand " + shownValue(*named) +
-                                ": expects info, dump, samples, seek, verify, trim, join, remux or record");
+                                ": expects info, dump, samples, seek, verify, trim, join, remux, "
+                                "record or recover");
   }
   std::reverse(args.begin(), args.end());  // CLI11 takes the last argument first
   try {

@@ -14,13 +14,6 @@ namespace mp4stbl::edit {
 
 namespace {
 
-template <class Box>
-std::unique_ptr<Box> table(const char* type) {
-  AtomHeader header;
-  header.type = type;
-  return std::make_unique<Box>(header);
-}
-
 // The per-sample tables that the walk rebuilds; the descriptions, sample
 // groups and dependencies stay.
 bool isRebuilt(const Atom& box) {
@@ -65,11 +58,11 @@ class TableBuilder {
     tables.push_back(std::move(stsc_));
     tables.push_back(std::move(stsz_));
     if (wide_) {
-      auto co64 = table<Co64Atom>("co64");
+      auto co64 = newBox<Co64Atom>("co64");
       for (uint64_t offset : offsets_) co64->addEntry(offset);
       tables.push_back(std::move(co64));
     } else {
-      auto stco = table<StcoAtom>("stco");
+      auto stco = newBox<StcoAtom>("stco");
       for (uint64_t offset : offsets_) stco->addEntry(static_cast<uint32_t>(offset));
       tables.push_back(std::move(stco));
     }
@@ -124,11 +117,11 @@ class TableBuilder {
   uint64_t start_ = 0;
   uint64_t duration_ = 0;
   uint64_t compositionEnd_ = 0;
-  std::unique_ptr<SttsAtom> stts_ = table<SttsAtom>("stts");
-  std::unique_ptr<CttsAtom> ctts_ = table<CttsAtom>("ctts");
-  std::unique_ptr<StssAtom> stss_ = table<StssAtom>("stss");
-  std::unique_ptr<StscAtom> stsc_ = table<StscAtom>("stsc");
-  std::unique_ptr<StszAtom> stsz_ = table<StszAtom>("stsz");
+  std::unique_ptr<SttsAtom> stts_ = newBox<SttsAtom>("stts");
+  std::unique_ptr<CttsAtom> ctts_ = newBox<CttsAtom>("ctts");
+  std::unique_ptr<StssAtom> stss_ = newBox<StssAtom>("stss");
+  std::unique_ptr<StscAtom> stsc_ = newBox<StscAtom>("stsc");
+  std::unique_ptr<StszAtom> stsz_ = newBox<StszAtom>("stsz");
   bool hasOffsets_ = false;
   std::vector<uint64_t> offsets_;
   bool wide_ = false;
@@ -189,8 +182,8 @@ void setEdits(Atom* trak, std::optional<std::vector<ElstEntry>> edits) {
     removeChildren(trak, [](const Atom& box) { return box.header.type == "edts"; });
     auto at = trak->children.begin();
     while (at != trak->children.end() && (*at)->header.type == "tkhd") ++at;
-    edts = *trak->children.insert(at, table<ContainerAtom>("edts").release());
-    elst = table<ElstAtom>("elst").release();
+    edts = *trak->children.insert(at, newBox<ContainerAtom>("edts").release());
+    elst = newBox<ElstAtom>("elst").release();
     edts->children.push_back(elst);
   }
   elst->entries = std::move(*edits);

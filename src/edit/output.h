@@ -118,6 +118,14 @@ void appendRuns(std::vector<Run>& out, const std::vector<Run>& runs, uint64_t fi
 // samples first..last.
 std::vector<std::unique_ptr<Atom>> cutExtras(Atom& stbl, uint32_t first, uint32_t last);
 
+// An empty box of `type`, to be filled.
+template <class Box>
+std::unique_ptr<Box> newBox(const char* type) {
+  AtomHeader header;
+  header.type = type;
+  return std::make_unique<Box>(header);
+}
+
 // A table of one size for every sample.
 std::unique_ptr<Atom> constantSizeStsz(uint32_t size, uint32_t count);
 

@@ -275,42 +275,6 @@ bool appendNals(const std::vector<unsigned char>& body, size_t& at, unsigned cou
   return true;
 }
 
-// The parameter sets of an H.264 or HEVC sample entry as length-prefixed
-// NAL units, to carry in band at a clip's first sample: a decoder that
-// meets a new sample description mid-stream then finds them where it looks
-// in any case. Empty for other codings and for a configuration that does
-// not parse.
-std::vector<uint8_t> parameterSets(const Atom* entry) {
-  std::vector<uint8_t> out;
-  if (entry == nullptr) return out;
-  for (const Atom* child : entry->children) {
-    if (const auto* avc = dynamic_cast<const AvcConfigAtom*>(child)) {
-      const std::vector<unsigned char>& body = avc->body;
-      if (!avc->parsed || body.size() < 6) return {};
-      size_t at = 6;
-      if (!appendNals(body, at, body[5] & 0x1Fu, avc->lengthSize, out) || at >= body.size()) {
-        return {};
-      }
-      const unsigned pps = body[at++];
-      if (!appendNals(body, at, pps, avc->lengthSize, out)) return {};
-      return out;
-    }
-    if (const auto* hevc = dynamic_cast<const HevcConfigAtom*>(child)) {
-      const std::vector<unsigned char>& body = hevc->body;
-      if (!hevc->parsed || body.size() < 23) return {};
-      size_t at = 23;
-      for (unsigned array = 0; array < body[22]; ++array) {
-        if (at + 3 > body.size()) return {};
-        const unsigned count = be16(body, at + 1);
-        at += 3;
-        if (!appendNals(body, at, count, hevc->lengthSize, out)) return {};
-      }
-      return out;
-    }
-  }
-  return out;
-}
-
 // The table's own crop gives one sample per chunk of the first
 // description; other groupings open a run at each change.
 std::unique_ptr<StscAtom> chunkRuns(const StscAtom& source, const std::vector<uint32_t>& perChunk,
@@ -555,6 +519,37 @@ std::string secondsText(double seconds) {
 }
 
 }  // namespace
+
+std::vector<uint8_t> parameterSets(const Atom* entry) {
+  std::vector<uint8_t> out;
+  if (entry == nullptr) return out;
+  for (const Atom* child : entry->children) {
+    if (const auto* avc = dynamic_cast<const AvcConfigAtom*>(child)) {
+      const std::vector<unsigned char>& body = avc->body;
+      if (!avc->parsed || body.size() < 6) return {};
+      size_t at = 6;
+      if (!appendNals(body, at, body[5] & 0x1Fu, avc->lengthSize, out) || at >= body.size()) {
+        return {};
+      }
+      const unsigned pps = body[at++];
+      if (!appendNals(body, at, pps, avc->lengthSize, out)) return {};
+      return out;
+    }
+    if (const auto* hevc = dynamic_cast<const HevcConfigAtom*>(child)) {
+      const std::vector<unsigned char>& body = hevc->body;
+      if (!hevc->parsed || body.size() < 23) return {};
+      size_t at = 23;
+      for (unsigned array = 0; array < body[22]; ++array) {
+        if (at + 3 > body.size()) return {};
+        const unsigned count = be16(body, at + 1);
+        at += 3;
+        if (!appendNals(body, at, count, hevc->lengthSize, out)) return {};
+      }
+      return out;
+    }
+  }
+  return out;
+}
 
 Window mediaWindow(const Track& track, double start, double end) {
   const double scale = track.timescale();

@@ -18,6 +18,13 @@
 
 namespace mp4stbl::edit {
 
+// The parameter sets of an H.264 or HEVC sample entry as length-prefixed
+// NAL units (the configuration's own length size), to carry in band at a
+// clip's first sample: a decoder that meets a new sample description
+// mid-stream then finds them where it looks in any case. Empty for other
+// codings and for a configuration that does not parse.
+std::vector<uint8_t> parameterSets(const Atom* entry);
+
 // A stretch of a source's presentation: seconds on its movie timeline,
 // placed `gapBefore` seconds after the stretch ahead of it (or after the
 // start of the new file).

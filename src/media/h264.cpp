@@ -241,6 +241,15 @@ Result<AvcSlice> parseAvcSlice(const uint8_t* nal, size_t size, const std::vecto
   return slice;
 }
 
+bool newAvcPicture(const AvcSlice& a, const AvcSlice& b) {
+  return b.firstMb == 0 || a.frameNum != b.frameNum || a.ppsId != b.ppsId ||
+         a.fieldPic != b.fieldPic || a.bottomField != b.bottomField ||
+         (a.refIdc == 0) != (b.refIdc == 0) || (a.nalType == 5) != (b.nalType == 5) ||
+         (a.nalType == 5 && a.idrPicId != b.idrPicId) || a.pocLsb != b.pocLsb ||
+         a.deltaPocBottom != b.deltaPocBottom || a.deltaPoc[0] != b.deltaPoc[0] ||
+         a.deltaPoc[1] != b.deltaPoc[1];
+}
+
 int32_t avcRecoveryFrames(const uint8_t* nal, size_t size) {
   const Bytes rbsp = unescapeNal(nal, size, kHeaderPrefix);
   size_t at = 1;

@@ -67,6 +67,8 @@ Result<AvcSps> parseAvcSps(const Bytes& nal);
 Result<AvcPps> parseAvcPps(const Bytes& nal);
 Result<AvcSlice> parseAvcSlice(const uint8_t* nal, size_t size, const std::vector<AvcSps>& sps,
                                const std::vector<AvcPps>& pps, const AvcSps** active);
+// Whether slice `b` belongs to another picture than slice `a` before it.
+bool newAvcPicture(const AvcSlice& a, const AvcSlice& b);
 // recovery_frame_cnt of a recovery point in an SEI NAL unit; -1 when it
 // holds none.
 int32_t avcRecoveryFrames(const uint8_t* nal, size_t size);

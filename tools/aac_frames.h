@@ -1,0 +1,12 @@
+// The length of raw AAC frames, found by decoding them with FFmpeg's
+// libavcodec when the command is built with it.
+#pragma once
+
+#include "recover/recover.h"
+
+namespace mp4stbl::cli {
+
+// Empty when the command was built without libavcodec.
+AacFrameLength aacFrameLength();
+
+}  // namespace mp4stbl::cli
