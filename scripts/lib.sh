@@ -24,10 +24,12 @@ BUILD_PACKAGES=(cmake ninja-build g++ libgtest-dev libcli11-dev nlohmann-json3-d
 # The 32-bit build (preset m32).
 M32_PACKAGES=(g++-multilib googletest)
 # The tests encode real MP4 and QuickTime files with ffmpeg and GStreamer's
-# muxers (scripts/make_corpus.sh); the micro-benchmarks are built with them
-# so that they cannot rot; GNU time measures verify on a file past 4 GiB.
+# muxers (scripts/make_corpus.sh), and record the x264 program's own stream
+# too; the micro-benchmarks are built with them so that they cannot rot; GNU
+# time measures verify on a file past 4 GiB.
 TEST_PACKAGES=(ffmpeg libbenchmark-dev time gstreamer1.0-tools gstreamer1.0-plugins-base
-  gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav)
+  gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav
+  x264)
 # The libFuzzer targets (scripts/fuzz.sh): clang and its sanitizer runtimes.
 FUZZ_PACKAGES=(clang-14 libclang-rt-14-dev)
 # The benchmarks (scripts/bench.sh): Google Benchmark, the command's parsers,

@@ -8,6 +8,7 @@
 
 #include "record/recorder.h"
 #include "recover/access_unit.h"
+#include "recover/presentation.h"
 #include "recover/recover.h"
 #include "support/test.h"
 
@@ -101,6 +102,36 @@ TEST(AccessUnitWalk, FormatNeedsBothParameterSets) {
   EXPECT_FALSE(recovery::nalFormat(VideoCodec::H264, 4, units(4, {{0x67, 0x42}, kPps})).ok());
 }
 
+// Pictures in decode order: I0 P6 B2 B4 P12 B8 B10 (order counts two
+// apart, as x264 numbers frames), then a second IDR and its own pictures.
+TEST(PictureTimes, OrderCountsPlacedAsTheReferenceShowsThem) {
+  using recovery::PictureCount;
+  const std::vector<PictureCount> gop = {{0, true}, {6, false}, {2, false}, {4, false},
+                                         {12, false}, {8, false}, {10, false}};
+  struct Case {
+    const char* name;
+    std::vector<PictureCount> pictures;
+    std::vector<int64_t> offsets;  // ctts, 512 a frame, the first shown at 1024
+  };
+  std::vector<PictureCount> twoIdrs = gop;
+  twoIdrs.insert(twoIdrs.end(), {{0, true}, {4, false}, {2, false}});
+  const std::vector<Case> cases = {
+      {"one sequence", gop, {1024, 2048, 512, 512, 2048, 512, 512}},
+      // The B-frames before P12 were cut off: P12 keeps its own time.
+      {"frames missing at the end", {gop.begin(), gop.begin() + 5}, {1024, 2048, 512, 512, 2048}},
+      {"a new sequence follows all before it", twoIdrs,
+       {1024, 2048, 512, 512, 2048, 512, 512, 1024, 1536, 512}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Result<std::vector<int64_t>> offsets = recovery::compositionOffsets(c.pictures, {2, 1024, 512});
+    ASSERT_TRUE(offsets.ok()) << offsets.message();
+    EXPECT_EQ(*offsets, c.offsets);
+  }
+  // An order count between two places is no picture of this stream.
+  EXPECT_FALSE(recovery::compositionOffsets({{0, true}, {3, false}}, {2, 1024, 512}).ok());
+}
+
 // --- Real files ---
 
 struct Outcome {
@@ -132,6 +163,7 @@ std::string bytesOfFile(const std::string& path) {
 struct Sample {
   std::string bytes;
   uint64_t decodeTime;
+  int64_t compositionOffset;
   bool sync;
 };
 
@@ -146,31 +178,33 @@ std::vector<std::vector<Sample>> samplesOf(const std::string& path, uint64_t who
     for (auto next = walk.next(); next.ok() && *next != nullptr; next = walk.next()) {
       const SampleInfo& s = **next;
       if (s.offset + s.size > wholeBefore) break;
-      samples.push_back({data.substr(s.offset, s.size), s.decodeTime, s.sync});
+      samples.push_back({data.substr(s.offset, s.size), s.decodeTime, s.compositionOffset, s.sync});
     }
   }
   return tracks;
 }
 
 // The share of the samples whole in the first `cut` bytes of `original`
-// that `recovered` holds the same: bytes, size, decode time and key flag.
+// that `recovered` holds the same (bytes, size, decode time, composition
+// offset and key flag), in the track where it is lowest.
 double recoveredShare(const std::string& original, uint64_t cut, const std::string& recovered) {
   const auto want = samplesOf(original, cut);
   const auto got = samplesOf(recovered);
   if (want.size() != got.size()) return 0;
-  size_t whole = 0;
-  size_t same = 0;
+  double lowest = 1;
   for (size_t t = 0; t < want.size(); ++t) {
     // A sample more than the cut file holds whole is made of other bytes.
     if (got[t].size() > want[t].size()) return 0;
-    whole += want[t].size();
-    for (size_t i = 0; i < std::min(want[t].size(), got[t].size()); ++i) {
+    size_t same = 0;
+    for (size_t i = 0; i < got[t].size(); ++i) {
       const Sample& a = want[t][i];
       const Sample& b = got[t][i];
-      same += a.bytes == b.bytes && a.decodeTime == b.decodeTime && a.sync == b.sync;
+      same += a.bytes == b.bytes && a.decodeTime == b.decodeTime &&
+              a.compositionOffset == b.compositionOffset && a.sync == b.sync;
     }
+    if (!want[t].empty()) lowest = std::min(lowest, static_cast<double>(same) / want[t].size());
   }
-  return whole == 0 ? 0 : static_cast<double>(same) / whole;
+  return lowest;
 }
 
 void cutFile(const std::string& from, uint64_t length, const std::string& to) {
@@ -188,31 +222,75 @@ uint64_t moovOffset(const std::string& path) {
 
 const std::string kCli = MP4STBL_CLI;
 
-struct Setting {
-  const char* name;
-  const char* extension;
-  const char* audio;  // ffmpeg's audio options
+// The video frames ffmpeg decodes from a file, each as its presentation
+// time and the checksum of its picture.
+std::vector<std::string> decodedFrames(const std::string& path) {
+  std::istringstream lines(run("ffmpeg -v error -i '" + path + "' -map 0:v -f framemd5 -").out);
+  std::vector<std::string> frames;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    std::vector<std::string> fields;
+    std::istringstream split(line);
+    for (std::string field; std::getline(split, field, ',');) fields.push_back(field);
+    if (fields.size() == 6) frames.push_back(fields[2] + fields[5]);
+  }
+  return frames;
+}
+
+// Frames of `recovered` that `original` does not show at the same time
+// with the same picture; and each recovered video sample must show.
+void expectFramesOf(const std::string& original, const std::string& recovered) {
+  const std::vector<std::string> want = decodedFrames(original);
+  const std::vector<std::string> got = decodedFrames(recovered);
+  EXPECT_EQ(got.size(), samplesOf(recovered).front().size());
+  size_t strangers = 0;
+  for (const std::string& frame : got) strangers += std::find(want.begin(), want.end(), frame) == want.end();
+  EXPECT_EQ(strangers, 0u);
+}
+
+struct CorpusFile {
+  std::string name;
+  std::string file;       // to cut
+  std::string reference;  // recorded apart with the same settings
 };
+
+// ffmpeg's, GStreamer's and the recorder's files, made by the script a user
+// runs too.
+std::vector<CorpusFile> makeCorpus(const std::string& dir) {
+  const Outcome made = run("bash " MP4STBL_RECOVER_CORPUS " '" + dir + "' " + kCli + " 2>/dev/null");
+  EXPECT_EQ(made.status, 0) << made.out;
+  std::vector<CorpusFile> files;
+  std::istringstream lines(made.out);
+  for (CorpusFile file; lines >> file.name >> file.file >> file.reference;) files.push_back(file);
+  return files;
+}
+
+// The first chunk of any track that starts in the second half of the media.
+uint64_t chunkBoundary(const std::string& path, uint64_t media) {
+  Mp4File file;
+  EXPECT_TRUE(file.open(path).ok());
+  uint64_t boundary = media;
+  for (const Track& track : findTracks(file).tracks) {
+    SampleWalker walk(track);
+    uint32_t chunk = 0;
+    for (auto next = walk.next(); next.ok() && *next != nullptr; next = walk.next()) {
+      const SampleInfo& s = **next;
+      if (s.chunk != chunk && s.offset > media / 2) boundary = std::min(boundary, s.offset);
+      chunk = s.chunk;
+    }
+  }
+  return boundary;
+}
 
 TEST(RecoverCorpus, CutFilesRecoveredWithAnotherFileAsReference) {
   if (!haveFfmpeg()) GTEST_SKIP() << "needs ffmpeg";
   ScratchDir dir("recover_corpus");
-  const std::vector<Setting> settings = {
-      {"aac", "mp4", "-c:a aac -b:a 64k"},
-      {"pcm", "mov", "-c:a pcm_s16le"},
-      {"alaw", "mov", "-c:a pcm_alaw -ar 8000"},
-  };
-  for (const Setting& setting : settings) {
-    SCOPED_TRACE(setting.name);
-    std::string made[2];
-    for (int take = 0; take < 2; ++take) {
-      made[take] = dir / (std::string(setting.name) + std::to_string(take) + "." + setting.extension);
-      const std::string seconds = take == 0 ? "6" : "3";
-      ASSERT_EQ(run("ffmpeg -v error -y -f lavfi -i testsrc=size=160x120:rate=25:duration=" + seconds +
-                    " -f lavfi -i sine=frequency=440:duration=" + seconds +
-                    " -c:v libx264 -bf 0 -g 25 -pix_fmt yuv420p " + setting.audio + " '" +
-                    made[take] + "'").status, 0);
-    }
+  const std::vector<CorpusFile> corpus = makeCorpus(dir / "corpus");
+  EXPECT_GE(corpus.size(), 6u);
+  std::string table = "file            cut             whole samples   recovered (lowest track)\n";
+  for (const CorpusFile& corpusFile : corpus) {
+    SCOPED_TRACE(corpusFile.name);
+    const std::string made[2] = {corpusFile.file, corpusFile.reference};
     const uint64_t media = moovOffset(made[0]);
     uint64_t midFrame = 0;  // halfway through a video frame in the middle of the media
     {
@@ -227,19 +305,31 @@ TEST(RecoverCorpus, CutFilesRecoveredWithAnotherFileAsReference) {
         }
       }
     }
-    // Inside the media, mid-sample at an odd length, mid-frame, and at the media's end.
-    for (uint64_t cut : {media / 3, media * 2 / 3 + 1, midFrame, media}) {
-      SCOPED_TRACE(cut);
+    const std::pair<const char*, uint64_t> cuts[] = {{"a third", media / 3},
+                                                     {"chunk boundary", chunkBoundary(made[0], media)},
+                                                     {"odd length", media * 2 / 3 + 1},
+                                                     {"mid-frame", midFrame},
+                                                     {"media's end", media}};
+    for (const auto& [where, cut] : cuts) {
+      SCOPED_TRACE(where);
       const std::string broken = dir / "broken";
-      const std::string out = dir / (std::string("out.") + setting.extension);
+      const std::string out = dir / ("out" + made[0].substr(made[0].rfind('.')));
       cutFile(made[0], cut, broken);
       const std::string before = bytesOfFile(broken);
       const Outcome done = run(kCli + " recover '" + broken + "' -o '" + out + "' --reference '" + made[1] + "'");
       ASSERT_EQ(done.status, 0) << done.out;
       EXPECT_EQ(bytesOfFile(broken), before);
-      EXPECT_GE(recoveredShare(made[0], cut, out), 0.99);
+      const double share = recoveredShare(made[0], cut, out);
+      EXPECT_GE(share, 0.99);
+      size_t whole = 0;
+      for (const auto& samples : samplesOf(made[0], cut)) whole += samples.size();
+      char row[128];
+      std::snprintf(row, sizeof row, "%-15s %-15s %13zu %10.1f%%\n", corpusFile.name.c_str(), where,
+                    whole, 100 * share);
+      table += row;
       EXPECT_EQ(run("ffmpeg -v error -i '" + out + "' -f null -").out, "");
       EXPECT_NE(run(kCli + " verify '" + out + "'").out.find("identical"), std::string::npos);
+      expectFramesOf(made[0], out);
     }
     // Zeros after the last whole sample, as a file system leaves blocks it
     // allocated and never wrote: audio runs on no more than a second past the video.
@@ -255,6 +345,7 @@ TEST(RecoverCorpus, CutFilesRecoveredWithAnotherFileAsReference) {
     const double audio = static_cast<double>(found.tracks[1].mediaDuration()) / found.tracks[1].timescale();
     EXPECT_LE(audio, video + 1.1);
   }
+  std::printf("%s", table.c_str());
 }
 
 // A fragmented recording killed mid-way: its whole fragments, and the
@@ -285,10 +376,13 @@ TEST(RecoverCorpus, FragmentedFileFromItsOwnFragments) {
 TEST(RecoverCorpus, InterruptedRecordingFromItsOwnFragments) {
   if (!haveFfmpeg()) GTEST_SKIP() << "needs ffmpeg";
   ScratchDir dir("recover_recorder");
-  const std::string source = dir / "source.mp4";
+  const std::string source = dir / "source.mov";
   ASSERT_EQ(run("ffmpeg -v error -y -f lavfi -i testsrc=size=160x120:rate=25:duration=5 "
-                "-c:v libx264 -bf 0 -g 25 -pix_fmt yuv420p -f lavfi -i sine=duration=5 -c:a pcm_alaw -ar 8000 '" +
-                source + "'").status, 0);
+                "-f lavfi -i sine=duration=5 -c:v libx264 -bf 0 -g 25 -pix_fmt yuv420p "
+                "-c:a pcm_alaw -ar 8000 '" +
+                source + "'")
+                .status,
+            0);
   Mp4File file;
   ASSERT_TRUE(file.open(source).ok());
   FoundTracks found = findTracks(file);
@@ -355,6 +449,13 @@ TEST(RecoverRefuses, WhatCannotBeRecoveredSaysWhy) {
   ASSERT_EQ(run("ffmpeg -v error -y -f lavfi -i testsrc=size=160x120:rate=25:duration=1 "
                 "-f lavfi -i sine=duration=1 -c:v libx265 -x265-params log-level=error "
                 "-pix_fmt yuv420p -c:a aac '" + hevc + "'").status, 0);
+  // The same coding at another picture size: its slice headers read alike.
+  const std::string larger = dir / "larger.mp4";
+  ASSERT_EQ(run("ffmpeg -v error -y -f lavfi -i testsrc=size=320x240:rate=25:duration=1 "
+                "-f lavfi -i sine=duration=1 -c:v libx264 -bf 0 -pix_fmt yuv420p -c:a aac '" +
+                larger + "'")
+                .status,
+            0);
   const std::string data = bytesOfFile(good);
   const uint64_t media = moovOffset(good);
   const std::string cut = dir / "cut.mp4";
@@ -385,6 +486,9 @@ TEST(RecoverRefuses, WhatCannotBeRecoveredSaysWhy) {
       {"'" + cut + "' -o '" + out + "' --reference '" + pcm + "'", "the reference's 'qt  '"},
       {"'" + cut + "' -o '" + out + "' --reference '" + hevc + "'", "track 1 (vide, hev1): no sample of the reference's track is found"},
       {"'" + cut + "' -o '" + out + "' --reference '" + random + "'", "--reference"},
+      {"'" + cut + "' -o '" + out + "' --reference '" + larger + "'",
+       "track 1 (vide, avc1): the reference's parameter sets do not decode its video (the key "
+       "frame at offset "},
       {"'" + cut + "' -o '" + cut + "' --reference '" + good + "'", "is one of the inputs"},
   };
   for (const Refusal& refusal : refusals) {

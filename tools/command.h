@@ -37,6 +37,18 @@ struct Options {
   std::vector<std::string> inputs;
   std::string list;  // join: a file naming more clips
   std::string reference;  // recover: a healthy file from the same device
+  // record: its inputs (paths, "-" for stdin) and how it lays out the file
+  std::string video;
+  std::string audio;
+  std::string alaw;
+  std::string ulaw;
+  uint32_t rate = 8000;  // of G.711
+  std::string fps;       // N or N/D; empty: the stream's own
+  double fragment = 1.0;
+  double chunk = 0.5;
+  bool plain = false;
+  bool moovFirst = false;
+  bool sync = false;
 };
 
 // Prints "mp4stbl: FILE: what" on stderr, bytes that are not printable
@@ -75,6 +87,10 @@ int verify(const Options& options);
 int trim(const Options& options);
 int join(const Options& options);
 int remux(const Options& options);
+int record(const Options& options);
 int recover(const Options& options);
+
+// Frames a second as N or N/D, at most 1000: whether `text` is one.
+bool parseFrameRate(const std::string& text, uint32_t* num, uint32_t* den);
 
 }  // namespace mp4stbl::cli

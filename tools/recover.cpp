@@ -5,6 +5,7 @@
 #include "aac_frames.h"
 #include "command.h"
 #include "edit_job.h"
+#include "key_frames.h"
 #include "recover/recover.h"
 
 namespace mp4stbl::cli {
@@ -13,6 +14,7 @@ int recover(const Options& options) {
   RecoverOptions recoverOptions;
   recoverOptions.reference = options.reference;
   recoverOptions.aacFrameLength = aacFrameLength();
+  recoverOptions.keyFrameDecodes = keyFrameDecodes();
   Result<RecoverReport> done = mp4stbl::recover(options.file, options.output, recoverOptions);
   if (!done.ok()) {
     Options about = options;

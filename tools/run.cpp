@@ -30,7 +30,7 @@ void routeLog(bool verbose) {
 }
 
 constexpr const char* kSubcommands[] = {"info", "dump", "samples", "seek", "verify", "trim", "join",
-                                           "remux", "recover"};
+                                           "remux", "record", "recover"};
 
 // A value as an error message shows it: escaped, and cut after a few
 // characters so a long one does not fill the screen.
@@ -97,6 +97,31 @@ std::string readClockTime(std::string& value) {
   return "expects seconds (12.5) or hh:mm:ss.mmm, not " + shownValue(value);
 }
 
+// Seconds of a recording's layout: from a frame at 100 fps to an hour.
+std::string layoutSeconds(std::string& value) {
+  const bool digits = !value.empty() && value.size() <= 12 &&
+                      value.find_first_not_of("0123456789.") == std::string::npos &&
+                      value.find('.') == value.rfind('.') && value != ".";
+  const double number = digits ? std::strtod(value.c_str(), nullptr) : 0;
+  if (number >= 0.01 && number <= 3600) return "";
+  return "expects seconds from 0.01 to 3600, not " + shownValue(value);
+}
+
+std::string sampleRate(std::string& value) {
+  const bool digits = !value.empty() && value.size() <= 6 &&
+                      value.find_first_not_of("0123456789") == std::string::npos;
+  const unsigned long number = digits ? std::strtoul(value.c_str(), nullptr, 10) : 0;
+  if (number >= 1000 && number <= 192000) return "";
+  return "expects a sample rate from 1000 to 192000, not " + shownValue(value);
+}
+
+std::string frameRate(std::string& value) {
+  uint32_t num = 0, den = 0;
+  if (parseFrameRate(value, &num, &den)) return "";
+  return "expects frames a second as N or N/D (25, 30000/1001), at most 1000, not " +
+         shownValue(value);
+}
+
 struct Commands {
   CLI::App* info;
   CLI::App* dump;
@@ -106,8 +131,38 @@ struct Commands {
   CLI::App* trim;
   CLI::App* join;
   CLI::App* remux;
+  CLI::App* record;
   CLI::App* recover;
 };
+
+void declareRecord(CLI::App& app, Options& options, Commands& commands) {
+  CLI::App* record = commands.record =
+      app.add_subcommand("record", "an MP4 file recorded from elementary streams as they come");
+  record->add_option("-o,--output", options.output, "the new file")->required();
+  record->add_option("--video", options.video, "H.264 or HEVC, Annex B (a file, a pipe or -)");
+  record->add_option("--audio", options.audio, "AAC in ADTS (a file, a pipe or -)");
+  record->add_option("--alaw", options.alaw, "G.711 A-law, mono (a file, a pipe or -)");
+  record->add_option("--ulaw", options.ulaw, "G.711 mu-law, mono (a file, a pipe or -)");
+  record->add_option("--rate", options.rate, "G.711 sample rate (default 8000)")
+      ->check(CLI::Validator(sampleRate, "HZ"));
+  record->add_option("--fps", options.fps, "video frame rate, N or N/D (default: the stream's)")
+      ->check(CLI::Validator(frameRate, "N[/D]"));
+  const CLI::Validator seconds(layoutSeconds, "SECONDS");
+  record->add_option("--fragment", options.fragment, "a fragment at least this often (default 1)")
+      ->check(seconds);
+  record->add_option("--chunk", options.chunk, "samples per chunk, in seconds (default 0.5)")
+      ->check(seconds);
+  CLI::Option* plain =
+      record->add_flag("--plain", options.plain, "one media data box, the movie box at the end");
+  CLI::Option* moovFirst =
+      record->add_flag("--moov-first", options.moovFirst, "the movie box before the media once done");
+  plain->excludes(moovFirst);
+  record->add_flag("--sync", options.sync, "flush every fragment to the disk");
+  record->footer(
+      "Until it is finished the file is fragmented, and plays up to its last fragment "
+      "(not with --plain). SIGINT and SIGTERM finish it.\n"
+      "Also --json (one JSON document on stdout) and -v (the library's log lines).");
+}
 
 Commands declare(CLI::App& app, Options& options) {
   // --json and --verbose belong to the command as a whole: a subcommand
@@ -171,6 +226,7 @@ Commands declare(CLI::App& app, Options& options) {
   commands.remux = command("remux", "the file written anew as a regular, fast-start one");
   commands.remux->add_option("-o,--output", options.output, "the new file")->required();
   commands.remux->add_flag("--moov-last", options.moovLast, "movie box after the media data");
+  declareRecord(app, options, commands);
   commands.recover =
       command("recover", "the samples of a recording whose movie box was never written");
   commands.recover->add_option("-o,--output", options.output, "the new file")->required();
@@ -189,6 +245,7 @@ int dispatch(const Commands& commands, const Options& options) {
   if (commands.trim->parsed()) return trim(options);
   if (commands.join->parsed()) return join(options);
   if (commands.remux->parsed()) return remux(options);
+  if (commands.record->parsed()) return record(options);
   if (commands.recover->parsed()) return recover(options);
   return kUsage;
 }
@@ -196,7 +253,8 @@ int dispatch(const Commands& commands, const Options& options) {
 }  // namespace
 
 int runCommand(std::vector<std::string> args) {
-  CLI::App app{"Inspect, list, seek, verify, trim, join, remux and recover MP4 files by their sample tables.",
+  CLI::App app{"Inspect, list, seek, verify, trim, join, remux, record and recover MP4 files by "
+               "their sample tables.",
                "mp4stbl"};
   app.set_version_flag("--version", "mp4stbl " MP4STBL_VERSION);
   app.require_subcommand(1);
@@ -214,7 +272,8 @@ int runCommand(std::vector<std::string> args) {
   const bool json = std::find(args.begin(), args.end(), "--json") != args.end();
   if (named != args.end() && known == std::end(kSubcommands)) {
     return usageError(json, "unknown subcommand " + shownValue(*named) +
-                                ": expects info, dump, samples, seek, verify, trim, join, remux or recover");
+                                ": expects info, dump, samples, seek, verify, trim, join, remux, "
+                                "record or recover");
   }
   std::reverse(args.begin(), args.end());  // CLI11 takes the last argument first
   try {

@@ -9,6 +9,7 @@
 
 #include "media/elementary.h"
 #include "media/parameter_sets.h"
+#include "media/picture_order.h"
 
 namespace mp4stbl {
 
@@ -73,19 +74,12 @@ struct AnnexBReader::State {
   int64_t unitPoc = 0;
   AvcSlice lastSlice;
 
-  // Picture order count state.
-  int64_t prevPocMsb = 0;
-  uint32_t prevPocLsb = 0;
-  int64_t prevFrameNumOffset = 0;
-  uint32_t prevFrameNum = 0;
-  int64_t prevTid0Poc = 0;
-  bool firstPicture = true;
-  bool afterEndOfSequence = false;
+  PictureOrder pictureOrder;
 
   // Output: frames in decode order, and the decoder's picture buffer.
   std::deque<Waiting> waiting;
-  std::vector<std::pair<int64_t, uint64_t>> buffered;  // POC, decode index
-  uint64_t decoded = 0;
+  OutputOrder output;
+  std::vector<uint64_t> shown;  // decode indices output by the picture buffer
   uint64_t presented = 0;
 
   Status feed(const uint8_t* bytes, size_t size);
@@ -101,12 +95,9 @@ struct AnnexBReader::State {
   Status makeConfig(uint64_t offset);
   Status avcPicture(const AvcSlice& slice, const AvcSps& sequence);
   Status hevcPicture(const HevcSlice& slice, const HevcSps& sequence);
-  int64_t avcPoc(const AvcSlice& slice, const AvcSps& sequence);
-  int64_t hevcPoc(const HevcSlice& slice, const HevcSps& sequence);
   Status append(const uint8_t* data, size_t size, uint64_t offset);
   Status closeUnit();
   void present();
-  void bumpAll();
   uint32_t delay() const { return config ? config->reorderFrames : 0; }
 };
 
@@ -247,57 +238,8 @@ Status AnnexBReader::State::avcPicture(const AvcSlice& slice, const AvcSps& sequ
   unitHasPicture = true;
   unitNewSequence = slice.nalType == 5;
   unitKey = unitKey || unitNewSequence;
-  unitPoc = avcPoc(slice, sequence);
+  unitPoc = pictureOrder.avc(slice, sequence);
   return Status();
-}
-
-// The picture order count of a picture's first slice (without the reset
-// that memory_management_control_operation 5 makes).
-int64_t AnnexBReader::State::avcPoc(const AvcSlice& slice, const AvcSps& sequence) {
-  const bool idr = slice.nalType == 5;
-  const int64_t maxFrameNum = int64_t{1} << sequence.log2MaxFrameNum;
-  int64_t frameNumOffset = 0;
-  if (!idr) frameNumOffset = prevFrameNumOffset + (prevFrameNum > slice.frameNum ? maxFrameNum : 0);
-  prevFrameNumOffset = frameNumOffset;
-  prevFrameNum = slice.frameNum;
-  if (sequence.pocType == 0) {
-    if (idr) prevPocMsb = prevPocLsb = 0;
-    const int64_t maxLsb = int64_t{1} << sequence.log2MaxPocLsb;
-    const int64_t lsb = slice.pocLsb, prevLsb = prevPocLsb;
-    int64_t msb = prevPocMsb;
-    if (lsb < prevLsb && prevLsb - lsb >= maxLsb / 2) msb += maxLsb;
-    if (lsb > prevLsb && lsb - prevLsb > maxLsb / 2) msb -= maxLsb;
-    if (slice.refIdc != 0) {
-      prevPocMsb = msb;
-      prevPocLsb = slice.pocLsb;
-    }
-    const int64_t top = msb + lsb;
-    if (slice.fieldPic) return top;
-    return std::min(top, top + slice.deltaPocBottom);
-  }
-  if (sequence.pocType == 2) {
-    if (idr) return 0;
-    return 2 * (frameNumOffset + slice.frameNum) - (slice.refIdc == 0 ? 1 : 0);
-  }
-  const std::vector<int32_t>& offsets = sequence.refFrameOffsets;
-  int64_t absFrameNum = offsets.empty() ? 0 : frameNumOffset + slice.frameNum;
-  if (slice.refIdc == 0 && absFrameNum > 0) --absFrameNum;
-  int64_t expected = 0;
-  if (absFrameNum > 0) {
-    int64_t cycle = 0;
-    for (int32_t offset : offsets) cycle += offset;
-    const int64_t count = (absFrameNum - 1) / static_cast<int64_t>(offsets.size());
-    const size_t inCycle =
-        static_cast<size_t>((absFrameNum - 1) % static_cast<int64_t>(offsets.size()));
-    expected = count * cycle;
-    for (size_t i = 0; i <= inCycle; ++i) expected += offsets[i];
-  }
-  if (slice.refIdc == 0) expected += sequence.offsetForNonRefPic;
-  const int64_t top = expected + slice.deltaPoc[0];
-  const int64_t bottom =
-      expected + sequence.offsetForTopToBottomField + slice.deltaPoc[slice.fieldPic ? 0 : 1];
-  if (slice.fieldPic) return slice.bottomField ? bottom : top;
-  return std::min(top, bottom + slice.deltaPoc[0]);
 }
 
 Status AnnexBReader::State::hevcNal(const uint8_t* data, size_t size, uint64_t offset) {
@@ -321,7 +263,7 @@ Status AnnexBReader::State::hevcNal(const uint8_t* data, size_t size, uint64_t o
     if (!status.ok()) return status;
   }
   Status status = append(data, size, offset);
-  if (type == 36 || type == 37) afterEndOfSequence = true;
+  if (type == 36 || type == 37) pictureOrder.hevcEndOfSequence();
   return status;
 }
 
@@ -331,30 +273,9 @@ Status AnnexBReader::State::hevcPicture(const HevcSlice& slice, const HevcSps& s
     if (!status.ok()) return status;
   }
   unitHasPicture = true;
-  const bool irap = slice.nalType >= 16 && slice.nalType <= 23;
-  unitKey = irap;
-  unitNewSequence = irap && (slice.nalType != 21 || firstPicture || afterEndOfSequence);
-  unitPoc = hevcPoc(slice, sequence);
-  firstPicture = false;
-  afterEndOfSequence = false;
+  unitKey = slice.nalType >= 16 && slice.nalType <= 23;
+  unitPoc = pictureOrder.hevc(slice, sequence, &unitNewSequence);
   return Status();
-}
-
-int64_t AnnexBReader::State::hevcPoc(const HevcSlice& slice, const HevcSps& sequence) {
-  const int64_t maxLsb = int64_t{1} << sequence.log2MaxPocLsb;
-  const int64_t lsb = slice.pocLsb;
-  int64_t msb = 0;
-  if (!unitNewSequence) {
-    const int64_t prevLsb = prevTid0Poc & (maxLsb - 1), prevMsb = prevTid0Poc - prevLsb;
-    msb = prevMsb;
-    if (lsb < prevLsb && prevLsb - lsb >= maxLsb / 2) msb += maxLsb;
-    if (lsb > prevLsb && lsb - prevLsb > maxLsb / 2) msb -= maxLsb;
-  }
-  const int64_t poc = msb + lsb;
-  const bool leadingOrNonRef =
-      (slice.nalType >= 6 && slice.nalType <= 9) || (slice.nalType <= 14 && slice.nalType % 2 == 0);
-  if (slice.temporalId == 0 && !leadingOrNonRef) prevTid0Poc = poc;
-  return poc;
 }
 
 Status AnnexBReader::State::parameterSet(std::vector<Bytes>& sets, const uint8_t* data, size_t size,
@@ -407,34 +328,29 @@ Status AnnexBReader::State::append(const uint8_t* data, size_t size, uint64_t of
 
 // The access unit in progress is complete: it enters the picture buffer.
 Status AnnexBReader::State::closeUnit() {
-  if (!buffered.empty() && decoded - buffered.front().second > kMaxWaiting + delay()) {
+  if (output.longestWait() > kMaxWaiting + delay()) {
     return Status::failure(at(unitOffset) + "a frame waits for its presentation past " +
                            std::to_string(kMaxWaiting) + " frames");
   }
-  if (unitNewSequence) bumpAll();
   Waiting& entry = waiting.emplace_back();
   entry.frame.data.swap(unit);
-  entry.frame.decodeIndex = decoded;
+  entry.frame.decodeIndex = output.decoded();
   entry.frame.key = unitKey;
-  buffered.emplace_back(unitPoc, decoded++);
-  while (buffered.size() > delay()) present();
+  output.decode(unitPoc, unitNewSequence, delay(), shown);
+  present();
   unit.clear();
   unitHasPicture = unitKey = unitNewSequence = false;
   return Status();
 }
 
-// Outputs the buffered picture of the smallest order count, the earliest
-// decoded of equals.
+// Numbers the frames the picture buffer output, in the order it did.
 void AnnexBReader::State::present() {
-  const auto first = std::min_element(buffered.begin(), buffered.end());
-  Waiting& entry = waiting[static_cast<size_t>(first->second - waiting.front().frame.decodeIndex)];
-  entry.frame.presentationIndex = presented++;
-  entry.ready = true;
-  buffered.erase(first);
-}
-
-void AnnexBReader::State::bumpAll() {
-  while (!buffered.empty()) present();
+  for (uint64_t index : shown) {
+    Waiting& entry = waiting[static_cast<size_t>(index - waiting.front().frame.decodeIndex)];
+    entry.frame.presentationIndex = presented++;
+    entry.ready = true;
+  }
+  shown.clear();
 }
 
 AnnexBReader::AnnexBReader() : state_(std::make_unique<State>()) {}
@@ -449,8 +365,9 @@ Status AnnexBReader::finish() {
   s.failed = s.endNal(s.buffer.size());
   s.nalStart = kNone;
   if (s.failed.ok() && s.unitHasPicture) s.failed = s.closeUnit();
-  s.bumpAll();
-  if (s.failed.ok() && s.decoded == 0) {
+  s.output.flush(s.shown);
+  s.present();
+  if (s.failed.ok() && s.output.decoded() == 0) {
     s.failed = Status::failure("no video frame in " +
                                std::to_string(s.bufferOffset + s.buffer.size()) + " bytes");
   }

@@ -67,6 +67,8 @@ struct Recorder::State {
   void complete(RecordedTrack& track, uint64_t nextTime);
   void hold(RecordedTrack& track, const uint8_t* bytes, const HeldSample& sample, uint64_t time);
   bool fragmentDue(const RecordedTrack& track, const SampleTime& time, size_t size) const;
+  std::vector<PlacedChunk> heldChunks();
+  Status writeFragmentHead(std::vector<PlacedChunk>& placed);
   Status flush();
   Status finishInPlace();
   Status moveMovieFirst(uint64_t end);
@@ -199,34 +201,47 @@ bool Recorder::State::fragmentDue(const RecordedTrack& track, const SampleTime& 
   return age >= options.fragmentSeconds;
 }
 
-Status Recorder::State::flush() {
-  if (!holding) return {};
+// The held chunks of every track, by time, so that a player reads forward
+// through the file.
+std::vector<PlacedChunk> Recorder::State::heldChunks() {
   std::vector<PlacedChunk> placed;
   for (RecordedTrack& track : tracks) {
     for (const Chunk& chunk : track.chunks) placed.push_back({&track, &chunk, 0});
   }
-  // Chunks by time, so that a player reads forward through the file.
   std::stable_sort(placed.begin(), placed.end(), [](const PlacedChunk& a, const PlacedChunk& b) {
     return static_cast<double>(a.chunk->startTime) / a.track->timescale <
            static_cast<double>(b.chunk->startTime) / b.track->timescale;
   });
-  uint64_t at = static_cast<uint64_t>(out->getOffset());
-  if (fragmented()) {
-    const size_t moofSize = record::fragmentBox(sequence + 1, placed).size();
-    uint64_t data = moofSize + kMdatHeader;
-    for (PlacedChunk& chunk : placed) {
-      chunk.dataOffset = static_cast<uint32_t>(data);
-      data += chunk.chunk->data.size();
-    }
-    if (Status written = writeBytes(record::fragmentBox(++sequence, placed)); !written.ok()) {
-      return written;
-    }
-    if (Status written = writeBytes(mdatHeader(static_cast<uint32_t>(data - moofSize)));
-        !written.ok()) {
-      return written;
-    }
-    at += moofSize + kMdatHeader;
+  return placed;
+}
+
+// A fragment's moof and mdat header. The moof goes out typed "free" and
+// becomes a moof only once its media is written (see flush): a file that
+// ends inside it then ends in a free box, which readers pass over, where a
+// moof cut short makes some refuse the whole file.
+Status Recorder::State::writeFragmentHead(std::vector<PlacedChunk>& placed) {
+  const size_t moofSize = record::fragmentBox(sequence + 1, placed).size();
+  uint64_t data = moofSize + kMdatHeader;
+  for (PlacedChunk& chunk : placed) {
+    chunk.dataOffset = static_cast<uint32_t>(data);
+    data += chunk.chunk->data.size();
   }
+  Bytes head = record::fragmentBox(++sequence, placed);
+  if (head.size() != moofSize) return fail("a box could not be built");
+  std::copy_n("free", 4, head.begin() + 4);
+  const Bytes mdat = mdatHeader(static_cast<uint32_t>(data - moofSize));
+  head.insert(head.end(), mdat.begin(), mdat.end());
+  return writeBytes(head);
+}
+
+Status Recorder::State::flush() {
+  if (!holding) return {};
+  std::vector<PlacedChunk> placed = heldChunks();
+  const uint64_t start = static_cast<uint64_t>(out->getOffset());
+  if (fragmented()) {
+    if (Status written = writeFragmentHead(placed); !written.ok()) return written;
+  }
+  uint64_t at = static_cast<uint64_t>(out->getOffset());
   for (const PlacedChunk& chunk : placed) {
     if (Status written = writeBytes(chunk.chunk->data); !written.ok()) return written;
     chunk.track->addChunk(at, static_cast<uint32_t>(chunk.chunk->samples.size()));
@@ -236,6 +251,10 @@ Status Recorder::State::flush() {
   held = 0;
   holding = false;
   if (Status synced = sync(); !synced.ok()) return synced;
+  if (fragmented()) {
+    if (Status named = writeAt(start + 4, {'m', 'o', 'o', 'f'}); !named.ok()) return named;
+    if (Status synced = sync(); !synced.ok()) return synced;
+  }
   committed = at;
   return {};
 }

@@ -10,6 +10,7 @@
 #include "box/movie_boxes.h"
 #include "edit/output.h"
 #include "edit/timeline.h"
+#include "recover/presentation.h"
 #include "recover/scan.h"
 #include "recover/tables.h"
 
@@ -27,8 +28,8 @@ const char* const kNeedsReference =
     "same settings";
 
 // The edit list of a recovered track: the empty edits that lead, then the
-// media from where the first other edit starts to the end of the samples.
-std::vector<edit::EditSegment> editsOf(const ElstAtom* elst, uint64_t mediaDuration,
+// media from where the first other edit starts to where the last sample shown ends.
+std::vector<edit::EditSegment> editsOf(const ElstAtom* elst, uint64_t presentationEnd,
                                        uint32_t timescale, uint32_t movieTimescale) {
   std::vector<edit::EditSegment> edits;
   if (elst == nullptr) return edits;
@@ -38,7 +39,7 @@ std::vector<edit::EditSegment> editsOf(const ElstAtom* elst, uint64_t mediaDurat
       continue;
     }
     const auto from = static_cast<uint64_t>(entry.mediaTime);
-    const uint64_t left = mediaDuration > from ? mediaDuration - from : 0;
+    const uint64_t left = presentationEnd > from ? presentationEnd - from : 0;
     edits.push_back({rescale(left, timescale, movieTimescale), entry.mediaTime});
     break;
   }
@@ -105,7 +106,8 @@ Result<RecoverReport> fromOwnTables(Mp4File& file, std::vector<Track>& tracks,
     NewTrack& next = made.emplace_back();
     next.trak = traks[t];
     next.timescale = track.timescale();
-    next.edits = editsOf(track.elst(), tables.duration(), track.timescale(), track.movieTimescale());
+    next.edits =
+        editsOf(track.elst(), tables.presentationEnd(), track.timescale(), track.movieTimescale());
     tables.finish(next, layout);
   }
   if (std::all_of(made.begin(), made.end(), [](const NewTrack& n) { return n.sampleCount == 0; })) {
@@ -186,7 +188,7 @@ const Config* configOf(const Atom& box) {
 }
 
 // The AudioSpecificConfig in an esds body: ES_Descriptor, then its
-// DecoderConfigDescriptor, then the DecoderSpecificInfo.
+// DecoderConfigDescriptor (of MPEG-4 audio), then the DecoderSpecificInfo.
 std::vector<uint8_t> specificConfig(const std::vector<unsigned char>& body) {
   size_t at = 4;  // version and flags
   auto descriptor = [&](uint8_t tag, size_t* length) {
@@ -207,11 +209,34 @@ std::vector<uint8_t> specificConfig(const std::vector<unsigned char>& body) {
   if ((flags & 0x80) != 0) at += 2;
   if ((flags & 0x40) != 0 && at < body.size()) at += 1 + body[at];
   if ((flags & 0x20) != 0) at += 2;
-  if (!descriptor(4, &length) || body.size() - at < 13) return {};
+  if (!descriptor(4, &length) || body.size() - at < 13 || body[at] != 0x40) return {};
   at += 13;
   if (!descriptor(5, &length) || body.size() - at < length) return {};
   return std::vector<uint8_t>(body.begin() + static_cast<std::ptrdiff_t>(at),
                               body.begin() + static_cast<std::ptrdiff_t>(at + length));
+}
+
+// The body of the esds box that a QuickTime sound entry holds in its wave
+// box (kept as opaque bytes); empty when there is none.
+std::vector<unsigned char> esdsInWave(const Atom& entry) {
+  for (const Atom* child : entry.children) {
+    const auto* wave = dynamic_cast<const UserDefAtom*>(child);
+    if (wave == nullptr || child->header.type != "wave") continue;
+    const std::vector<unsigned char>& body = wave->body;
+    size_t at = 0;
+    while (body.size() - at >= 8) {
+      const size_t size = (size_t{body[at]} << 24) | (size_t{body[at + 1]} << 16) |
+                          (size_t{body[at + 2]} << 8) | body[at + 3];
+      if (size < 8 || size > body.size() - at) break;
+      if (std::string(body.begin() + static_cast<std::ptrdiff_t>(at + 4),
+                      body.begin() + static_cast<std::ptrdiff_t>(at + 8)) == "esds") {
+        return std::vector<unsigned char>(body.begin() + static_cast<std::ptrdiff_t>(at + 8),
+                                          body.begin() + static_cast<std::ptrdiff_t>(at + size));
+      }
+      at += size;
+    }
+  }
+  return {};
 }
 
 // The duration most samples of the track have.
@@ -300,16 +325,54 @@ Result<TrackModel> modelOf(const Track& track, const RecoverOptions& options) {
     return model;
   }
   const auto* esds = configOf<EsdsAtom>(entry);
-  if (track.entryType() == "mp4a" && esds != nullptr && esds->parsed && esds->objectType == 0x40) {
+  const std::vector<unsigned char> esdsBody = esds != nullptr ? esds->body : esdsInWave(entry);
+  if (track.entryType() == "mp4a" && !esdsBody.empty()) {
     model.kind = TrackModel::Kind::Aac;
-    model.aacConfig = specificConfig(esds->body);
-    if (model.aacConfig.empty()) return track.fail("esds holds no AudioSpecificConfig");
+    model.aacConfig = specificConfig(esdsBody);
+    if (model.aacConfig.empty()) return track.fail("esds holds no AAC AudioSpecificConfig");
     if (!options.aacFrameLength) {
       return track.fail("AAC frames are found by decoding them, and no AAC decoder was given");
     }
     return model;
   }
   return track.fail("has samples of varying size in a coding whose frames cannot be found");
+}
+
+// Composition offsets for the frames of a reference that reorders them
+// (B-frames): their order counts placed as the reference shows its own.
+Status showInOrder(const Track& track, IOStream& reference, const TrackModel& model,
+                   const std::vector<recovery::PictureCount>& pictures, TrackTables& tables) {
+  Result<recovery::Presentation> presentation =
+      recovery::presentationOf(track, reference, model.nal, model.sampleDuration);
+  if (!presentation.ok()) return presentation.status();
+  Result<std::vector<int64_t>> offsets = recovery::compositionOffsets(pictures, *presentation);
+  if (!offsets.ok()) return track.fail(offsets.message());
+  tables.setCompositionOffsets(*offsets);
+  return Status();
+}
+
+// The first key frame found of a video track decodes with the reference's
+// decoder configuration, when a decoder was given.
+Status keyFrameDecodes(const Track& track, const TrackModel& model, const TrackTables& tables,
+                       IOStream& media, const RecoverOptions& options) {
+  if (!options.keyFrameDecodes || model.kind != TrackModel::Kind::Video || tables.samples() == 0) {
+    return Status();
+  }
+  const Atom& entry = *track.stsd().children.front();
+  const auto* avc = configOf<AvcConfigAtom>(entry);
+  const auto* hevc = configOf<HevcConfigAtom>(entry);
+  const std::vector<unsigned char>& configuration = avc != nullptr ? avc->body : hevc->body;
+  std::vector<uint8_t> frame(tables.firstSize());
+  if (media.seek(static_cast<long long>(tables.firstOffset())) != 0 ||
+      media.read(frame.data(), static_cast<unsigned>(frame.size())) !=
+          static_cast<int>(frame.size())) {
+    return track.fail("its first key frame cannot be read");
+  }
+  if (options.keyFrameDecodes(avc == nullptr, configuration, frame.data(), frame.size())) {
+    return Status();
+  }
+  return track.fail("the reference's parameter sets do not decode its video (the key frame at "
+                    "offset " + std::to_string(tables.firstOffset()) + ")");
 }
 
 Result<RecoverReport> recoverWithReference(const std::string& broken, const std::string& output,
@@ -367,6 +430,14 @@ Result<RecoverReport> recoverWithReference(const std::string& broken, const std:
                                       " from the same device and settings?")
                                .message());
   }
+  for (size_t m = 0; m < models.size(); ++m) {
+    Status decodes = keyFrameDecodes(source->tracks[kept[m]], models[m], scan.tables[m], media,
+                                     options);
+    if (!decodes.ok()) {
+      return Status::failure(broken + ": " + decodes.message() + ": is " +
+                             options.reference + " from the same device and settings?");
+    }
+  }
   std::vector<NewTrack> made;
   edit::Layout layout;
   for (size_t m = 0; m < models.size(); ++m) {
@@ -375,14 +446,17 @@ Result<RecoverReport> recoverWithReference(const std::string& broken, const std:
     NewTrack& next = made.emplace_back();
     next.trak = source->traks[kept[m]];
     next.timescale = track.timescale();
+    const bool reorders = track.ctts() != nullptr && models[m].kind == TrackModel::Kind::Video;
+    Status shown = reorders ? showInOrder(track, *reference.stream(), models[m], scan.pictures[m],
+                                          scan.tables[m])
+                            : Status();
     // Without composition offsets the B-frame delay that the edit list hides is not there.
-    if (track.ctts() == nullptr || models[m].kind != TrackModel::Kind::Video) {
-      next.edits = editsOf(track.elst(), scan.tables[m].duration(), track.timescale(),
+    if (shown.ok()) {
+      next.edits = editsOf(track.elst(), scan.tables[m].presentationEnd(), track.timescale(),
                            source->movieTimescale);
     } else {
-      report.notes.push_back(track.fail("the reference reorders frames (B-frames) and their "
-                                        "composition offsets are not rebuilt: frames show in "
-                                        "decode order").message());
+      report.notes.push_back(shown.message() + ": composition offsets are not rebuilt, frames "
+                                               "show in decode order");
     }
     scan.tables[m].finish(next, layout);
   }

@@ -20,6 +20,12 @@ using AacFrameLength =
     std::function<size_t(const std::vector<uint8_t>& specificConfig, const uint8_t* data,
                          size_t available)>;
 
+// Whether the key frame `sample` decodes, alone and with no error, with the
+// decoder configuration `configuration` (the body of an avcC, or of an hvcC
+// when `hevc`).
+using KeyFrameDecodes = std::function<bool(bool hevc, const std::vector<uint8_t>& configuration,
+                                           const uint8_t* sample, size_t size)>;
+
 struct RecoverOptions {
   // A healthy file from the same device and settings: its tracks, sample
   // entries, time scales, sample durations and chunking stand in for the
@@ -28,6 +34,10 @@ struct RecoverOptions {
   std::string reference;
   // Needed for an AAC track found through a reference.
   AacFrameLength aacFrameLength;
+  // When given, the first key frame found of each video track must decode
+  // with the reference's parameter sets: a reference of another picture
+  // size or coding settings reads the same slice headers.
+  KeyFrameDecodes keyFrameDecodes;
   // Called as media bytes are copied; returning false stops the job.
   std::function<bool(uint64_t done, uint64_t total)> progress;
 };

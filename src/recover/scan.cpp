@@ -160,6 +160,7 @@ struct Candidate {
   uint64_t length = 0;  // 0: none
   uint32_t count = 1;   // samples in it (a packet of fixed-size samples)
   bool key = true;
+  AccessUnit unit;      // video: what its picture order count is read from
 };
 
 class Scanner {
@@ -167,10 +168,11 @@ class Scanner {
   Scanner(IOStream& stream, uint64_t start, uint64_t end, const std::vector<TrackModel>& models,
           const AacFrameLength& aacFrameLength)
       : window_(stream, end), pos_(start), end_(end), models_(models),
-        aacFrameLength_(aacFrameLength), progress_(models.size()) {
+        aacFrameLength_(aacFrameLength), progress_(models.size()), orders_(models.size()) {
     for (const TrackModel& model : models) {
       result_.tables.emplace_back(model.kind == TrackModel::Kind::Fixed ? model.sampleSize : 0);
     }
+    result_.pictures.resize(models.size());
     result_.end = start;
   }
 
@@ -232,6 +234,7 @@ class Scanner {
         if (!unit.cutShort && starts) {
           found.length = unit.length;
           found.key = unit.key;
+          found.unit = unit;
         }
         videoCut_ = videoCut_ || unit.cutShort;
         break;
@@ -335,6 +338,9 @@ class Scanner {
     sample.duration = model.sampleDuration;
     sample.sync = found.key;
     result_.tables[t].add(sample, found.count);
+    if (model.kind == TrackModel::Kind::Video) {
+      result_.pictures[t].push_back(pictureCount(orders_[t], found.unit));
+    }
     progress_[t].time += uint64_t{model.sampleDuration} * found.count;
     pos_ += found.length;
     result_.end = pos_;
@@ -346,6 +352,7 @@ class Scanner {
   const std::vector<TrackModel>& models_;
   const AacFrameLength& aacFrameLength_;
   std::vector<Progress> progress_;
+  std::vector<PictureOrder> orders_;
   ScanResult result_;
   bool videoCut_ = false;  // a video frame cut off by the end starts at the position
 };
@@ -359,6 +366,7 @@ ScanResult scanMedia(IOStream& stream, uint64_t start, uint64_t end,
     for (const TrackModel& model : models) {
       none.tables.emplace_back(model.kind == TrackModel::Kind::Fixed ? model.sampleSize : 0);
     }
+    none.pictures.resize(models.size());
     none.end = start;
     return none;
   }

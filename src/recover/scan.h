@@ -11,6 +11,7 @@
 
 #include "box/stream.h"
 #include "recover/access_unit.h"
+#include "recover/presentation.h"
 #include "recover/recover.h"
 #include "recover/tables.h"
 
@@ -32,6 +33,8 @@ struct TrackModel {
 
 struct ScanResult {
   std::vector<TrackTables> tables;  // one per model
+  // Per model, of a video track: each sample's picture order count.
+  std::vector<std::vector<PictureCount>> pictures;
   uint64_t end = 0;                 // where the last sample taken ends
   std::string stop;                 // why the walk stopped early; empty at the data's end
 };

@@ -17,20 +17,14 @@ void TrackTables::add(const FoundSample& sample, uint32_t count) {
   samples_ += count;
   stts_->addEntry(count, sample.duration);
   duration_ += uint64_t{sample.duration} * count;
+  shownEnd_ = std::max(shownEnd_, static_cast<int64_t>(duration_) + sample.compositionOffset);
   bytes_ += uint64_t{sample.size} * count;
   if (constantSize_ == 0) {
     for (uint32_t i = 0; i < count; ++i) stsz_->addEntry(sample.size);
   }
   if (count == 1 && sample.sync) stss_->addEntry(first);
   nonSync_ = nonSync_ || !sample.sync;
-  hasOffsets_ = hasOffsets_ || sample.compositionOffset != 0;
-  if (sample.compositionOffset < 0) ctts_->version = 1;
-  const auto stored = static_cast<uint32_t>(sample.compositionOffset);
-  if (!ctts_->entries.empty() && ctts_->entries.back().sampleOffset == stored) {
-    ctts_->entries.back().sampleCount += count;
-  } else {
-    ctts_->entries.push_back({count, stored});
-  }
+  addOffset(sample.compositionOffset, count);
   if (first == 1 || sample.offset != chunkEnd_ || sample.description != description_) {
     closeChunk();
     chunkOffsets_.push_back(sample.offset);
@@ -40,6 +34,38 @@ void TrackTables::add(const FoundSample& sample, uint32_t count) {
   inChunk_ += count;
   chunkLengths_.back() += uint64_t{sample.size} * count;
   chunkEnd_ = sample.offset + uint64_t{sample.size} * count;
+}
+
+void TrackTables::addOffset(int64_t offset, uint32_t count) {
+  hasOffsets_ = hasOffsets_ || offset != 0;
+  if (offset < 0) ctts_->version = 1;
+  const auto stored = static_cast<uint32_t>(offset);
+  if (!ctts_->entries.empty() && ctts_->entries.back().sampleOffset == stored) {
+    ctts_->entries.back().sampleCount += count;
+  } else {
+    ctts_->entries.push_back({count, stored});
+  }
+}
+
+void TrackTables::setCompositionOffsets(const std::vector<int64_t>& offsets) {
+  ctts_->entries.clear();
+  ctts_->version = 0;
+  hasOffsets_ = false;
+  shownEnd_ = 0;
+  int64_t decoded = 0;
+  size_t next = 0;
+  for (const SttsEntry& run : stts_->entries) {
+    for (uint32_t i = 0; i < run.sampleCount && next < offsets.size(); ++i, ++next) {
+      decoded += run.sampleDelta;
+      shownEnd_ = std::max(shownEnd_, decoded + offsets[next]);
+      addOffset(offsets[next], 1);
+    }
+  }
+}
+
+uint32_t TrackTables::firstSize() const {
+  if (samples_ == 0) return 0;
+  return constantSize_ != 0 ? constantSize_ : stsz_->entries.front();
 }
 
 void TrackTables::closeChunk() {

@@ -2,7 +2,9 @@
 // tables' own addEntry, as a recorder builds them.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <vector>
 
 #include "edit/output.h"
 
@@ -28,7 +30,16 @@ class TrackTables {
   void add(const FoundSample& sample, uint32_t count = 1);
   uint32_t samples() const { return samples_; }
   uint64_t duration() const { return duration_; }
+  // When the last sample to show ends, in decode time: the duration
+  // unless composition offsets move samples past it.
+  uint64_t presentationEnd() const { return static_cast<uint64_t>(std::max<int64_t>(shownEnd_, 0)); }
   uint64_t bytes() const { return bytes_; }
+  // Gives the samples these composition offsets, one each, in place of
+  // those they were added with.
+  void setCompositionOffsets(const std::vector<int64_t>& offsets);
+  // Where the first sample is in the broken file, and its size.
+  uint64_t firstOffset() const { return chunkOffsets_.empty() ? 0 : chunkOffsets_.front(); }
+  uint32_t firstSize() const;
   // Where the last sample ends in the broken file.
   uint64_t end() const { return chunkEnd_; }
 
@@ -38,10 +49,12 @@ class TrackTables {
 
  private:
   void closeChunk();
+  void addOffset(int64_t offset, uint32_t count);
 
   uint32_t constantSize_;
   uint32_t samples_ = 0;
   uint64_t duration_ = 0;
+  int64_t shownEnd_ = 0;
   uint64_t bytes_ = 0;
   std::unique_ptr<SttsAtom> stts_;
   std::unique_ptr<StscAtom> stsc_;

@@ -1,0 +1,13 @@
+// Whether a video key frame decodes with a sample entry's decoder
+// configuration, checked with FFmpeg's libavcodec when the command is
+// built with it.
+#pragma once
+
+#include "recover/recover.h"
+
+namespace mp4stbl::cli {
+
+// Empty when the command was built without libavcodec.
+KeyFrameDecodes keyFrameDecodes();
+
+}  // namespace mp4stbl::cli

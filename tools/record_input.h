@@ -1,0 +1,52 @@
+// The inputs of mp4stbl record read side by side: regular files, named
+// pipes and stdin, each read without blocking as its bytes come, so that a
+// producer writing several of them is never held up by one we are not
+// reading.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace mp4stbl::cli {
+
+class Inputs {
+ public:
+  Inputs() = default;
+  ~Inputs();
+  Inputs(const Inputs&) = delete;
+  Inputs& operator=(const Inputs&) = delete;
+
+  // Opens `path` ("-" for stdin) for reading; on failure the system's
+  // reason. A named pipe opens at once, before a writer has come.
+  std::string add(const std::string& path);
+  size_t size() const { return inputs_.size(); }
+  const std::string& path(size_t index) const { return inputs_[index].path; }
+  bool ended(size_t index) const { return inputs_[index].ended; }
+  bool allEnded() const;
+  // Stops reading `index`, as if it had ended.
+  void close(size_t index);
+
+  // Bytes read, or the end of an input (size 0).
+  using Visit = std::function<void(size_t index, const uint8_t* bytes, size_t size)>;
+  // Waits up to `timeoutMs` for inputs that have bytes or end, and reads
+  // one block from each. A signal ends the wait early. A failing read
+  // gives the system's reason and the index of its input.
+  std::string read(int timeoutMs, const Visit& visit, size_t* failed);
+
+ private:
+  struct Input {
+    std::string path;
+    int fd = -1;
+    bool ended = false;
+    int restoreFlags = -1;  // stdin's flags before it was made non-blocking
+  };
+  std::vector<Input> inputs_;
+  std::vector<uint8_t> block_ = std::vector<uint8_t>(1 << 16);
+};
+
+}  // namespace mp4stbl::cli
