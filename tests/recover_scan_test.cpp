@@ -22,6 +22,8 @@ std::vector<uint8_t> withLength(const std::vector<uint8_t>& nal) {
 // Baseline, 160x128, frame_num and pic_order_cnt_lsb of 4 bits.
 const std::vector<uint8_t> kSps = {0x67, 0x42, 0xc0, 0x1e, 0xf4, 0x14, 0x23, 0x20};
 const std::vector<uint8_t> kPps = {0x68, 0xce, 0x3c, 0x80};
+const std::vector<uint8_t> kAud = {0x09, 0xf0};
+const std::vector<uint8_t> kSei = {0x06, 0x05, 0x01, 0x00, 0x80};
 const std::vector<uint8_t> kIdr = {0x65, 0x88, 0x84, 0x00};   // first_mb_in_slice 0
 const std::vector<uint8_t> kP = {0x41, 0x9a, 0x02, 0x03};     // first_mb_in_slice 0
 const std::vector<uint8_t> kPart = {0x41, 0x10, 0x68, 0x0c};  // first_mb_in_slice 7
@@ -39,13 +41,20 @@ struct Media {
   uint32_t packets = 0;
 };
 
-// Video frames of nine slices each (the first an IDR picture of one), each
-// followed by a packet of 16-bit PCM whose samples read as no NAL unit
-// length; past 20 MiB in all, more than one look of the walk.
+// Video frames of nine slices each, each followed by a packet of 16-bit
+// PCM whose samples read as no NAL unit length; past 20 MiB in all, more
+// than one look of the walk. The first frame is an IDR picture of one
+// slice behind a delimiter, parameter sets and SEI.
 Media interleaved() {
   Media media;
   for (int frame = 0; media.bytes.size() < (21u << 20); ++frame) {
-    std::vector<uint8_t> unit = slice(kIdr, 1000);
+    std::vector<uint8_t> unit;
+    for (const auto& nal : {kAud, kSps, kPps, kSei, kSei}) {
+      const std::vector<uint8_t> prefixed = withLength(nal);
+      unit.insert(unit.end(), prefixed.begin(), prefixed.end());
+    }
+    const std::vector<uint8_t> idr = slice(kIdr, 1000);
+    unit.insert(unit.end(), idr.begin(), idr.end());
     if (frame != 0) {
       // Slices of uneven sizes, so that their starts fall anywhere in a page.
       unit = slice(kP, 4093 + static_cast<size_t>(frame) % 7);

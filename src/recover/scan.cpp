@@ -271,14 +271,15 @@ class Scanner {
 
   // findAccessUnit on the bytes at the position, read as it walks them:
   // the starts of the first NAL units, and of twice as many while the unit
-  // may run on past them.
+  // may run on past them (it took them all, or found no slice among them:
+  // parameter sets and SEI may come first).
   AccessUnit accessUnit(const NalFormat& format, const uint8_t* data, size_t got) {
     for (size_t units = 4;; units *= 2) {
       bool chainEnds = false;
       const size_t view = readNalStarts(format, data, got, units, &chainEnds);
       if (window_.failed()) return {};
       const AccessUnit unit = findAccessUnit(format, data, view);
-      if (chainEnds || unit.length < view || view == got) return unit;
+      if (chainEnds || view == got || (unit.length != 0 && unit.length < view)) return unit;
     }
   }
 
