@@ -33,5 +33,7 @@ TEST_PACKAGES=(ffmpeg libbenchmark-dev time gstreamer1.0-tools gstreamer1.0-plug
 # The libFuzzer targets (scripts/fuzz.sh): clang and its sanitizer runtimes.
 FUZZ_PACKAGES=(clang-14 libclang-rt-14-dev)
 # The benchmarks (scripts/bench.sh): Google Benchmark, the command's parsers,
-# ffprobe to compare with and GNU time for peak memory.
-BENCH_PACKAGES=(libbenchmark-dev libcli11-dev nlohmann-json3-dev ffmpeg mediainfo time)
+# ffprobe to compare with and GNU time for peak memory; GStreamer's muxer from
+# Python (bench/gst_mux.py) for the recorder's.
+BENCH_PACKAGES=(libbenchmark-dev libcli11-dev nlohmann-json3-dev ffmpeg mediainfo time
+  gstreamer1.0-tools gstreamer1.0-plugins-good gstreamer1.0-plugins-bad python3-gi gir1.2-gstreamer-1.0)

@@ -49,8 +49,9 @@ struct VideoRead {
 };
 
 // Reads `stream` fed in pieces of `piece` bytes (0: pieces of random sizes
-// from a fixed seed), taking frames after every piece.
-VideoRead readVideo(const Bytes& stream, size_t piece) {
+// from a fixed seed), taking frames after every piece; then the stream ends
+// or, with `cut`, is cut off.
+VideoRead readVideo(const Bytes& stream, size_t piece, bool cut = false) {
   VideoRead read;
   AnnexBReader reader;
   std::mt19937 random(17);
@@ -68,7 +69,7 @@ VideoRead readVideo(const Bytes& stream, size_t piece) {
     at += size;
     take();
   }
-  if (read.status.ok()) read.status = reader.finish();
+  if (read.status.ok()) read.status = cut ? reader.cut() : reader.finish();
   take();
   if (reader.config() != nullptr) read.record = reader.config()->record;
   return read;
@@ -416,6 +417,23 @@ TEST(AnnexB, AccessUnitsOfAHandMadeStream) {
     const VideoRead read = readVideo(stream, piece);
     EXPECT_EQ(read.status.message(), "");
     EXPECT_TRUE(read.frames == expected) << "pieces of " << piece;
+  }
+  // Cut off: the last access unit may be short and is left out, and the
+  // frames held back before it are shown. Cut inside the last slice's
+  // header, the cut NAL unit may be more of the picture before it, which is
+  // left out too.
+  auto shownAs = [&](std::vector<uint64_t> presentations) {
+    std::vector<Frame> frames(expected.begin(), expected.begin() + static_cast<long>(presentations.size()));
+    for (size_t i = 0; i < frames.size(); ++i) frames[i].presentation = presentations[i];
+    return frames;
+  };
+  const std::pair<size_t, std::vector<Frame>> cuts[] = {{stream.size(), shownAs({0, 2, 1})},
+                                                        {stream.size() - 3, shownAs({0, 1})}};
+  for (const auto& [length, kept] : cuts) {
+    const VideoRead read = readVideo(Bytes(stream.begin(), stream.begin() + static_cast<long>(length)),
+                                     5, true);
+    EXPECT_EQ(read.status.message(), "");
+    EXPECT_TRUE(read.frames == kept) << "cut at " << length;
   }
 }
 

@@ -202,8 +202,17 @@ TEST_F(Record, UnfinishedRecordingHoldsItsWholeFragments) {
 // Two tracks recorded into memory: five H.264 frames of 40 ms, the last
 // 60 ms (key frames 1 and 4, B-frame offsets) and 1600 G.711 samples in two writes, chunks of
 // 80 ms. Each table, as the file holds it.
+// A memory sink that also keeps each write, in order, with its offset.
+struct WriteLog : MemoryStream {
+  std::vector<std::pair<uint64_t, Bytes>> writes;
+  int write(const unsigned char* bytes, unsigned count) override {
+    writes.emplace_back(static_cast<uint64_t>(getOffset()), Bytes(bytes, bytes + count));
+    return MemoryStream::write(bytes, count);
+  }
+};
+
 struct TwoTracks {
-  MemoryStream sink;
+  WriteLog sink;
   Bytes unfinished;  // what the sink held before finish()
   Mp4File file;
   std::vector<Atom*> tables;  // of both stbl boxes, in file order
@@ -307,6 +316,48 @@ TEST(RecordTables, FragmentsAgreeWithTheTables) {
                          y[i].presentationTime))
           << "track " << t << " sample " << i;
     }
+  }
+}
+
+// What the disk holds after any number of the recorder's writes, the last
+// one perhaps in part: every box typed moof is whole and its mdat too, since
+// some readers refuse a file that ends inside a moof.
+TEST(RecordTables, NoWriteLeavesAFragmentCutShortNamed) {
+  TwoTracks recorded(Layout::Hybrid, 0.04);
+  const auto& writes = recorded.sink.writes;
+  ASSERT_GT(writes.size(), 10u);
+  auto be32 = [](const Bytes& bytes, uint64_t at) {
+    return uint64_t{bytes[at]} << 24 | bytes[at + 1] << 16 | bytes[at + 2] << 8 | bytes[at + 3];
+  };
+  Bytes disk;
+  auto check = [&](const Bytes& held) {
+    uint64_t at = 0;
+    while (at + 8 <= held.size()) {
+      const uint64_t size = be32(held, at);
+      const std::string type(held.begin() + static_cast<long>(at + 4),
+                             held.begin() + static_cast<long>(at + 8));
+      if (size < 8) return;  // the mdat of a finished file, not yet sized
+      if (type == "moof") {
+        const uint64_t mdat = at + size;
+        ASSERT_LE(mdat + 8, held.size());
+        ASSERT_EQ(std::string(held.begin() + static_cast<long>(mdat + 4),
+                              held.begin() + static_cast<long>(mdat + 8)), "mdat");
+        ASSERT_LE(mdat + be32(held, mdat), held.size());
+      }
+      at += size;
+    }
+  };
+  for (size_t i = 0; i < writes.size(); ++i) {
+    SCOPED_TRACE("write " + std::to_string(i));
+    const auto& [offset, bytes] = writes[i];
+    Bytes half = disk;
+    half.resize(std::max<uint64_t>(half.size(), offset + bytes.size() / 2));
+    std::copy(bytes.begin(), bytes.begin() + static_cast<long>(bytes.size() / 2),
+              half.begin() + static_cast<long>(offset));
+    check(half);
+    disk.resize(std::max<uint64_t>(disk.size(), offset + bytes.size()));
+    std::copy(bytes.begin(), bytes.end(), disk.begin() + static_cast<long>(offset));
+    check(disk);
   }
 }
 

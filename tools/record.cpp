@@ -91,9 +91,9 @@ class VideoSource : public Source {
       : path_(std::move(path)), fpsNum_(fpsNum), fpsDen_(fpsDen) {}
 
   Status feed(const uint8_t* bytes, size_t size) override { return reader_.feed(bytes, size); }
-  // A stream cut by a signal may end inside an access unit: the frames
-  // still held back are left out rather than one that may be cut.
-  Status end(bool cut) override { return cut ? Status() : reader_.finish(); }
+  // A stream cut by a signal may end inside an access unit, which is left
+  // out; the frames held back for their presentation order are kept.
+  Status end(bool cut) override { return cut ? reader_.cut() : reader_.finish(); }
   bool configured() const override { return reader_.config() != nullptr; }
 
   Result<uint32_t> addTrack(Recorder& recorder, std::vector<std::string>&) override {

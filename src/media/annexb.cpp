@@ -374,6 +374,18 @@ Status AnnexBReader::finish() {
   return s.failed;
 }
 
+Status AnnexBReader::cut() {
+  State& s = *state_;
+  if (!s.failed.ok() || s.finished) return s.failed;
+  s.finished = true;
+  // The last NAL unit may be short, but its header still tells whether it
+  // starts a picture and so ends the access unit before it; what it cannot
+  // tell (a header cut short) is no failure of the frames before.
+  static_cast<void>(s.endNal(s.buffer.size()));
+  s.bumpAll();
+  return Status();
+}
+
 const VideoConfig* AnnexBReader::config() const {
   return state_->config ? &*state_->config : nullptr;
 }

@@ -40,6 +40,10 @@ class AnnexBReader {
   Status feed(const uint8_t* bytes, size_t size);
   // The stream ended: the last access unit is complete.
   Status finish();
+  // The stream was cut off (a signal, a producer gone): the access unit
+  // still being read may be short and is left out; every frame before it
+  // is released with its presentation index.
+  Status cut();
   // The configuration of the first parameter sets; none before they came.
   const VideoConfig* config() const;
   // The next frame in decode order once its presentation index is known;

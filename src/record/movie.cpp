@@ -307,11 +307,38 @@ void addTrackFragment(Tree& tree, RecordedTrack& track, const std::vector<const 
     trun->sampleCount = static_cast<uint32_t>(chunks[i]->samples.size());
     trun->dataOffset = dataOffsets[i];
     if (trun->entryBytes() == 0) continue;
+    trun->entries.reserve(chunks[i]->samples.size());
     for (const HeldSample& sample : chunks[i]->samples) {
       trun->entries.push_back({sample.duration, sample.size, flagsOf(sample.key),
                                static_cast<uint32_t>(sample.compositionOffset)});
     }
   }
+}
+
+// Every run's data offset counts from the start of the moof, whose size is
+// known once it is written: the offsets are built counted from its end, and
+// its size is added to each in the bytes (a moof of ours: mfhd and trafs of
+// tfhd, tfdt and truns, each trun with its data offset after the count).
+void addMoofSizeToDataOffsets(Bytes& moof) {
+  const auto size = static_cast<uint32_t>(moof.size());
+  auto word = [&moof](size_t at) {
+    return uint32_t{moof[at]} << 24 | uint32_t{moof[at + 1]} << 16 | uint32_t{moof[at + 2]} << 8 |
+           moof[at + 3];
+  };
+  auto boxes = [&moof, &word](size_t from, size_t to, const char* type, auto&& visit) {
+    for (size_t at = from; at + 8 <= to;) {
+      const uint32_t length = word(at);
+      if (length < 8 || length > to - at) return;
+      if (std::equal(type, type + 4, moof.begin() + static_cast<long>(at + 4))) visit(at, at + length);
+      at += length;
+    }
+  };
+  boxes(8, moof.size(), "traf", [&](size_t traf, size_t trafEnd) {
+    boxes(traf + 8, trafEnd, "trun", [&](size_t trun, size_t) {
+      const uint32_t offset = word(trun + 16) + size;
+      for (int i = 0; i < 4; ++i) moof[trun + 16 + i] = static_cast<uint8_t>(offset >> (24 - 8 * i));
+    });
+  });
 }
 
 }  // namespace
@@ -335,7 +362,9 @@ Bytes fragmentBox(uint32_t sequenceNumber, const std::vector<PlacedChunk>& chunk
     }
     addTrackFragment(tree, *track, own, offsets);
   }
-  return tree.bytes();
+  Bytes moof = tree.bytes();
+  addMoofSizeToDataOffsets(moof);
+  return moof;
 }
 
 }  // namespace mp4stbl::record

@@ -22,8 +22,8 @@ Bytes fragmentedMovieBox(std::vector<RecordedTrack>& tracks, uint32_t movieTimes
 // cannot be written.
 Bytes finalMovieBox(std::vector<RecordedTrack>& tracks, uint32_t movieTimescale, int64_t shift);
 
-// A chunk of a fragment and where its bytes start, counted from the
-// fragment's moof.
+// A chunk of a fragment and where its bytes start, counted from the end of
+// the fragment's moof.
 struct PlacedChunk {
   RecordedTrack* track = nullptr;
   const Chunk* chunk = nullptr;
@@ -31,7 +31,8 @@ struct PlacedChunk {
 };
 
 // The moof of one fragment; its runs in the order of `chunks`, grouped by
-// track. Empty when it cannot be written.
+// track, their data offsets counted from the moof's start. Empty when it
+// cannot be written.
 Bytes fragmentBox(uint32_t sequenceNumber, const std::vector<PlacedChunk>& chunks);
 
 }  // namespace mp4stbl::record

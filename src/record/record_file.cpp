@@ -11,8 +11,10 @@ namespace mp4stbl {
 
 namespace {
 
-// Small writes gather here; a write this large or larger goes straight out.
+// Small writes gather here, up to this many bytes.
 constexpr size_t kBufferSize = size_t{1} << 20;
+// A write this large goes straight out, not copied into the buffer.
+constexpr size_t kDirectSize = size_t{64} << 10;
 
 }  // namespace
 
@@ -67,7 +69,7 @@ int RecordFile::write(const unsigned char* bytes, unsigned count) {
     return -1;
   }
   if (buffer_.empty()) bufferStart_ = position_;
-  if (buffer_.size() + count > kBufferSize) {
+  if (count >= kDirectSize || buffer_.size() + count > kBufferSize) {
     if (flush() != 0 || writeAt(position_, bytes, count) != 0) return -1;
   } else {
     buffer_.insert(buffer_.end(), bytes, bytes + count);

@@ -22,8 +22,7 @@ uint64_t RecordedTrack::ticks(double seconds) const {
   return value < 1 ? 1 : static_cast<uint64_t>(value);
 }
 
-void RecordedTrack::append(const uint8_t* bytes, const HeldSample& sample, uint64_t decodeTime,
-                           uint64_t chunkTicks) {
+void RecordedTrack::append(const uint8_t* bytes, const HeldSample& sample, uint64_t decodeTime) {
   ++sampleCount;
   stts->addEntry(1, sample.duration);
   if (frameSize == 0) stsz->addEntry(sample.size);
@@ -44,13 +43,28 @@ void RecordedTrack::append(const uint8_t* bytes, const HeldSample& sample, uint6
   anyOffset = anyOffset || sample.compositionOffset != 0;
 
   if (chunks.empty() || decodeTime - chunks.back().startTime >= chunkTicks) {
-    chunks.emplace_back().startTime = decodeTime;
+    if (spareChunks.empty()) {
+      chunks.emplace_back();
+    } else {
+      chunks.push_back(std::move(spareChunks.back()));
+      spareChunks.pop_back();
+    }
+    chunks.back().startTime = decodeTime;
   }
   Chunk& chunk = chunks.back();
   chunk.samples.push_back(sample);
   chunk.data.insert(chunk.data.end(), bytes, bytes + sample.size);
   endTime = decodeTime + sample.duration;
   lastDuration = sample.duration;
+}
+
+void RecordedTrack::clearChunks() {
+  for (Chunk& chunk : chunks) {
+    chunk.samples.clear();
+    chunk.data.clear();
+    spareChunks.push_back(std::move(chunk));
+  }
+  chunks.clear();
 }
 
 void RecordedTrack::addChunk(uint64_t offset, uint32_t samples) {

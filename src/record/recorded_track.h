@@ -44,6 +44,7 @@ struct RecordedTrack {
   // Bytes of every sample of a constant-size track (PCM, G.711); 0 when
   // sizes vary.
   uint32_t frameSize = 0;
+  uint64_t chunkTicks = 1;  // a chunk's length in the track's time scale
 
   std::unique_ptr<SttsAtom> stts;
   std::unique_ptr<StscAtom> stsc;
@@ -70,8 +71,11 @@ struct RecordedTrack {
   bool pendingKey = true;
   Bytes pendingBytes;
 
-  // This fragment's chunks, in time order.
+  // This fragment's chunks, in time order. The buffers of chunks written
+  // are kept for the next ones: buffers of a chunk's size given back to the
+  // system are zeroed again when the next chunk takes them.
   std::vector<Chunk> chunks;
+  std::vector<Chunk> spareChunks;
 
   RecordedTrack();
   bool isVideo() const;
@@ -79,8 +83,9 @@ struct RecordedTrack {
   uint64_t ticks(double seconds) const;
   // Adds a sample whose duration is known to the tables and to the
   // fragment, opening a chunk every `chunkTicks`.
-  void append(const uint8_t* bytes, const HeldSample& sample, uint64_t decodeTime,
-              uint64_t chunkTicks);
+  void append(const uint8_t* bytes, const HeldSample& sample, uint64_t decodeTime);
+  // The chunks were written; their buffers are kept.
+  void clearChunks();
   // Records where a chunk of `samples` samples starts in the file.
   void addChunk(uint64_t offset, uint32_t samples);
   uint64_t mediaDuration() const { return endTime - firstDecodeTime; }

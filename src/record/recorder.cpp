@@ -134,6 +134,7 @@ Result<uint32_t> Recorder::State::addTrack(RecordedTrack track) {
   if (tracks.size() >= kMaxTracks) return Status::failure("a recording holds at most 64 tracks");
   if (track.timescale == 0) return Status::failure("a time scale of 0");
   track.id = static_cast<uint32_t>(tracks.size() + 1);
+  track.chunkTicks = track.ticks(options.chunkSeconds);
   tracks.push_back(std::move(track));
   return tracks.back().id;
 }
@@ -146,24 +147,26 @@ Status Recorder::State::check(uint32_t id, size_t size, const SampleTime& time) 
                            std::to_string(tracks.size()) + ")");
   }
   const RecordedTrack& track = tracks[id - 1];
-  const std::string which = "track " + std::to_string(id) + ": ";
-  if (size == 0) return Status::failure(which + "a sample of 0 bytes");
+  // Built only for a refusal: write() is called for every sample.
+  auto refuse = [id](const std::string& reason) {
+    return Status::failure("track " + std::to_string(id) + ": " + reason);
+  };
+  if (size == 0) return refuse("a sample of 0 bytes");
   if (size > options.maxBufferedBytes || size > UINT32_MAX) {
-    return Status::failure(which + "a sample of " + std::to_string(size) +
-                           " bytes, more than the recorder holds (" +
-                           std::to_string(options.maxBufferedBytes) + ")");
+    return refuse("a sample of " + std::to_string(size) + " bytes, more than the recorder holds (" +
+                  std::to_string(options.maxBufferedBytes) + ")");
   }
   if (track.frameSize != 0 && size % track.frameSize != 0) {
-    return Status::failure(which + std::to_string(size) + " bytes are not whole frames of " +
-                           std::to_string(track.frameSize));
+    return refuse(std::to_string(size) + " bytes are not whole frames of " +
+                  std::to_string(track.frameSize));
   }
   if (track.pending && time.decodeTime <= track.pendingTime) {
-    return Status::failure(which + "decode time " + std::to_string(time.decodeTime) +
-                           " does not come after " + std::to_string(track.pendingTime));
+    return refuse("decode time " + std::to_string(time.decodeTime) + " does not come after " +
+                  std::to_string(track.pendingTime));
   }
   if (track.pending && time.decodeTime - track.pendingTime > UINT32_MAX) {
-    return Status::failure(which + "decode time " + std::to_string(time.decodeTime) +
-                           " jumps more than 2^32 units past " + std::to_string(track.pendingTime));
+    return refuse("decode time " + std::to_string(time.decodeTime) +
+                  " jumps more than 2^32 units past " + std::to_string(track.pendingTime));
   }
   return {};
 }
@@ -185,7 +188,7 @@ void Recorder::State::hold(RecordedTrack& track, const uint8_t* bytes, const Hel
     fragmentStart = static_cast<double>(time) / track.timescale;
   }
   held += sample.size;
-  track.append(bytes, sample, time, track.ticks(options.chunkSeconds));
+  track.append(bytes, sample, time);
 }
 
 // A fragment ends before a video key frame once half its length has passed,
@@ -220,16 +223,15 @@ std::vector<PlacedChunk> Recorder::State::heldChunks() {
 // ends inside it then ends in a free box, which readers pass over, where a
 // moof cut short makes some refuse the whole file.
 Status Recorder::State::writeFragmentHead(std::vector<PlacedChunk>& placed) {
-  const size_t moofSize = record::fragmentBox(sequence + 1, placed).size();
-  uint64_t data = moofSize + kMdatHeader;
+  uint64_t data = kMdatHeader;
   for (PlacedChunk& chunk : placed) {
     chunk.dataOffset = static_cast<uint32_t>(data);
     data += chunk.chunk->data.size();
   }
   Bytes head = record::fragmentBox(++sequence, placed);
-  if (head.size() != moofSize) return fail("a box could not be built");
+  if (head.empty()) return fail("a box could not be built");
   std::copy_n("free", 4, head.begin() + 4);
-  const Bytes mdat = mdatHeader(static_cast<uint32_t>(data - moofSize));
+  const Bytes mdat = mdatHeader(static_cast<uint32_t>(data));
   head.insert(head.end(), mdat.begin(), mdat.end());
   return writeBytes(head);
 }
@@ -247,7 +249,7 @@ Status Recorder::State::flush() {
     chunk.track->addChunk(at, static_cast<uint32_t>(chunk.chunk->samples.size()));
     at += chunk.chunk->data.size();
   }
-  for (RecordedTrack& track : tracks) track.chunks.clear();
+  for (RecordedTrack& track : tracks) track.clearChunks();
   held = 0;
   holding = false;
   if (Status synced = sync(); !synced.ok()) return synced;
