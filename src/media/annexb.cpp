@@ -382,7 +382,8 @@ Status AnnexBReader::cut() {
   // starts a picture and so ends the access unit before it; what it cannot
   // tell (a header cut short) is no failure of the frames before.
   static_cast<void>(s.endNal(s.buffer.size()));
-  s.bumpAll();
+  s.output.flush(s.shown);
+  s.present();
   return Status();
 }
 
