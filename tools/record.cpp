@@ -425,7 +425,8 @@ class Recording {
       if (status.ok()) status = collect(feed);
       if (!status.ok()) failure = {feed.path, status.message()};
     };
-    const std::string reason = inputs_.read(250, visit, &failed);
+    auto wanted = [this](size_t index) { return feeds_[index].queue.empty(); };
+    const std::string reason = inputs_.read(250, wanted, visit, &failed);
     if (!reason.empty()) return {feeds_[failed].path, "cannot be read: " + reason};
     if (stopped != 0) stop();
     return failure;

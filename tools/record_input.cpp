@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -28,6 +29,8 @@ std::string Inputs::add(const std::string& path) {
     input.fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (input.fd < 0) return std::strerror(errno);
   }
+  struct stat info {};
+  input.regular = fstat(input.fd, &info) == 0 && S_ISREG(info.st_mode);
   inputs_.push_back(input);
   return "";
 }
@@ -51,13 +54,17 @@ void Inputs::close(size_t index) {
   input.fd = -1;
 }
 
-std::string Inputs::read(int timeoutMs, const Visit& visit, size_t* failed) {
+std::string Inputs::read(int timeoutMs, const Wanted& wanted, const Visit& visit, size_t* failed) {
   std::vector<pollfd> waits;
   std::vector<size_t> owners;
-  for (size_t index = 0; index < inputs_.size(); ++index) {
-    if (inputs_[index].ended) continue;
-    waits.push_back({inputs_[index].fd, POLLIN, 0});
-    owners.push_back(index);
+  for (const bool all : {false, true}) {
+    for (size_t index = 0; index < inputs_.size(); ++index) {
+      const Input& input = inputs_[index];
+      if (input.ended || (!all && input.regular && !wanted(index))) continue;
+      waits.push_back({input.fd, POLLIN, 0});
+      owners.push_back(index);
+    }
+    if (!waits.empty()) break;
   }
   if (waits.empty()) return "";
   // A named pipe reports nothing until its first writer has come and, once

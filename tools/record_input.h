@@ -33,16 +33,21 @@ class Inputs {
 
   // Bytes read, or the end of an input (size 0).
   using Visit = std::function<void(size_t index, const uint8_t* bytes, size_t size)>;
+  // Whether the bytes of an input are needed now.
+  using Wanted = std::function<bool(size_t index)>;
   // Waits up to `timeoutMs` for inputs that have bytes or end, and reads
-  // one block from each. A signal ends the wait early. A failing read
-  // gives the system's reason and the index of its input.
-  std::string read(int timeoutMs, const Visit& visit, size_t* failed);
+  // one block from each. A regular file is read only when wanted (or when
+  // no input is): its bytes wait on the disk, where they take no memory,
+  // while a pipe's writer waits for us. A signal ends the wait early. A
+  // failing read gives the system's reason and the index of its input.
+  std::string read(int timeoutMs, const Wanted& wanted, const Visit& visit, size_t* failed);
 
  private:
   struct Input {
     std::string path;
     int fd = -1;
     bool ended = false;
+    bool regular = false;  // a file, not a pipe
     int restoreFlags = -1;  // stdin's flags before it was made non-blocking
   };
   std::vector<Input> inputs_;
