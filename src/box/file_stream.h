@@ -30,6 +30,7 @@ class FileStream : public IOStream, public RangeSink {
   int open(const std::string& path, Mode mode);  // 0 or -1
   int close();                                   // flushes; 0 or -1
   bool isOpen() const;
+  const std::string& path() const { return path_; }
   // The system's error number (errno) of the first open, write, seek or
   // close that failed since open(); 0 when none did or the system gave
   // none.

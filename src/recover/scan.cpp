@@ -1,7 +1,15 @@
 #include "recover/scan.h"
 
 #include <algorithm>
-#include <cstring>
+#include <cerrno>
+#include <memory>
+
+#if defined(__unix__)
+#include <fcntl.h>
+#include <unistd.h>
+#endif
+
+#include "box/file_stream.h"
 
 namespace mp4stbl::recovery {
 
@@ -9,6 +17,12 @@ namespace {
 
 // The bytes a sample is looked for in: a NAL unit is at most half of it.
 constexpr size_t kLook = 16u << 20;
+// The window's size: a look from anywhere in its first megabytes.
+constexpr size_t kSpan = kLook + (4u << 20);
+constexpr size_t kPage = 4096;
+// The bytes at a NAL unit's start that its header and a slice header take,
+// emulation-prevention bytes included.
+constexpr size_t kNalStart = 256;
 // The largest raw AAC frame: 6144 bits a channel, 8 channels.
 constexpr size_t kAacLook = 6144;
 // How far one track's decode time may run ahead of the track furthest
@@ -16,39 +30,122 @@ constexpr size_t kAacLook = 6144;
 // fed by bytes that are not its own.
 constexpr double kLead = 1.0;
 
-// A window of the media data read forward: each byte is read once.
-class Window {
- public:
-  Window(IOStream& stream, uint64_t end) : stream_(stream), end_(end), buffer_(2 * kLook) {}
+uint64_t lengthAt(const uint8_t* data, unsigned size) {
+  uint64_t length = 0;
+  for (unsigned i = 0; i < size; ++i) length = (length << 8) | data[i];
+  return length;
+}
 
-  // The bytes from `pos`: `want` of them, fewer only at the end of the
-  // data; null when the file cannot be read.
-  const uint8_t* at(uint64_t pos, size_t want, size_t* got) {
-    const uint64_t wanted = std::min<uint64_t>(want, end_ - pos);
-    if (pos < start_ || pos + wanted > start_ + length_) {
-      const uint64_t held = start_ + length_;
-      const size_t keep = pos >= start_ && pos < held ? static_cast<size_t>(held - pos) : 0;
-      std::memmove(buffer_.data(), buffer_.data() + (pos - start_) * (keep != 0), keep);
-      start_ = pos;
-      length_ = keep;
-      const auto room = static_cast<size_t>(std::min<uint64_t>(buffer_.size(), end_ - pos));
-      if (stream_.seek(static_cast<long long>(pos + keep)) != 0) return nullptr;
-      while (length_ < room) {
-        const int read = stream_.read(buffer_.data() + length_, static_cast<unsigned>(room - length_));
-        if (read <= 0) return nullptr;
-        length_ += static_cast<size_t>(read);
-      }
+// Reads the broken file at an offset: straight from the file, no more than
+// asked, when the stream is a file on disk (a buffered stream reads a
+// window around each read, and most of a video frame is never looked at);
+// else through the stream.
+class Reader {
+ public:
+  explicit Reader(IOStream& stream) : stream_(stream) {
+#if defined(__unix__)
+    if (const auto* file = dynamic_cast<const FileStream*>(&stream)) {
+      fd_ = ::open(file->path().c_str(), O_RDONLY | O_CLOEXEC);
     }
-    *got = static_cast<size_t>(wanted);
-    return buffer_.data() + (pos - start_);
+#endif
+  }
+  ~Reader() {
+#if defined(__unix__)
+    if (fd_ >= 0) ::close(fd_);
+#endif
+  }
+  Reader(const Reader&) = delete;
+  Reader& operator=(const Reader&) = delete;
+
+  bool read(uint64_t offset, uint8_t* to, size_t length) {
+#if defined(__unix__)
+    if (fd_ >= 0) {
+      while (length > 0) {
+        const ssize_t got = ::pread(fd_, to, length, static_cast<off_t>(offset));
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) return false;
+        to += got;
+        offset += static_cast<uint64_t>(got);
+        length -= static_cast<size_t>(got);
+      }
+      return true;
+    }
+#endif
+    if (stream_.seek(static_cast<long long>(offset)) != 0) return false;
+    while (length > 0) {
+      const int got = stream_.read(to, static_cast<unsigned>(std::min<size_t>(length, 1u << 30)));
+      if (got <= 0) return false;
+      to += got;
+      length -= static_cast<size_t>(got);
+    }
+    return true;
   }
 
  private:
   IOStream& stream_;
+  int fd_ = -1;
+};
+
+// The media data seen through a window whose pages are read when a probe
+// needs them: the walk looks at a few bytes of each sample (NAL unit
+// lengths and slice headers, AAC frames), so the body of a video frame is
+// never read.
+class Window {
+ public:
+  Window(IOStream& stream, uint64_t end)
+      : reader_(stream), end_(end), buffer_(new uint8_t[kSpan]), held_(kSpan / kPage) {}
+
+  // The bytes from `pos`: `want` of them, fewer only at the end of the
+  // data; valid only where `need` read them.
+  const uint8_t* at(uint64_t pos, size_t want, size_t* got) {
+    const uint64_t wanted = std::min<uint64_t>(want, end_ - pos);
+    if (pos < start_ || pos + wanted > start_ + kSpan) {
+      start_ = pos - pos % kPage;
+      std::fill(held_.begin(), held_.end(), false);
+    }
+    *got = static_cast<size_t>(wanted);
+    return buffer_.get() + (pos - start_);
+  }
+
+  // Reads the bytes [pos, pos + length) of the last look where they are not
+  // read yet; false when the file cannot be read.
+  bool need(uint64_t pos, size_t length) {
+    if (failed_) return false;
+    if (length == 0) return true;
+    auto page = static_cast<size_t>((pos - start_) / kPage);
+    const auto last = static_cast<size_t>((pos + length - 1 - start_) / kPage);
+    while (page <= last) {
+      if (held_[page]) {
+        ++page;
+        continue;
+      }
+      size_t run = page;
+      while (run <= last && !held_[run]) ++run;
+      const uint64_t from = start_ + page * kPage;
+      const uint64_t to = std::min<uint64_t>(start_ + run * kPage, end_);
+      if (!reader_.read(from, buffer_.get() + page * kPage, static_cast<size_t>(to - from))) {
+        failed_ = true;
+        failedAt_ = from;
+        return false;
+      }
+      std::fill(held_.begin() + static_cast<std::ptrdiff_t>(page),
+                held_.begin() + static_cast<std::ptrdiff_t>(run), true);
+      page = run;
+    }
+    return true;
+  }
+
+  bool failed() const { return failed_; }
+  uint64_t failedAt() const { return failedAt_; }
+
+ private:
+  Reader reader_;
   uint64_t end_;
-  std::vector<uint8_t> buffer_;
+  std::unique_ptr<uint8_t[]> buffer_;  // uninitialised: pages are read before they are looked at
+  std::vector<bool> held_;             // per page of the window: read
   uint64_t start_ = 0;
-  size_t length_ = 0;
+  bool failed_ = false;
+  uint64_t failedAt_ = 0;
 };
 
 struct Progress {
@@ -83,11 +180,12 @@ class Scanner {
     while (pos_ < end_) {
       size_t got = 0;
       const uint8_t* data = window_.at(pos_, kLook, &got);
-      if (data == nullptr) {
-        result_.stop = "the file cannot be read at offset " + std::to_string(pos_);
+      const bool taken = step(data, got);
+      if (window_.failed()) {
+        result_.stop = "the file cannot be read at offset " + std::to_string(window_.failedAt());
         break;
       }
-      if (!step(data, got)) {
+      if (!taken) {
         result_.stop = "the bytes at offset " + std::to_string(pos_) +
                        " are no whole sample of any track";
         break;
@@ -118,6 +216,7 @@ class Scanner {
     videoCut_ = false;
     for (size_t t : order) {
       const Candidate found = probe(models_[t], data, got);
+      if (window_.failed()) return false;
       if (found.length == 0) continue;
       take(t, found);
       return true;
@@ -129,7 +228,7 @@ class Scanner {
     Candidate found;
     switch (model.kind) {
       case TrackModel::Kind::Video: {
-        const AccessUnit unit = findAccessUnit(model.nal, data, got);
+        const AccessUnit unit = accessUnit(model.nal, data, got);
         // A recording starts with a key frame: nothing decodes before one.
         const bool starts = unit.key || tables(model).samples() != 0;
         if (!unit.cutShort && starts) {
@@ -143,7 +242,12 @@ class Scanner {
       case TrackModel::Kind::Aac: {
         if (!aacFrameLength_) break;
         const size_t look = std::min(got, kAacLook);
-        const size_t length = aacFrameLength_(model.aacConfig, data, look);
+        if (!window_.need(pos_, look)) break;
+        // The frames of a chunk run up to the next video frame: given just
+        // those bytes, the finder splits them in one pass.
+        const size_t run = videoStart(data, look);
+        size_t length = run != 0 ? aacFrameLength_(model.aacConfig, data, run) : 0;
+        if (length == 0 || length > run) length = aacFrameLength_(model.aacConfig, data, look);
         if (length <= look) found.length = length;
         break;
       }
@@ -163,6 +267,64 @@ class Scanner {
       }
     }
     return found;
+  }
+
+  // findAccessUnit on the bytes at the position, read as it walks them:
+  // the starts of the first NAL units, and of twice as many while the unit
+  // may run on past them (it took them all, or found no slice among them:
+  // parameter sets and SEI may come first).
+  AccessUnit accessUnit(const NalFormat& format, const uint8_t* data, size_t got) {
+    for (size_t units = 4;; units *= 2) {
+      bool chainEnds = false;
+      const size_t view = readNalStarts(format, data, got, units, &chainEnds);
+      if (window_.failed()) return {};
+      const AccessUnit unit = findAccessUnit(format, data, view);
+      if (chainEnds || view == got || (unit.length != 0 && unit.length < view)) return unit;
+    }
+  }
+
+  // Reads the length and the start of `units` NAL units from the position,
+  // and returns the bytes they take. When a unit that no walk goes past
+  // comes first (an implausible length or header, a unit running past the
+  // data) it is read too, `chainEnds` is set and the answer is `got`.
+  size_t readNalStarts(const NalFormat& format, const uint8_t* data, size_t got, size_t units,
+                       bool* chainEnds) {
+    const unsigned headerSize = format.codec == VideoCodec::H264 ? 1 : 2;
+    size_t at = 0;
+    for (size_t n = 0; n < units; ++n) {
+      if (got - at < format.lengthSize) break;
+      if (!window_.need(pos_ + at, std::min(got - at, format.lengthSize + kNalStart))) return 0;
+      const uint64_t length = lengthAt(data + at, format.lengthSize);
+      const size_t left = got - at - format.lengthSize;
+      if (length < headerSize || length > format.maxNalLength || length > left ||
+          !plausibleNalHeader(format, data + at + format.lengthSize, left)) {
+        break;
+      }
+      at += format.lengthSize + static_cast<size_t>(length);
+      if (n + 1 == units) return at;
+    }
+    *chainEnds = true;
+    return got;
+  }
+
+  // The first offset after the position, within `look` bytes, where a NAL
+  // unit of the video track could start (a plausible length and header);
+  // 0 when there is none or no video track.
+  size_t videoStart(const uint8_t* data, size_t look) const {
+    for (const TrackModel& model : models_) {
+      if (model.kind != TrackModel::Kind::Video) continue;
+      const NalFormat& format = model.nal;
+      const unsigned headerSize = format.codec == VideoCodec::H264 ? 1 : 2;
+      for (size_t at = 1; at + format.lengthSize + headerSize <= look; ++at) {
+        const uint64_t length = lengthAt(data + at, format.lengthSize);
+        if (length >= headerSize && length <= format.maxNalLength &&
+            plausibleNalHeader(format, data + at + format.lengthSize, headerSize)) {
+          return at;
+        }
+      }
+      return 0;
+    }
+    return 0;
   }
 
   const TrackTables& tables(const TrackModel& model) const {
