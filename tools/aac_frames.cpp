@@ -2,10 +2,7 @@
 
 #ifdef MP4STBL_HAVE_LIBAVCODEC
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavutil/log.h>
-}
+#include "libavcodec.h"
 
 #include <algorithm>
 #include <cstring>
@@ -30,22 +27,22 @@ constexpr size_t kMaxSplit = 64;
 class AacDecoder {
  public:
   explicit AacDecoder(const std::vector<uint8_t>& config) : config_(config) {
-    av_log_set_level(AV_LOG_QUIET);
-    const AVCodec* codec = avcodec_find_decoder(AV_CODEC_ID_AAC);
-    context_ = codec != nullptr ? avcodec_alloc_context3(codec) : nullptr;
-    packet_ = av_packet_alloc();
-    frame_ = av_frame_alloc();
+    av().av_log_set_level(AV_LOG_QUIET);
+    const AVCodec* codec = av().avcodec_find_decoder(AV_CODEC_ID_AAC);
+    context_ = codec != nullptr ? av().avcodec_alloc_context3(codec) : nullptr;
+    packet_ = av().av_packet_alloc();
+    frame_ = av().av_frame_alloc();
     if (context_ == nullptr || packet_ == nullptr || frame_ == nullptr) return;
-    context_->extradata = static_cast<uint8_t*>(av_mallocz(config.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+    context_->extradata = static_cast<uint8_t*>(av().av_mallocz(config.size() + AV_INPUT_BUFFER_PADDING_SIZE));
     if (context_->extradata == nullptr) return;
     std::memcpy(context_->extradata, config.data(), config.size());
     context_->extradata_size = static_cast<int>(config.size());
-    ready_ = avcodec_open2(context_, codec, nullptr) == 0;
+    ready_ = av().avcodec_open2(context_, codec, nullptr) == 0;
   }
   ~AacDecoder() {
-    av_frame_free(&frame_);
-    av_packet_free(&packet_);
-    avcodec_free_context(&context_);
+    av().av_frame_free(&frame_);
+    av().av_packet_free(&packet_);
+    av().avcodec_free_context(&context_);
   }
   AacDecoder(const AacDecoder&) = delete;
   AacDecoder& operator=(const AacDecoder&) = delete;
@@ -94,7 +91,7 @@ class AacDecoder {
     std::vector<size_t> left;  // bytes from each decoded frame's start to the data's end
     if (!send(data, available)) return false;
     int received = 0;
-    while (left.size() < kMaxSplit && (received = avcodec_receive_frame(context_, frame_)) == 0) {
+    while (left.size() < kMaxSplit && (received = av().avcodec_receive_frame(context_, frame_)) == 0) {
       const auto size = static_cast<size_t>(std::max(frame_->pkt_size, 0));
       // The first frame starts the data; each later one starts further on.
       if (left.empty() ? size != available : size == 0 || size >= left.back()) return false;
@@ -112,15 +109,15 @@ class AacDecoder {
   bool send(const uint8_t* data, size_t length) {
     buffer_.assign(data, data + length);
     buffer_.resize(length + AV_INPUT_BUFFER_PADDING_SIZE, 0);
-    avcodec_flush_buffers(context_);
-    av_packet_unref(packet_);
+    av().avcodec_flush_buffers(context_);
+    av().av_packet_unref(packet_);
     packet_->data = buffer_.data();
     packet_->size = static_cast<int>(length);
-    return avcodec_send_packet(context_, packet_) == 0;
+    return av().avcodec_send_packet(context_, packet_) == 0;
   }
 
   bool decodes(const uint8_t* data, size_t length) {
-    return send(data, length) && avcodec_receive_frame(context_, frame_) == 0;
+    return send(data, length) && av().avcodec_receive_frame(context_, frame_) == 0;
   }
 
   std::vector<uint8_t> config_;
@@ -137,6 +134,7 @@ class AacDecoder {
 }  // namespace
 
 AacFrameLength aacFrameLength() {
+  if (libavcodec() == nullptr) return {};
   auto decoder = std::make_shared<std::unique_ptr<AacDecoder>>();
   return [decoder](const std::vector<uint8_t>& config, const uint8_t* data, size_t available) {
     if (*decoder == nullptr || (*decoder)->config() != config) {

@@ -6,7 +6,8 @@
 
 namespace mp4stbl::cli {
 
-// Empty when the command was built without libavcodec.
+// Empty when the command was built without libavcodec or it is not
+// installed.
 AacFrameLength aacFrameLength();
 
 }  // namespace mp4stbl::cli

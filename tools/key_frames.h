@@ -7,7 +7,8 @@
 
 namespace mp4stbl::cli {
 
-// Empty when the command was built without libavcodec.
+// Empty when the command was built without libavcodec or it is not
+// installed.
 KeyFrameDecodes keyFrameDecodes();
 
 }  // namespace mp4stbl::cli
