@@ -153,6 +153,7 @@ Outcome run(const std::string& command) {
 
 bool haveFfmpeg() { return run("ffmpeg -version").status == 0; }
 
+
 std::string bytesOfFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::ostringstream all;
@@ -222,6 +223,11 @@ uint64_t moovOffset(const std::string& path) {
 
 const std::string kCli = MP4STBL_CLI;
 
+// Whether the command finds AAC frames (a build with libavcodec, which is
+// installed).
+bool findsAac() { return run(kCli + " --version").out.find("found with libavcodec") != std::string::npos; }
+bool holdsAac(const std::string& path) { return bytesOfFile(path).find("mp4a") != std::string::npos; }
+
 // The video frames ffmpeg decodes from a file, each as its presentation
 // time and the checksum of its picture.
 std::vector<std::string> decodedFrames(const std::string& path) {
@@ -290,6 +296,7 @@ TEST(RecoverCorpus, CutFilesRecoveredWithAnotherFileAsReference) {
   std::string table = "file            cut             whole samples   recovered (lowest track)\n";
   for (const CorpusFile& corpusFile : corpus) {
     SCOPED_TRACE(corpusFile.name);
+    if (holdsAac(corpusFile.file) && !findsAac()) continue;
     const std::string made[2] = {corpusFile.file, corpusFile.reference};
     const uint64_t media = moovOffset(made[0]);
     uint64_t midFrame = 0;  // halfway through a video frame in the middle of the media
@@ -439,6 +446,7 @@ TEST(RecoverCorpus, InterruptedRecordingFromItsOwnFragments) {
 
 TEST(RecoverRefuses, WhatCannotBeRecoveredSaysWhy) {
   if (!haveFfmpeg()) GTEST_SKIP() << "needs ffmpeg";
+  if (!findsAac()) GTEST_SKIP() << "the command finds no AAC frames (no libavcodec)";
   ScratchDir dir("recover_refuses");
   const std::string good = dir / "good.mp4";
   const std::string pcm = dir / "pcm.mov";

@@ -11,8 +11,10 @@
 #include <new>
 #include <stdexcept>
 
+#include "aac_frames.h"
 #include "box/log.h"
 #include "box/table_reason.h"
+#include "aac_frames.h"
 #include "command.h"
 
 namespace mp4stbl::cli {
@@ -256,7 +258,10 @@ int runCommand(std::vector<std::string> args) {
   CLI::App app{"Inspect, list, seek, verify, trim, join, remux, record and recover MP4 files by "
                "their sample tables.",
                "mp4stbl"};
-  app.set_version_flag("--version", "mp4stbl " MP4STBL_VERSION);
+  app.set_version_flag("--version", [] {
+    return std::string("mp4stbl " MP4STBL_VERSION "\nrecover: AAC frames ") +
+           (aacFrameLength() ? "found with libavcodec" : "not found (no libavcodec)");
+  });
   app.require_subcommand(1);
   Options options;
   const Commands commands = declare(app, options);
