@@ -303,8 +303,8 @@ TEST(RecoverCorpus, CutFilesRecoveredWithAnotherFileAsReference) {
     {
       Mp4File file;
       ASSERT_TRUE(file.open(made[0]).ok());
-      const Track& video = findTracks(file).tracks.front();
-      SampleWalker walk(video);
+      const FoundTracks found = findTracks(file);
+      SampleWalker walk(found.tracks.front());
       for (auto next = walk.next(); next.ok() && *next != nullptr; next = walk.next()) {
         if ((*next)->offset > media / 2) {
           midFrame = (*next)->offset + (*next)->size / 2;
