@@ -357,6 +357,24 @@ TEST(RecoverCorpus, CutFilesRecoveredWithAnotherFileAsReference) {
 
 // A fragmented recording killed mid-way: its whole fragments, and the
 // samples of a last fragment cut short, with no reference.
+// A fragmented file cut whole, short by a seventh and at half plus 3
+// bytes, recovered from its own fragments: the samples whole in each cut
+// (as the file itself lists them, or, with no final moov, as the cut file's
+// fragments do) come back, and ffmpeg decodes them without an error.
+void recoverCutsOfFragments(const std::string& file, const ScratchDir& dir, bool fileHasAll) {
+  const uint64_t length = fs::file_size(file);
+  for (uint64_t cut : {length, length - length / 7, length / 2 + 3}) {
+    SCOPED_TRACE(cut);
+    const std::string broken = dir / "broken.mp4";
+    const std::string out = dir / "out.mp4";
+    cutFile(file, cut, broken);
+    const Outcome done = run(kCli + " recover '" + broken + "' -o '" + out + "'");
+    ASSERT_EQ(done.status, 0) << done.out;
+    EXPECT_GE(recoveredShare(fileHasAll ? file : broken, cut, out), 0.99);
+    EXPECT_EQ(run("ffmpeg -v error -i '" + out + "' -f null -").out, "");
+  }
+}
+
 TEST(RecoverCorpus, FragmentedFileFromItsOwnFragments) {
   if (!haveFfmpeg()) GTEST_SKIP() << "needs ffmpeg";
   ScratchDir dir("recover_fragments");
@@ -364,17 +382,7 @@ TEST(RecoverCorpus, FragmentedFileFromItsOwnFragments) {
   ASSERT_EQ(run("ffmpeg -v error -y -f lavfi -i testsrc=size=160x120:rate=25:duration=5 "
                 "-f lavfi -i sine=duration=5 -c:v libx264 -bf 0 -g 25 -pix_fmt yuv420p -c:a aac "
                 "-movflags +frag_keyframe+empty_moov '" + source + "'").status, 0);
-  const uint64_t length = fs::file_size(source);
-  for (uint64_t cut : {length, length - length / 7, length / 2 + 3}) {
-    SCOPED_TRACE(cut);
-    const std::string broken = dir / "broken.mp4";
-    const std::string out = dir / "out.mp4";
-    cutFile(source, cut, broken);
-    const Outcome done = run(kCli + " recover '" + broken + "' -o '" + out + "'");
-    ASSERT_EQ(done.status, 0) << done.out;
-    EXPECT_GE(recoveredShare(source, cut, out), 0.99);
-    EXPECT_EQ(run("ffmpeg -v error -i '" + out + "' -f null -").out, "");
-  }
+  recoverCutsOfFragments(source, dir, true);
 }
 
 #ifdef MP4STBL_RECORDER_LINKS
@@ -429,17 +437,7 @@ TEST(RecoverCorpus, InterruptedRecordingFromItsOwnFragments) {
     }
     // Destroyed unfinished: the fragments are on disk, no final moov.
   }
-  const uint64_t length = fs::file_size(recording);
-  for (uint64_t cut : {length, length - length / 7, length / 2 + 3}) {
-    SCOPED_TRACE(cut);
-    const std::string broken = dir / "broken.mp4";
-    const std::string out = dir / "out.mp4";
-    cutFile(recording, cut, broken);
-    const Outcome done = run(kCli + " recover '" + broken + "' -o '" + out + "'");
-    ASSERT_EQ(done.status, 0) << done.out;
-    EXPECT_GE(recoveredShare(broken, cut, out), 0.99);
-    EXPECT_EQ(run("ffmpeg -v error -i '" + out + "' -f null -").out, "");
-  }
+  recoverCutsOfFragments(recording, dir, false);
 }
 
 #endif

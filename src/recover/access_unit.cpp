@@ -35,12 +35,6 @@ bool plausibleHevc(const uint8_t* header) {
   return true;
 }
 
-uint64_t lengthAt(const uint8_t* data, unsigned size) {
-  uint64_t length = 0;
-  for (unsigned i = 0; i < size; ++i) length = (length << 8) | data[i];
-  return length;
-}
-
 // The NAL units of one access unit, fed in stream order.
 class Walk {
  public:
@@ -193,6 +187,12 @@ AccessUnit findAccessUnit(const NalFormat& format, const uint8_t* data, size_t a
   }
   unit.length = at;
   return unit;
+}
+
+uint64_t lengthAt(const uint8_t* data, unsigned size) {
+  uint64_t length = 0;
+  for (unsigned i = 0; i < size; ++i) length = (length << 8) | data[i];
+  return length;
 }
 
 }  // namespace mp4stbl::recovery

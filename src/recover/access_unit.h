@@ -60,4 +60,7 @@ struct AccessUnit {
 // must hold a slice whose header reads with the format's parameter sets.
 AccessUnit findAccessUnit(const NalFormat& format, const uint8_t* data, size_t available);
 
+// The big-endian NAL unit length of `size` bytes at `data`.
+uint64_t lengthAt(const uint8_t* data, unsigned size);
+
 }  // namespace mp4stbl::recovery

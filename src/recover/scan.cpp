@@ -30,12 +30,6 @@ constexpr size_t kAacLook = 6144;
 // fed by bytes that are not its own.
 constexpr double kLead = 1.0;
 
-uint64_t lengthAt(const uint8_t* data, unsigned size) {
-  uint64_t length = 0;
-  for (unsigned i = 0; i < size; ++i) length = (length << 8) | data[i];
-  return length;
-}
-
 // Reads the broken file at an offset: straight from the file, no more than
 // asked, when the stream is a file on disk (a buffered stream reads a
 // window around each read, and most of a video frame is never looked at);
