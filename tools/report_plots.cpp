@@ -128,25 +128,62 @@ bool marksKeyFrames(const WalkedTrack& walked) {
                      [](const WalkedSample& s) { return !s.sync; });
 }
 
+// One second of presentation time that holds samples.
+struct Window {
+  int64_t start = 0;  // seconds
+  uint64_t bytes = 0;
+  bool keyed = false;
+};
+
+// The windows that hold samples, in time order: counted in place when they
+// are no more than the samples, else (a track with long gaps) by a map.
+std::vector<Window> windowsOf(const WalkedTrack& walked) {
+  const auto windowOf = [](const WalkedSample& s) {
+    return static_cast<int64_t>(std::floor(s.seconds));
+  };
+  int64_t first = windowOf(walked.samples.front()), last = first;
+  for (const WalkedSample& s : walked.samples) {
+    first = std::min(first, windowOf(s));
+    last = std::max(last, windowOf(s));
+  }
+  std::vector<Window> windows;
+  if (static_cast<uint64_t>(last - first) < walked.samples.size()) {
+    windows.resize(static_cast<size_t>(last - first) + 1);
+    for (const WalkedSample& s : walked.samples) {
+      Window& window = windows[static_cast<size_t>(windowOf(s) - first)];
+      window.bytes += s.size;
+      window.keyed = window.keyed || s.sync;
+    }
+    for (size_t i = 0; i < windows.size(); ++i) windows[i].start = first + static_cast<int64_t>(i);
+    windows.erase(std::remove_if(windows.begin(), windows.end(),
+                                 [](const Window& w) { return w.bytes == 0 && !w.keyed; }),
+                  windows.end());
+    return windows;
+  }
+  std::map<int64_t, Window> sparse;
+  for (const WalkedSample& s : walked.samples) {
+    Window& window = sparse[windowOf(s)];
+    window.start = windowOf(s);
+    window.bytes += s.size;
+    window.keyed = window.keyed || s.sync;
+  }
+  for (const auto& [start, window] : sparse) windows.push_back(window);
+  return windows;
+}
+
 // kbit/s over one-second windows of presentation time, a window with no
 // sample at 0; the average over the media's seconds as info gives it.
 json bitratePlot(const WalkedTrack& walked) {
   const Track& track = *walked.track;
-  std::map<int64_t, uint64_t> bytes;  // by window
-  std::map<int64_t, bool> keyed;
-  for (const WalkedSample& s : walked.samples) {
-    const auto window = static_cast<int64_t>(std::floor(s.seconds));
-    bytes[window] += s.size;
-    if (s.sync) keyed[window] = true;
-  }
-  const int64_t first = bytes.begin()->first;
-  const int64_t last = bytes.rbegin()->first;
+  const std::vector<Window> windows = windowsOf(walked);
+  const int64_t first = windows.front().start;
+  const int64_t last = windows.back().start;
   const Grid grid = wholeGrid(first, last);
   Extremes rate(grid.count);
   std::vector<uint64_t> filled(grid.count);
-  for (const auto& [window, count] : bytes) {
-    const size_t column = grid.column(static_cast<double>(window));
-    rate.add(column, static_cast<double>(count) * 8 / 1000);
+  for (const Window& window : windows) {
+    const size_t column = grid.column(static_cast<double>(window.start));
+    rate.add(column, static_cast<double>(window.bytes) * 8 / 1000);
     ++filled[column];
   }
   Values keys(grid.count), average(grid.count);
@@ -160,9 +197,9 @@ json bitratePlot(const WalkedTrack& walked) {
     average[column] = mean;
   }
   if (marksKeyFrames(walked)) {
-    for (const auto& [window, key] : keyed) {
-      const size_t column = grid.column(static_cast<double>(window));
-      keys[column] = rate.most[column];
+    for (const Window& window : windows) {
+      const size_t column = grid.column(static_cast<double>(window.start));
+      if (window.keyed) keys[column] = rate.most[column];
     }
   }
   // Steps hold each column's value up to the next column: one more closes
