@@ -34,9 +34,13 @@
       width: width,
       height: 280,
       scales: { x: { time: false } },
-      axes: [{ label: plot.x }, { label: plot.y, size: 70 }],
+      axes: [{ label: plot.x }, { label: plot.y, size: 90 }],
       series: [{ label: plot.x }].concat(plot.series.map(seriesOptions)),
     };
+    // Bars stand on 0.
+    if (plot.series.some((spec) => spec.style === "bars")) {
+      options.scales.y = { range: (chart, least, most) => [0, most * 1.1] };
+    }
     const chart = new uPlot(options, plot.data, box);
     if (plot.note) {
       const note = document.createElement("p");
