@@ -228,6 +228,31 @@ TEST(ReportRuns, BadInputFailsAsInfoDoesAndWritesNothing) {
   EXPECT_EQ(usage.status, 2);
 }
 
+// The clip's sound made to claim 20000 samples of one byte (stts, stsc and
+// stsz agreeing) in a file of 15234 bytes: kept in memory sample by sample,
+// such a claim grows without end, so the track is left out and named.
+TEST(ReportRuns, ATrackClaimingMoreSamplesThanBytesIsLeftOut) {
+  std::string data = slurp(shipped("h264_aac.mp4"));
+  const auto put = [&data](size_t at, uint32_t value) {
+    for (size_t i = 0; i < 4; ++i) data[at + i] = static_cast<char>(value >> (24 - 8 * i));
+  };
+  put(14906 + 16, 19999);     // stts: 19999 samples of 1024, then one of 628
+  put(14938 + 20, 2000);      // stsc: 2000 samples a chunk, 10 chunks
+  put(14966 + 12, 1);         // stsz: every sample 1 byte...
+  put(14966 + 16, 20000);     // ...20000 of them
+  const std::string claims = scratch("claims.mp4"), html = scratch("claims.html");
+  std::ofstream(claims, std::ios::binary) << data;
+  const Outcome made = cli({"report", claims, "-o", html, "--json"});
+  ASSERT_EQ(made.status, 0) << made.err;
+  const std::string reason =
+      "track 2 (soun, mp4a): claims 20000 samples, more than the 15234 bytes of the file";
+  EXPECT_EQ(json::parse(made.out)["unreadable"], json::array({reason}));
+  EXPECT_EQ(made.err, "mp4stbl: " + claims + ": " + reason + "\n");
+  const auto plots = plotsIn(html);
+  EXPECT_EQ(plots.count("bitrate-1"), 1u);
+  EXPECT_EQ(plots.count("bitrate-2"), 0u);
+}
+
 json samplesOf(const std::string& path, int track) {
   const Outcome listed = cli({"samples", path, "--track", std::to_string(track), "--json"});
   EXPECT_EQ(listed.status, 0) << listed.err;

@@ -387,6 +387,13 @@ json fragmentPlot(Mp4File& file, const std::vector<WalkedTrack>& tracks) {
 }  // namespace
 
 Result<WalkedTrack> walkTrack(const Track& track) {
+  // Every sample is kept: a track claiming more samples than its file has
+  // bytes (empty ones, or tables out of bounds) would take memory without end.
+  if (track.sampleCount() > track.fileLength()) {
+    return track.fail(format("claims %u samples, more than the %llu bytes of the file",
+                             track.sampleCount(),
+                             static_cast<unsigned long long>(track.fileLength())));
+  }
   WalkedTrack walked;
   walked.track = &track;
   walked.samples.reserve(track.sampleCount());

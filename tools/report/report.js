@@ -7,20 +7,20 @@
   const errors = [];
   window.addEventListener("error", (event) => errors.push(String(event.message)));
 
-  function seriesOptions(spec) {
-    const options = { label: spec.label, stroke: spec.color, width: 1.5 };
-    if (spec.style === "points") {
+  function seriesOptions(shown) {
+    const options = { label: shown.label, stroke: shown.color, width: 1.5 };
+    if (shown.style === "points") {
       options.paths = () => null;
-      options.points = { show: true, size: 5, stroke: spec.color, fill: spec.color };
-    } else if (spec.style === "steps") {
+      options.points = { show: true, size: 5, stroke: shown.color, fill: shown.color };
+    } else if (shown.style === "steps") {
       options.paths = uPlot.paths.stepped({ align: 1 });
-    } else if (spec.style === "dashed") {
+    } else if (shown.style === "dashed") {
       options.dash = [6, 4];
       options.spanGaps = true;
       options.points = { show: false };
-    } else if (spec.style === "bars") {
+    } else if (shown.style === "bars") {
       options.paths = uPlot.paths.bars({ size: [0.8, 40] });
-      options.fill = spec.color;
+      options.fill = shown.color;
       options.points = { show: false };
     }
     return options;
@@ -38,7 +38,7 @@
       series: [{ label: plot.x }].concat(plot.series.map(seriesOptions)),
     };
     // Bars stand on 0.
-    if (plot.series.some((spec) => spec.style === "bars")) {
+    if (plot.series.some((shown) => shown.style === "bars")) {
       options.scales.y = { range: (chart, least, most) => [0, most * 1.1] };
     }
     const chart = new uPlot(options, plot.data, box);
