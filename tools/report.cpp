@@ -2,8 +2,7 @@
 // The plots' data comes from one walk of each track; every plot holds at
 // most kColumns columns (the least and most value of each), so a recording
 // of millions of samples gives a report of the same few hundred kilobytes.
-#include <algorithm>
-#include <cmath>
+#include <cstddef>
 #include <cstdio>
 #include <fstream>
 #include <string_view>
@@ -12,6 +11,7 @@
 #include "report_plots.h"
 #include "table.h"
 
+// The page's scripts and styles, embedded at build time (cmake/embed.cmake).
 extern const unsigned char kUplotScript[];
 extern const std::size_t kUplotScriptSize;
 extern const unsigned char kUplotStyle[];
