@@ -76,6 +76,10 @@ std::unique_ptr<Opened> open(const Options& options);
 // first track. Null after a failure message.
 const Track* findTrack(const Options& options, const Opened& opened);
 
+// What info --json prints of an opened file: its brands and layout, and
+// per track the summary of its tables and what it holds.
+nlohmann::json infoDocument(const Options& options, Opened& opened);
+
 double seconds(uint64_t units, uint32_t timescale);
 void printJson(const nlohmann::json& document);
 
@@ -89,6 +93,7 @@ int join(const Options& options);
 int remux(const Options& options);
 int record(const Options& options);
 int recover(const Options& options);
+int visualReport(const Options& options);  // mp4stbl report
 
 // Frames a second as N or N/D, at most 1000: whether `text` is one.
 bool parseFrameRate(const std::string& text, uint32_t* num, uint32_t* den);

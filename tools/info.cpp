@@ -262,32 +262,36 @@ void printTracks(const json& tracks) {
 
 }  // namespace
 
+json infoDocument(const Options& options, Opened& opened) {
+  json tracks = json::array();
+  for (const Track& track : opened.tracks) {
+    json summary = trackSummary(track);
+    summary.update(mediaSummary(opened.file, track));
+    tracks.push_back(std::move(summary));
+  }
+  json document = {{"file", options.file}, {"bytes", opened.file.length()}};
+  document.update(fileSummary(opened.file));
+  document["tracks"] = tracks;
+  document["unreadable"] = opened.unreadable;
+  return document;
+}
+
 int info(const Options& options) {
   const auto opened = open(options);
   if (!opened) return kFailure;
-  json tracks = json::array();
-  for (const Track& track : opened->tracks) {
-    json summary = trackSummary(track);
-    summary.update(mediaSummary(opened->file, track));
-    tracks.push_back(std::move(summary));
-  }
-  json facts = fileSummary(opened->file);
-  const uint64_t length = opened->file.length();
+  const json document = infoDocument(options, *opened);
   for (const std::string& reason : opened->unreadable) report(options, reason);
   if (options.json) {
-    json document = {{"file", options.file}, {"bytes", length}};
-    document.update(facts);
-    document["tracks"] = tracks;
-    document["unreadable"] = opened->unreadable;
     printJson(document);
     return 0;
   }
   std::printf("%s: %llu bytes, %zu tracks\n", options.file.c_str(),
-              static_cast<unsigned long long>(length), opened->tracks.size());
-  printFile(facts);
-  printTracks(tracks);
+              static_cast<unsigned long long>(document["bytes"].get<uint64_t>()),
+              opened->tracks.size());
+  printFile(document);
+  printTracks(document["tracks"]);
   std::printf("\n");
-  printMedia(tracks);
+  printMedia(document["tracks"]);
   return 0;
 }
 

@@ -32,7 +32,7 @@ void routeLog(bool verbose) {
 }
 
 constexpr const char* kSubcommands[] = {"info", "dump", "samples", "seek", "verify", "trim", "join",
-                                           "remux", "record", "recover"};
+                                           "remux", "record", "recover", "report"};
 
 // A value as an error message shows it: escaped, and cut after a few
 // characters so a long one does not fill the screen.
@@ -135,6 +135,7 @@ struct Commands {
   CLI::App* remux;
   CLI::App* record;
   CLI::App* recover;
+  CLI::App* report;
 };
 
 void declareRecord(CLI::App& app, Options& options, Commands& commands) {
@@ -234,6 +235,12 @@ Commands declare(CLI::App& app, Options& options) {
   commands.recover->add_option("-o,--output", options.output, "the new file")->required();
   commands.recover->add_option("--reference", options.reference,
                                "a healthy file from the same device and settings");
+  commands.report = command("report", "one HTML file of plots: bit rate, frames, layout, edits");
+  commands.report->add_option("-o,--output", options.output, "the new HTML file")->required();
+  trackOption(commands.report, false);
+  commands.report->footer(
+      "Without --track, every track. Also --json (one JSON document on stdout) and -v (the "
+      "library's log lines).");
   return commands;
 }
 
@@ -249,14 +256,15 @@ int dispatch(const Commands& commands, const Options& options) {
   if (commands.remux->parsed()) return remux(options);
   if (commands.record->parsed()) return record(options);
   if (commands.recover->parsed()) return recover(options);
+  if (commands.report->parsed()) return visualReport(options);
   return kUsage;
 }
 
 }  // namespace
 
 int runCommand(std::vector<std::string> args) {
-  CLI::App app{"Inspect, list, seek, verify, trim, join, remux, record and recover MP4 files by "
-               "their sample tables.",
+  CLI::App app{"Inspect, list, seek, verify, trim, join, remux, record, recover and plot MP4 "
+               "files by their sample tables.",
                "mp4stbl"};
   app.set_version_flag("--version", [] {
     return std::string("mp4stbl " MP4STBL_VERSION "\nrecover: AAC frames ") +
@@ -278,7 +286,7 @@ int runCommand(std::vector<std::string> args) {
   if (named != args.end() && known == std::end(kSubcommands)) {
     return usageError(json, "unknown subcommand " + shownValue(*named) +
                                 ": expects info, dump, samples, seek, verify, trim, join, remux, "
-                                "record or recover");
+                                "record, recover or report");
   }
   std::reverse(args.begin(), args.end());  // CLI11 takes the last argument first
   try {
