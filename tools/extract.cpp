@@ -153,13 +153,19 @@ struct Span {
 
 // --from goes back to the key frame at or before it; --to ends the samples
 // that decode before it.
-Span spanOf(const Options& options, const Track& track) {
+Result<Span> spanOf(const Options& options, const Track& track) {
   Span span;
   const int64_t shift = track.presentationShift();
   auto media = [&](double seconds) {
     const double units = seconds * track.timescale() - static_cast<double>(shift);
     return units <= 0 ? uint64_t{0} : static_cast<uint64_t>(std::llround(units));
   };
+  if (options.from > 0 && media(options.from) >= track.mediaDuration()) {
+    char text[96];
+    std::snprintf(text, sizeof text, "--from %.3f s lies past the end of the track (%.3f s)",
+                  options.from, seconds(track.mediaDuration(), track.timescale()));
+    return track.fail(text);
+  }
   if (options.from > 0) {
     const uint32_t asked = std::max<uint32_t>(sampleAtTime(track, media(options.from)), 1);
     span.first = track.stss() == nullptr && !track.fragmented() ? asked
@@ -187,13 +193,14 @@ Status extractTo(const Options& options, const Track& track, IOStream* source, S
   Status status = target.open(out);
   if (!status.ok()) return status;
   Extraction extraction(track, source);
-  const Span span = spanOf(options, track);
+  const Result<Span> span = spanOf(options, track);
+  if (!span.ok()) return span.status();
   SampleWalker walker(track);
   Result<const SampleInfo*> step = walker.next();
   for (; step.ok() && *step != nullptr; step = walker.next()) {
     const SampleInfo& sample = **step;
-    if (sample.number < span.first) continue;
-    if (sample.decodeTime >= span.end && sample.number > span.first) break;
+    if (sample.number < span->first) continue;
+    if (sample.decodeTime >= span->end && sample.number > span->first) break;
     if (sample.missing) {
       summary->notes.push_back("the file ends inside sample " + std::to_string(sample.number) +
                                "; it and the samples after it are left out");
