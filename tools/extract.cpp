@@ -176,7 +176,7 @@ Result<Span> spanOf(const Options& options, const Track& track) {
 }
 
 struct Summary {
-  const Form* form = nullptr;
+  std::string format;  // empty until the first sample
   uint32_t samples = 0;
   uint32_t first = 0;
   double from = 0, to = 0;
@@ -208,8 +208,8 @@ Status extractTo(const Options& options, const Track& track, IOStream* source, S
     }
     Result<const Form*> form = extraction.form(sample.descriptionIndex);
     if (!form.ok()) return form.status();
-    if (summary->form == nullptr) {
-      summary->form = *form;
+    if (summary->format.empty()) {
+      summary->format = (*form)->name;
       summary->first = sample.number;
       summary->from = seconds(static_cast<uint64_t>(std::max<int64_t>(sample.presentationTime, 0)),
                               track.timescale());
@@ -250,7 +250,7 @@ int extract(const Options& options) {
     printJson({{"output", options.output},
                {"written", true},
                {"track", track->id()},
-               {"format", summary.form->name},
+               {"format", summary.format},
                {"samples", summary.samples},
                {"firstSample", summary.first},
                {"from", summary.from},
@@ -259,7 +259,7 @@ int extract(const Options& options) {
     return 0;
   }
   std::printf("wrote %s: %u samples of track %u as %s (%.3f s to %.3f s)\n",
-              options.output.c_str(), summary.samples, track->id(), summary.form->name.c_str(),
+              options.output.c_str(), summary.samples, track->id(), summary.format.c_str(),
               summary.from, summary.to);
   for (const std::string& note : summary.notes) std::printf("note: %s\n", note.c_str());
   return 0;
