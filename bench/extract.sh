@@ -76,7 +76,7 @@ cmp -s <(pictures "$ours.h264") <(pictures "$theirs.h264") || { echo "the video 
 cmp -s "$ours.aac" "$theirs.aac" || { echo "the ADTS streams differ" >&2; exit 1; }
 
 echo "machine: $(nproc) CPUs, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ *//')"
-echo "file: $big, $(($(stat -c %s "$big") / 1048576)) MiB on $(stat -f -c %T "$data"); runs per figure: $RUNS (median)"
+echo "file: $big, $(($(stat -L -c %s "$big") / 1048576)) MiB on $(stat -f -c %T "$data"); runs per figure: $RUNS (median)"
 printf '%-28s %9s %9s %10s\n' job "mp4stbl" "ffmpeg" "ffmpeg/m"
 row "video to Annex B" "$(measure "${video_ours[@]}")" "$(measure "${video_ffmpeg[@]}")"
 row "audio to ADTS" "$(measure "${audio_ours[@]}")" "$(measure "${audio_ffmpeg[@]}")"

@@ -116,34 +116,43 @@ class Extraction {
     return form.get();
   }
 
+  // The sample goes out with the ones before it in writes of 256 KiB: the
+  // system takes them faster than a write a sample, and faster than writes
+  // of several MiB, which it makes wait for the disk (a gigabyte of H.264
+  // in 0.36 s of system time, against 0.4 to 1.3 s for 4 MiB writes).
   Status write(const SampleInfo& sample, const Form& form, FileStream& out) {
     Status read = track_.readSample(source_, sample, &sample_);
     if (!read.ok()) return read;
-    const std::vector<uint8_t>* bytes = &sample_;
-    if (form.video || form.audio) {
-      converted_.clear();
-      Status made = form.video ? form.video->convert(sample_.data(), sample_.size(), sample.sync,
-                                                     &converted_)
-                               : form.audio->convert(sample_.data(), sample_.size(), &converted_);
-      if (!made.ok()) return track_.fail("sample " + std::to_string(sample.number) + ": " + made.message());
-      bytes = &converted_;
+    Status made;
+    if (form.video) {
+      made = form.video->convert(sample_.data(), sample_.size(), sample.sync, &pending_);
+    } else if (form.audio) {
+      made = form.audio->convert(sample_.data(), sample_.size(), &pending_);
+    } else {
+      pending_.insert(pending_.end(), sample_.begin(), sample_.end());
     }
-    if (!bytes->empty() && out.writeBytes(bytes->data(), static_cast<unsigned>(bytes->size())) !=
-                               static_cast<int>(bytes->size())) {
+    if (!made.ok()) {
+      return track_.fail("sample " + std::to_string(sample.number) + ": " + made.message());
+    }
+    return pending_.size() >= kWriteSize ? flush(out) : Status();
+  }
+
+  Status flush(FileStream& out) {
+    if (!pending_.empty() && out.writeBytes(pending_.data(), static_cast<unsigned>(pending_.size())) !=
+                                 static_cast<int>(pending_.size())) {
       return Status::failure("cannot be written: " + systemReason(out.error(), "a short write"));
     }
-    written_ += bytes->size();
+    pending_.clear();
     return Status();
   }
 
-  uint64_t written() const { return written_; }
-
  private:
+  static constexpr size_t kWriteSize = size_t{256} << 10;
+
   const Track& track_;
   IOStream* source_;
   std::vector<std::unique_ptr<Form>> forms_;
-  std::vector<uint8_t> sample_, converted_;
-  uint64_t written_ = 0;
+  std::vector<uint8_t> sample_, pending_;
 };
 
 struct Span {
@@ -188,7 +197,8 @@ Status extractTo(const Options& options, const Track& track, IOStream* source, S
   if (std::filesystem::equivalent(options.file, options.output, ignored)) {
     return Status::failure("the output is the input file");
   }
-  NewFile target(options.output);
+  // A temporary beside the output, renamed into place once whole.
+  NewFile target(options.output, true);
   FileStream out;
   Status status = target.open(out);
   if (!status.ok()) return status;
@@ -225,6 +235,8 @@ Status extractTo(const Options& options, const Track& track, IOStream* source, S
   }
   if (!step.ok()) return step.status();
   if (summary->samples == 0) return track.fail("no sample lies in the times asked for");
+  status = extraction.flush(out);
+  if (!status.ok()) return status;
   if (out.close() != 0) {
     return Status::failure("cannot be written: " + systemReason(out.error(), "close failed"));
   }
