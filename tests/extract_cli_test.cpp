@@ -309,4 +309,17 @@ TEST(CliExtract, OtherCodingsRawWithANote) {
   fs::remove(out);
 }
 
+// A file cut short gives the samples that are whole, and says where it ends.
+TEST(CliExtract, CutShortKeepsTheWholeSamples) {
+  if (!haveCorpus()) GTEST_SKIP() << "no corpus (needs ffmpeg)";
+  const std::string out = scratch("cut.h264");
+  const Outcome done = cli({"--json", "extract", corpus("cut_half.mp4"), "--track", "video", "-o", out});
+  ASSERT_EQ(done.status, 0) << done.err;
+  EXPECT_EQ(done.doc()["samples"], 11);
+  EXPECT_EQ(done.doc()["notes"],
+            json::array({"the file ends inside sample 12; it and the samples after it are left out"}));
+  EXPECT_EQ(decoded({"-i", out}, "v:0").size(), 11u);
+  fs::remove(out);
+}
+
 }  // namespace
