@@ -188,8 +188,8 @@ void declareExtract(Commands& commands, Command command, const CLI::Validator& c
       ->transform(clockTime);
   extract->add_option("--to", options.endTime, "end (seconds, or hh:mm:ss.mmm)")->transform(clockTime);
   extract->footer(
-      "H.264 and HEVC are written in Annex B form, AAC behind ADTS headers, MP3, PCM and G.711 "
-      "as they are stored; other codings as their raw sample bytes, with a note.\n"
+      "H.264 and HEVC are written in Annex B form, AAC behind ADTS headers, MP3, AC-3, PCM and "
+      "G.711 as they are stored; other codings as their raw sample bytes, with a note.\n"
       "Also --json (one JSON document on stdout) and -v (the library's log lines).");
 }
 
