@@ -230,7 +230,8 @@ TEST(ReadSample, SizesPastTheFileAreRefusedBeforeAnyAllocation) {
   std::fill(first, first + 4, uint8_t{0xFF});
   ReadFile read(bytes);
   ASSERT_TRUE(read.status.ok());
-  const Track& track = findTracks(read.file).tracks.front();
+  const FoundTracks found = findTracks(read.file);
+  const Track& track = found.tracks.front();
   std::vector<uint8_t> buffer;
   Status status = track.readSample(&read.in, 1, &buffer);
   EXPECT_NE(status.message().find("sample 1 (4294967295 bytes at offset "), std::string::npos)
