@@ -1,7 +1,7 @@
 // The whole mp4stbl command on a file made of the input: every subcommand,
 // as text and as JSON, must return a status and never abort, leak or read
-// outside its memory; trim, join, remux and report, when they fail, leave
-// no file.
+// outside its memory; trim, join, remux, report and extract, when they fail,
+// leave no file.
 // Output goes to /dev/null; scripts/fuzz.sh closes stderr so messages do not
 // flood the log.
 #include <unistd.h>
@@ -29,7 +29,8 @@ const std::string& inputPath() {
   return path;
 }
 
-// Where trim, join, remux and report write; one that fails must leave nothing there.
+// Where trim, join, remux, report and extract write; one that fails must
+// leave nothing there.
 const std::string& outputPath() {
   static const std::string path = inputPath() + ".out.mp4";
   return path;
@@ -60,6 +61,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       {"join", path, path, "-o", outputPath()},
       {"remux", path, "-o", outputPath()},
       {"report", path, "-o", outputPath()},
+      {"extract", path, "--track", "video", "-o", outputPath()},
+      {"extract", path, "--track", "audio", "--from", "0.1", "--to", "0.3", "-o", outputPath()},
   };
   for (const bool json : {false, true}) {
     for (std::vector<std::string> args : commands) {

@@ -505,7 +505,8 @@ TEST(CliRuns, FailuresNameTheFileThatFailedOnce) {
       {{"seek", clip, "--sample", "0"}, 2, nullptr,
        "--sample: expects a whole number from 1 to 4294967295, not '0'"},
       {{"bogus", clip}, 2, nullptr,
-       "unknown subcommand 'bogus': expects info, dump, samples, seek, verify, trim, join, remux, record, recover or report"},
+       "unknown subcommand 'bogus': expects info, dump, samples, seek, verify, trim, join, remux, "
+       "record, recover, report or extract"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(json(c.args).dump());

@@ -23,6 +23,7 @@ struct Options {
   bool verbose = false;
   std::string entries = "5";
   uint32_t track = 0;
+  std::string trackChoice;  // extract: a track id, "video" or "audio"
   double time = -1;
   uint32_t sample = 0;
   double endTime = -1;
@@ -94,6 +95,7 @@ int remux(const Options& options);
 int record(const Options& options);
 int recover(const Options& options);
 int visualReport(const Options& options);  // mp4stbl report
+int extract(const Options& options);
 
 // Frames a second as N or N/D, at most 1000: whether `text` is one.
 bool parseFrameRate(const std::string& text, uint32_t* num, uint32_t* den);

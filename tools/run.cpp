@@ -32,7 +32,7 @@ void routeLog(bool verbose) {
 }
 
 constexpr const char* kSubcommands[] = {"info", "dump", "samples", "seek", "verify", "trim", "join",
-                                           "remux", "record", "recover", "report"};
+                                           "remux", "record", "recover", "report", "extract"};
 
 // A value as an error message shows it: escaped, and cut after a few
 // characters so a long one does not fill the screen.
@@ -136,6 +136,7 @@ struct Commands {
   CLI::App* record;
   CLI::App* recover;
   CLI::App* report;
+  CLI::App* extract;
 };
 
 void declareRecord(CLI::App& app, Options& options, Commands& commands) {
@@ -164,6 +165,32 @@ void declareRecord(CLI::App& app, Options& options, Commands& commands) {
   record->footer(
       "Until it is finished the file is fragmented, and plays up to its last fragment "
       "(not with --plain). SIGINT and SIGTERM finish it.\n"
+      "Also --json (one JSON document on stdout) and -v (the library's log lines).");
+}
+
+// The track as a number or a kind.
+std::string trackOrKind(std::string& value) {
+  if (value == "video" || value == "audio") return "";
+  std::string copy = value;
+  return positiveCount(copy).empty() ? "" : "expects a track id, video or audio, not " + shownValue(value);
+}
+
+template <class Command>
+void declareExtract(Commands& commands, Command command, const CLI::Validator& clockTime,
+                    Options& options) {
+  CLI::App* extract = commands.extract =
+      command("extract", "a track's samples as an elementary stream (.h264, .265, .aac, ...)");
+  extract->add_option("--track", options.trackChoice, "track id, video or audio")
+      ->required()
+      ->check(CLI::Validator(trackOrKind, "N|video|audio"));
+  extract->add_option("-o,--output", options.output, "the new file")->required();
+  extract->add_option("--from", options.from,
+                      "start (seconds, or hh:mm:ss.mmm); video from the key frame at or before it")
+      ->transform(clockTime);
+  extract->add_option("--to", options.endTime, "end (seconds, or hh:mm:ss.mmm)")->transform(clockTime);
+  extract->footer(
+      "H.264 and HEVC are written in Annex B form, AAC behind ADTS headers, MP3, AC-3, PCM and "
+      "G.711 as they are stored; other codings as their raw sample bytes, with a note.\n"
       "Also --json (one JSON document on stdout) and -v (the library's log lines).");
 }
 
@@ -241,6 +268,7 @@ Commands declare(CLI::App& app, Options& options) {
   commands.report->footer(
       "Without --track, every track. Also --json (one JSON document on stdout) and -v (the "
       "library's log lines).");
+  declareExtract(commands, command, clockTime, options);
   return commands;
 }
 
@@ -257,14 +285,15 @@ int dispatch(const Commands& commands, const Options& options) {
   if (commands.record->parsed()) return record(options);
   if (commands.recover->parsed()) return recover(options);
   if (commands.report->parsed()) return visualReport(options);
+  if (commands.extract->parsed()) return extract(options);
   return kUsage;
 }
 
 }  // namespace
 
 int runCommand(std::vector<std::string> args) {
-  CLI::App app{"Inspect, list, seek, verify, trim, join, remux, record, recover and plot MP4 "
-               "files by their sample tables.",
+  CLI::App app{"Inspect, list, seek, verify, trim, join, remux, record, recover, plot and extract "
+               "MP4 files by their sample tables.",
                "mp4stbl"};
   app.set_version_flag("--version", [] {
     return std::string("mp4stbl " MP4STBL_VERSION "\nrecover: AAC frames ") +
@@ -286,7 +315,7 @@ int runCommand(std::vector<std::string> args) {
   if (named != args.end() && known == std::end(kSubcommands)) {
     return usageError(json, "unknown subcommand " + shownValue(*named) +
                                 ": expects info, dump, samples, seek, verify, trim, join, remux, "
-                                "record, recover or report");
+                                "record, recover, report or extract");
   }
   std::reverse(args.begin(), args.end());  // CLI11 takes the last argument first
   try {

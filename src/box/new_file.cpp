@@ -37,6 +37,8 @@ std::string systemReason(int error, const std::string& otherwise) {
 
 NewFile::NewFile(std::string path) : path_(std::move(path)) {}
 
+NewFile::NewFile(std::string path, bool beside) : path_(std::move(path)), beside_(beside) {}
+
 NewFile::~NewFile() {
   if (!kept_ && unnamed_ < 0 && !written_.empty()) {
     std::error_code ignored;
@@ -48,6 +50,7 @@ NewFile::~NewFile() {
 }
 
 Status NewFile::open(FileStream& stream) {
+  if (beside_) return openNamed(stream);
 #if defined(__linux__)
   const fs::path parent = fs::path(path_).parent_path();
   const std::string directory = parent.empty() ? "." : parent.string();

@@ -17,6 +17,11 @@ namespace mp4stbl {
 class NewFile {
  public:
   explicit NewFile(std::string path);
+  // With `beside`, always the temporary beside the target: writes to an
+  // unnamed file run at a third of the speed on some file systems (ext4
+  // here, for a gigabyte written in pieces of 4 MiB), at the cost of a
+  // temporary left behind when the process is killed.
+  NewFile(std::string path, bool beside);
   ~NewFile();  // drops a file not kept
   NewFile(const NewFile&) = delete;
   NewFile& operator=(const NewFile&) = delete;
@@ -33,6 +38,7 @@ class NewFile {
   std::string path_;
   std::string written_;  // the name the stream wrote to
   int unnamed_ = -1;     // the unnamed file's descriptor
+  bool beside_ = false;
   bool kept_ = false;
 };
 

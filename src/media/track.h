@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "box/edit_boxes.h"
@@ -98,12 +99,24 @@ class Track {
   // A failure that names the track: "track 2 (soun, mp4a): what".
   Status fail(const std::string& what) const;
 
+  // The bytes of sample `number` (1-based), read from `stream`: the file
+  // the track was read from (Mp4File::stream()). A sample past the end of
+  // the file, or past the track's last sample, is refused before anything
+  // is allocated.
+  Result<std::vector<uint8_t>> readSample(IOStream* stream, uint32_t number) const;
+  // The same into `buffer`, whose storage is reused from one sample to the
+  // next; a walker's sample skips the look-up.
+  Status readSample(IOStream* stream, uint32_t number, std::vector<uint8_t>* buffer) const;
+  Status readSample(IOStream* stream, const SampleInfo& sample, std::vector<uint8_t>* buffer) const;
+
  private:
   friend FoundTracks findTracks(Mp4File& file);
   Track() = default;
   Status takeTables(const Atom* stbl);
   Status check() const;
   Status takeFragments(FragmentIndex& index);
+  // Where sample `number`'s bytes start, and how many there are.
+  Result<std::pair<uint64_t, uint32_t>> locate(uint32_t number) const;
 
   uint32_t id_ = 0;
   std::string handler_;
