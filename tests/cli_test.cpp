@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "support/co64.h"
+#include "support/process.h"
 #include "support/test.h"
 
 using nlohmann::json;
@@ -19,36 +20,13 @@ constexpr auto npos = std::string::npos;
 
 namespace {
 
-struct Outcome {
-  int status = -1;
-  std::string out, err;
-  json doc() const { return json::parse(out, nullptr, false); }
-};
-
 // Files the tests make, all removed when the program ends.
 const ScratchDir kScratch("mp4stbl_cli_");
 std::string scratch(const std::string& name) { return kScratch / name; }
 
-std::string slurp(const std::string& path) {
-  const Bytes bytes = readFile(path);
-  return std::string(bytes.begin(), bytes.end());
-}
-
 // Runs `program args...`, stdout through a pipe, stderr through a file.
 Outcome run(const std::string& program, const std::vector<std::string>& args) {
-  const std::string errors = scratch("stderr");
-  std::string command = "'" + program + "'";
-  for (const std::string& arg : args) command += " '" + arg + "'";  // no quotes in any arg
-  Outcome result;
-  FILE* pipe = popen((command + " 2>'" + errors + "'").c_str(), "r");
-  if (pipe == nullptr) return result;
-  char block[65536];
-  size_t got;
-  while ((got = std::fread(block, 1, sizeof block, pipe)) > 0) result.out.append(block, got);
-  const int status = pclose(pipe);
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  result.err = slurp(errors);
-  return result;
+  return shellIn(commandLine(program, args), scratch("stderr"));
 }
 
 Outcome cli(const std::vector<std::string>& args) { return run(MP4STBL_CLI, args); }

@@ -7,17 +7,12 @@
 #include <nlohmann/json.hpp>
 
 #include "media/sample_format.h"
+#include "support/process.h"
 #include "support/test.h"
 
 using nlohmann::json;
 
 namespace {
-
-struct Outcome {
-  int status = -1;
-  std::string out, err;
-  json doc() const { return json::parse(out, nullptr, false); }
-};
 
 const ScratchDir kScratch("mp4stbl_extract_");
 std::string scratch(const std::string& name) { return kScratch / name; }
@@ -25,20 +20,7 @@ std::string corpus(const std::string& name) { return std::string(MP4STBL_CORPUS_
 
 // Runs `program args...`, stdout through a pipe, stderr through a file.
 Outcome run(const std::string& program, const std::vector<std::string>& args) {
-  const std::string errors = scratch("stderr");
-  std::string command = "'" + program + "'";
-  for (const std::string& arg : args) command += " '" + arg + "'";  // no quotes in any arg
-  Outcome result;
-  FILE* pipe = popen((command + " 2>'" + errors + "'").c_str(), "r");
-  if (pipe == nullptr) return result;
-  char block[65536];
-  size_t got;
-  while ((got = std::fread(block, 1, sizeof block, pipe)) > 0) result.out.append(block, got);
-  const int status = pclose(pipe);
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  const Bytes err = readFile(errors);
-  result.err.assign(err.begin(), err.end());
-  return result;
+  return shellIn(commandLine(program, args), scratch("stderr"));
 }
 
 Outcome cli(std::vector<std::string> args) { return run(MP4STBL_CLI, args); }

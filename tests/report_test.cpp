@@ -11,6 +11,7 @@
 #include <set>
 #include <sstream>
 
+#include "support/process.h"
 #include "support/test.h"
 
 using nlohmann::json;
@@ -21,38 +22,10 @@ const ScratchDir kScratch("mp4stbl_report_");
 std::string scratch(const std::string& name) { return kScratch / name; }
 std::string shipped(const std::string& name) { return std::string(MP4STBL_TEST_DATA) + "/" + name; }
 
-std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-struct Outcome {
-  int status = -1;
-  std::string out, err;
-};
-
 // Runs a shell command line, stdout through a pipe and stderr through a file.
-Outcome shell(const std::string& line) {
-  const std::string errors = scratch("stderr");
-  Outcome result;
-  FILE* pipe = popen((line + " 2>'" + errors + "'").c_str(), "r");
-  if (pipe == nullptr) return result;
-  char block[65536];
-  size_t got;
-  while ((got = std::fread(block, 1, sizeof block, pipe)) > 0) result.out.append(block, got);
-  const int status = pclose(pipe);
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  result.err = slurp(errors);
-  return result;
-}
+Outcome shell(const std::string& line) { return shellIn(line, scratch("stderr")); }
 
-Outcome cli(const std::vector<std::string>& args) {
-  std::string line = "'" MP4STBL_CLI "'";
-  for (const std::string& arg : args) line += " '" + arg + "'";  // no quotes in any arg
-  return shell(line);
-}
+Outcome cli(const std::vector<std::string>& args) { return shell(commandLine(MP4STBL_CLI, args)); }
 
 json infoOf(const std::string& path) {
   const Outcome info = cli({"info", path, "--json"});

@@ -5,19 +5,20 @@
 #include <dlfcn.h>
 
 #include <string>
+#include <type_traits>
 
 namespace mp4stbl::cli {
 
 namespace {
 
 // The soname of the major version the headers describe.
-void* open(const char* name, int major) {
+void* openLibrary(const char* name, int major) {
   return dlopen((std::string(name) + ".so." + std::to_string(major)).c_str(), RTLD_NOW | RTLD_LOCAL);
 }
 
 bool load(Libavcodec& calls) {
-  void* codec = open("libavcodec", LIBAVCODEC_VERSION_MAJOR);
-  void* util = open("libavutil", LIBAVUTIL_VERSION_MAJOR);
+  void* codec = openLibrary("libavcodec", LIBAVCODEC_VERSION_MAJOR);
+  void* util = openLibrary("libavutil", LIBAVUTIL_VERSION_MAJOR);
   if (codec == nullptr || util == nullptr) return false;
   bool found = true;
   auto find = [&found](void* library, auto& pointer, const char* name) {
