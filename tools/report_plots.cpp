@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "box/table_reason.h"
+#include <mp4stbl/box/table_reason.h>
 #include "command.h"
 #include "table.h"
 

@@ -9,21 +9,24 @@ namespace mp4stbl {
 
 namespace {
 
-void printFailure(const char* tag, int, const char* text) {
-  std::fprintf(stderr, "[%s] %s", tag, text);
-}
+// A library embedded in another program keeps quiet unless asked: its
+// failures reach the caller through results.
+void dropLine(const char*, int, const char*) {}
 
-std::atomic<LogHandler> currentHandler{&printFailure};
-std::atomic<int> currentLowest{3};
+// Above every level, so that nothing is formatted for nobody.
+constexpr int kSilent = 4;
+
+std::atomic<LogHandler> currentHandler{&dropLine};
+std::atomic<int> currentLowest{kSilent};
 thread_local FailureNote* innermostNote = nullptr;
 
 }  // namespace
 
 LogSink setLogSink(LogSink sink) {
-  LogHandler handler = sink.handler != nullptr ? sink.handler : &printFailure;
-  const int lowest = sink.handler != nullptr ? sink.lowestLevel : 3;
+  LogHandler handler = sink.handler != nullptr ? sink.handler : &dropLine;
+  const int lowest = sink.handler != nullptr ? sink.lowestLevel : kSilent;
   LogSink previous{currentHandler.exchange(handler), currentLowest.exchange(lowest)};
-  if (previous.handler == &printFailure) previous.handler = nullptr;
+  if (previous.handler == &dropLine) previous.handler = nullptr;
   return previous;
 }
 

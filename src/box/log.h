@@ -20,8 +20,9 @@ using LogHandler = void (*)(const char* tag, int level, const char* text);
 
 // Where log lines go: `handler` receives the lines of `lowestLevel` and
 // above; lines below it are dropped before they are formatted, so tracing
-// that nobody reads costs nothing. A null handler is the default, which
-// prints failures (level 3) to stderr.
+// that nobody reads costs nothing. A null handler is the default: the
+// library prints nothing, and a failure reaches the caller through the
+// result of the call (and a FailureNote).
 struct LogSink {
   LogHandler handler = nullptr;
   int lowestLevel = 3;

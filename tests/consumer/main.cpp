@@ -1,28 +1,45 @@
-// Built against an installed copy of the library: records a table, writes
-// it to memory and reads it back.
+// Runs the README's examples one after the other on the shipped clip:
+// extract its video, record the stream into a new file, list that file's
+// tracks, then edit the clip. Each must succeed; run.cmake checks what
+// they print.
 #include <cstdio>
+#include <string>
 
-#include "box/file_stream.h"
-#include "box/log.h"
-#include "box/mp4file.h"
-#include "box/stream.h"
-#include "media/track.h"
-#include "stbl.h"
+#include <mp4stbl/box/result.h>
 
-int main() {
-  AtomHeader header;
-  header.type = "stts";
-  SttsAtom table(header);
-  table.addEntry(3, 1000);
-  mp4stbl::MemoryStream out;
-  if (table.Write(&out) != 0) return 1;
+int listTracks(const char* path, const char* copy);
+int editClip(const char* clip);
+mp4stbl::Status recordStream(std::FILE* in, const std::string& path);
+int extractVideo(const char* path, std::FILE* out);
 
-  mp4stbl::MemoryStream in(out.data());
-  SttsAtom back(header);
-  if (back.Read(&in) != 0 || back.totalDuration() != 3000) return 1;
-  // The file layer links as well: a missing file is a failure with a reason.
-  mp4stbl::Mp4File file;
-  if (file.open("/nonexistent/clip.mp4").ok() || file.open("").message().empty()) return 1;
+namespace {
+
+int fail(const char* what) {
+  std::fprintf(stderr, "consumer: %s failed\n", what);
+  return 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 2) return fail("usage: consumer CLIP");
+  const char* clip = argv[1];
+
+  std::FILE* stream = std::fopen("clip.h264", "wb");
+  if (stream == nullptr || extractVideo(clip, stream) != 0 || std::fclose(stream) != 0) {
+    return fail("extractVideo");
+  }
+  stream = std::fopen("clip.h264", "rb");
+  if (stream == nullptr) return fail("reopening the stream");
+  const mp4stbl::Status recorded = recordStream(stream, "take1.mp4");
+  std::fclose(stream);
+  if (!recorded.ok()) {
+    std::fprintf(stderr, "%s\n", recorded.message().c_str());
+    return fail("recordStream");
+  }
+  if (listTracks("take1.mp4", "take1_copy.mp4") != 0) return fail("listTracks");
+  if (listTracks("/nonexistent/clip.mp4", "never.mp4") == 0) return fail("listTracks on no file");
+  if (editClip(clip) != 0) return fail("editClip");
   std::puts("consumer: ok");
   return 0;
 }

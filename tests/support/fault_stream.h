@@ -6,7 +6,9 @@
 #include <cstdint>
 #include <vector>
 
-#include "box/stream.h"
+#include <mp4stbl/box/stream.h>
+
+using namespace mp4stbl;  // test helpers, like the tests, use the library's names
 
 class FaultStream : public IOStream {
  public:

@@ -7,7 +7,10 @@
 #include <type_traits>
 #include <vector>
 
-#include "stbl.h"
+#include <mp4stbl/stbl.h>
+
+// Beside the records, where argument-dependent lookup finds them.
+namespace mp4stbl {
 
 inline bool operator==(const SttsEntry& a, const SttsEntry& b) {
   return a.sampleCount == b.sampleCount && a.sampleDelta == b.sampleDelta;
@@ -26,6 +29,10 @@ inline std::ostream& operator<<(std::ostream& out, const StscEntry& e) {
   return out << "{" << e.firstChunk << ", " << e.samplesPerChunk << ", "
              << e.sampleDescriptionIndex << "}";
 }
+
+}  // namespace mp4stbl
+
+using namespace mp4stbl;  // test helpers, like the tests, use the library's names
 
 // A table box holding `entries` (stsz: with a matching count), 16 bytes long.
 template <class Box>

@@ -18,18 +18,18 @@
 #include <utility>
 #include <vector>
 
-#include "box/codec_config.h"
-#include "box/edit_boxes.h"
-#include "box/file_stream.h"
-#include "box/movie_boxes.h"
-#include "box/mp4file.h"
-#include "media/track.h"
-#include "stbl.h"
+#include <mp4stbl/box/codec_config.h>
+#include <mp4stbl/box/edit_boxes.h>
+#include <mp4stbl/box/file_stream.h>
+#include <mp4stbl/box/movie_boxes.h>
+#include <mp4stbl/box/mp4file.h>
+#include <mp4stbl/media/track.h>
+#include <mp4stbl/stbl.h>
 #include "support/bytes.h"
 #include "support/log_capture.h"
 #include "support/records.h"
 
-using namespace mp4stbl;
+using namespace mp4stbl;  // test helpers, like the tests, use the library's names
 namespace fs = std::filesystem;
 
 // A directory of its own for one test, named after the process so that two
