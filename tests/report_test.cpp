@@ -182,7 +182,7 @@ TEST(ReportInChromium, NamesFromTheFileStayText) {
                   "-pix_fmt yuv420p -g 10 -metadata:s:v:0 handler_name='" + name + "' '" + made +
                   "'").status, 0);
   ASSERT_EQ(cli({"report", made, "-o", html}).status, 0);
-  EXPECT_NE(slurp(html).find("\\u003c/script>\\u003cscript>alert(1)"), std::string::npos);
+  ASSERT_NE(slurp(html).find("\\u003c/script>\\u003cscript>alert(1)"), std::string::npos);
   const Rendered page = render(html);
   expectDrawn(page, expectedPlots(infoOf(made)), made);
   EXPECT_NE(page.dom.find("<h2>Track 1 (video, avc1): &lt;/script&gt;&lt;script&gt;alert(1)"
