@@ -305,6 +305,7 @@ Result<TrackModel> modelOf(const Track& track, const RecoverOptions& options) {
         recovery::nalFormat(codec, lengthSize, edit::parameterSets(&entry));
     if (!format.ok()) return track.fail(format.message() + ": its slice headers cannot be read");
     model.nal = std::move(*format);
+    model.reorders = track.ctts() != nullptr;
     model.nal.maxNalLength =
         std::clamp<uint64_t>(uint64_t{chunking->largest} * 4, 64u << 10, 8u << 20);
     return model;
@@ -528,8 +529,7 @@ Result<RecoverReport> recoverWithReference(const std::string& broken, const std:
     NewTrack& next = made.emplace_back();
     next.trak = source->traks[kept[m]];
     next.timescale = track.timescale();
-    const bool reorders = track.ctts() != nullptr && models[m].kind == TrackModel::Kind::Video;
-    Status shown = reorders ? showInOrder(track, *reference.stream(), models[m], scan.pictures[m],
+    Status shown = models[m].reorders ? showInOrder(track, *reference.stream(), models[m], scan.pictures[m],
                                           scan.tables[m])
                             : Status();
     // Without composition offsets the B-frame delay that the edit list hides is not there.
