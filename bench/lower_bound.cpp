@@ -21,8 +21,8 @@
 #include <utility>
 #include <vector>
 
-#include "box/memory_hints.h"
-#include "box/wide_clones.h"
+#include <mp4stbl/box/memory_hints.h>
+#include <mp4stbl/box/wide_clones.h>
 
 namespace {
 

@@ -19,12 +19,12 @@
 #include <type_traits>
 #include <vector>
 
-#include "box/atom.h"
-#include "box/file_stream.h"
-#include "box/stream.h"
-#include "box/movie_boxes.h"
-#include "box/mp4file.h"
-#include "stbl.h"
+#include <mp4stbl/box/atom.h>
+#include <mp4stbl/box/file_stream.h>
+#include <mp4stbl/box/stream.h>
+#include <mp4stbl/box/movie_boxes.h>
+#include <mp4stbl/box/mp4file.h>
+#include <mp4stbl/stbl.h>
 
 using namespace mp4stbl;
 

@@ -26,8 +26,8 @@
 #include <string>
 #include <vector>
 
-#include "box/stream.h"
-#include "record/recorder.h"
+#include <mp4stbl/box/stream.h>
+#include <mp4stbl/record/recorder.h>
 
 using namespace mp4stbl;
 

@@ -24,10 +24,10 @@
 #include <string>
 #include <vector>
 
-#include "box/atom.h"
-#include "box/file_stream.h"
-#include "box/stream.h"
-#include "stbl.h"
+#include <mp4stbl/box/atom.h>
+#include <mp4stbl/box/file_stream.h>
+#include <mp4stbl/box/stream.h>
+#include <mp4stbl/stbl.h>
 
 using namespace mp4stbl;
 

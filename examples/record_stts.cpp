@@ -6,9 +6,9 @@
 #include <cstdio>
 #include <string>
 
-#include "box/atom.h"
-#include "box/file_stream.h"
-#include "stbl.h"
+#include <mp4stbl/box/atom.h>
+#include <mp4stbl/box/file_stream.h>
+#include <mp4stbl/stbl.h>
 
 namespace {
 

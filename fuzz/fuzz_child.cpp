@@ -6,9 +6,9 @@
 #include <cstdint>
 #include <vector>
 
-#include "box/stream.h"
-#include "box/log.h"
-#include "stbl.h"
+#include <mp4stbl/box/stream.h>
+#include <mp4stbl/box/log.h>
+#include <mp4stbl/stbl.h>
 
 using namespace mp4stbl;
 

@@ -12,8 +12,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "box/log.h"
-#include "stbl.h"
+#include <mp4stbl/box/log.h>
+#include <mp4stbl/stbl.h>
 
 using namespace mp4stbl;
 

@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "box/stream.h"
-#include "box/log.h"
-#include "box/mp4file.h"
-#include "media/track.h"
+#include <mp4stbl/box/stream.h>
+#include <mp4stbl/box/log.h>
+#include <mp4stbl/box/mp4file.h>
+#include <mp4stbl/media/track.h>
 
 using namespace mp4stbl;
 

@@ -9,11 +9,11 @@
 #include <cstdint>
 #include <vector>
 
-#include "box/log.h"
-#include "box/mp4file.h"
-#include "media/elementary.h"
-#include "media/track.h"
-#include "record/recorder.h"
+#include <mp4stbl/box/log.h>
+#include <mp4stbl/box/mp4file.h>
+#include <mp4stbl/media/elementary.h>
+#include <mp4stbl/media/track.h>
+#include <mp4stbl/record/recorder.h>
 
 using namespace mp4stbl;
 

@@ -15,12 +15,7 @@
 #include "box/memory_hints.h"
 #include "box/wide_clones.h"
 
-using mp4stbl::AtomType;
-using mp4stbl::FieldSink;
-using mp4stbl::logStreamFailure;
-using mp4stbl::makeAtom;
-using mp4stbl::ReadTypedChild;
-namespace byte_order = mp4stbl::byte_order;
+namespace mp4stbl {
 
 namespace {
 
@@ -51,7 +46,7 @@ int ReadTableFromStream(IOStream* stream, unsigned char** out, uint32_t byteCoun
     QX_LOG_Printf("MP4", 3, "malloc %u bytes for building %s failed\n", byteCount, type.c_str());
     return -1;
   }
-  mp4stbl::adviseHugePages(*out, byteCount);
+  adviseHugePages(*out, byteCount);
   const char* failure = nullptr;
   if (memset_s(*out, byteCount, 0, byteCount) != 0) {
     failure = "memset %u bytes for building %s failed\n";
@@ -175,7 +170,7 @@ void reserveMore(std::vector<T>& entries, size_t extra) {
   const size_t needed = entries.size() + extra;
   if (needed > entries.capacity()) {
     entries.reserve(std::max(needed, entries.size() * 2));
-    mp4stbl::adviseHugePages(entries.data(), entries.capacity() * sizeof(T));
+    adviseHugePages(entries.data(), entries.capacity() * sizeof(T));
   }
 }
 
@@ -585,7 +580,7 @@ void copySizes(StszAtom& table, const StszAtom* source, uint32_t start, uint32_t
     return;
   }
   const IndexRange range = clampRange(start, end, source->entries.size());
-  if (trace && mp4stbl::logEnabled(0)) {
+  if (trace && logEnabled(0)) {
     for (size_t i = range.begin; i < range.end; ++i) {
       QX_LOG_Printf("MP4", 0, "stsz %u\n", source->entries[i]);
     }
@@ -661,7 +656,7 @@ void renumberSyncSamples(StssAtom& table, const StssAtom* source, uint32_t start
     return;
   }
   const std::vector<uint32_t>& from = source->entries;
-  const bool tracing = trace && mp4stbl::logEnabled(0);
+  const bool tracing = trace && logEnabled(0);
   if (!tracing && descents(from.data(), from.size()) == 0) {
     // Ascending, as the format wants: two searches find the kept stretch.
     const auto stop = std::upper_bound(from.begin(), from.end(), end);
@@ -769,7 +764,7 @@ void rebaseChunks(Table& table, const Table* source, uint32_t start, uint32_t en
     return;
   }
   const IndexRange range = clampRange(start, end, source->entries.size());
-  const bool tracing = rules.trace != nullptr && mp4stbl::logEnabled(0);
+  const bool tracing = rules.trace != nullptr && logEnabled(0);
   if (!tracing && rebaseInOnePass(table, *source, range, outPos)) {
     growBy(table, rules.growth, range.size());
     return;
@@ -1043,3 +1038,5 @@ StblAtom::~StblAtom() = default;
 Atom* StblAtom::ReadChild(IOStream* stream) {
   return ReadTypedChild(stream, kTableBoxes, std::size(kTableBoxes));
 }
+
+}  // namespace mp4stbl

@@ -7,6 +7,8 @@
 #include "box/atom.h"
 #include "box/sample_entry.h"
 
+namespace mp4stbl {
+
 // One run of the time-to-sample table: sampleCount samples of sampleDelta
 // time-scale units each.
 struct SttsEntry {
@@ -22,7 +24,7 @@ class SttsAtom : public Atom {
 
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
-  void describe(mp4stbl::FieldSink& sink) const override;
+  void describe(FieldSink& sink) const override;
 
   // Extends the last run when its delta equals sampleDelta, else opens a run.
   void addEntry(uint32_t sampleCount, uint32_t sampleDelta);
@@ -53,7 +55,7 @@ class StscAtom : public Atom {
 
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
-  void describe(mp4stbl::FieldSink& sink) const override;
+  void describe(FieldSink& sink) const override;
 
   // Opens a run unless it repeats the last run's grouping.
   void addEntry(uint32_t firstChunk, uint32_t samplesPerChunk, uint32_t sampleDescriptionIndex);
@@ -80,7 +82,7 @@ class StszAtom : public Atom {
 
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
-  void describe(mp4stbl::FieldSink& sink) const override;
+  void describe(FieldSink& sink) const override;
 
   void addEntry(uint32_t size);
   // Append the sizes of source samples start..end (1-based, inclusive);
@@ -110,7 +112,7 @@ class StssAtom : public Atom {
 
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
-  void describe(mp4stbl::FieldSink& sink) const override;
+  void describe(FieldSink& sink) const override;
 
   void addEntry(uint32_t sampleNo);
   // Replaces *no with the first sync sample at or after it; leaves it when
@@ -135,7 +137,7 @@ class StcoAtom : public Atom {
 
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
-  void describe(mp4stbl::FieldSink& sink) const override;
+  void describe(FieldSink& sink) const override;
 
   uint64_t getStartOffset() const;
   void addEntry(uint32_t offset);
@@ -171,7 +173,7 @@ class Co64Atom : public Atom {
 
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
-  void describe(mp4stbl::FieldSink& sink) const override;
+  void describe(FieldSink& sink) const override;
 
   uint64_t getStartOffset() const;
   void addEntry(uint64_t offset);
@@ -224,7 +226,7 @@ class StsdAtom : public Atom {
   // children, so the box stays consistent whatever was added or lost.
   int readData(IOStream* stream) override;
   int writeData(IOStream* stream) override;
-  void describe(mp4stbl::FieldSink& sink) const override;
+  void describe(FieldSink& sink) const override;
   // Reads one sample entry, typed by its coding.
   Atom* ReadChild(IOStream* stream) override;
 
@@ -242,3 +244,5 @@ class StblAtom : public Atom {
   // Reads one child, typed by its box type; foreign ones stay opaque.
   Atom* ReadChild(IOStream* stream) override;
 };
+
+}  // namespace mp4stbl

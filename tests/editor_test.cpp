@@ -7,9 +7,9 @@
 #include <csignal>
 #include <fstream>
 
-#include "box/fragment_boxes.h"
-#include "edit/editor.h"
-#include "edit/media_copy.h"
+#include <mp4stbl/box/fragment_boxes.h>
+#include <mp4stbl/edit/editor.h>
+#include <mp4stbl/edit/media_copy.h>
 #include "support/co64.h"
 #include "support/test.h"
 

@@ -2,14 +2,14 @@
 // libx265 and ffmpeg's AAC encoder are read in pieces of every size; the
 // frames must be the samples, key flags and records ffmpeg writes when it
 // copies the stream into MP4, in the order ffmpeg's decoder shows them.
-#include "media/elementary.h"
+#include <mp4stbl/media/elementary.h>
 
 #include <cstdlib>
 #include <map>
 #include <random>
 #include <sstream>
 
-#include "media/bits.h"
+#include <mp4stbl/media/bits.h>
 #include "support/test.h"
 
 namespace {

@@ -6,7 +6,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "media/sample_format.h"
+#include <mp4stbl/media/sample_format.h>
 #include "support/process.h"
 #include "support/test.h"
 

@@ -1,7 +1,7 @@
 // Fragmented files built byte by byte: where each fragment sample lies,
 // when it decodes and whether it is a key frame, the defaults and base
 // offsets that decide it, and what a broken fragment gives.
-#include "box/fragment_boxes.h"
+#include <mp4stbl/box/fragment_boxes.h>
 #include "support/test.h"
 
 namespace {

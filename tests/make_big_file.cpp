@@ -6,9 +6,9 @@
 #include <cstdlib>
 #include <iterator>
 
-#include "box/file_stream.h"
-#include "box/mp4file.h"
-#include "stbl.h"
+#include <mp4stbl/box/file_stream.h>
+#include <mp4stbl/box/mp4file.h>
+#include <mp4stbl/stbl.h>
 #include "support/co64.h"
 
 using namespace mp4stbl;

@@ -8,8 +8,8 @@
 #include <csignal>
 #include <map>
 
-#include "box/sample_entry.h"
-#include "record/recorder.h"
+#include <mp4stbl/box/sample_entry.h>
+#include <mp4stbl/record/recorder.h>
 #include "support/fault_stream.h"
 #include "support/test.h"
 

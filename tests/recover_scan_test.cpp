@@ -4,8 +4,8 @@
 #include <fstream>
 
 #include "aac_frames.h"
-#include "edit/output.h"
-#include "recover/scan.h"
+#include <mp4stbl/edit/output.h>
+#include <mp4stbl/recover/scan.h>
 #include "support/test.h"
 
 namespace {

@@ -6,10 +6,10 @@
 #include <fstream>
 #include <sstream>
 
-#include "record/recorder.h"
-#include "recover/access_unit.h"
-#include "recover/presentation.h"
-#include "recover/recover.h"
+#include <mp4stbl/record/recorder.h>
+#include <mp4stbl/recover/access_unit.h>
+#include <mp4stbl/recover/presentation.h>
+#include <mp4stbl/recover/recover.h>
 #include "support/test.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // A track's samples read by number and written as elementary streams:
 // golden Annex B and ADTS bytes, the configurations ADTS cannot carry, and
 // sample sizes that lie past the file.
-#include "media/sample_format.h"
+#include <mp4stbl/media/sample_format.h>
 #include "support/test.h"
 
 namespace {

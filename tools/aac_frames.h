@@ -2,7 +2,7 @@
 // libavcodec when the command is built with it.
 #pragma once
 
-#include "recover/recover.h"
+#include <mp4stbl/recover/recover.h>
 
 namespace mp4stbl::cli {
 

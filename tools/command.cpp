@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "box/table_reason.h"
+#include <mp4stbl/box/table_reason.h>
 
 namespace mp4stbl::cli {
 

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "box/mp4file.h"
-#include "media/track.h"
+#include <mp4stbl/box/mp4file.h>
+#include <mp4stbl/media/track.h>
 
 namespace mp4stbl::cli {
 

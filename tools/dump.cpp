@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "box/table_reason.h"
+#include <mp4stbl/box/table_reason.h>
 #include "command.h"
 #include "table.h"
 

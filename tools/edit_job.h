@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "command.h"
-#include "edit/editor.h"
+#include <mp4stbl/edit/editor.h>
 
 namespace mp4stbl::cli {
 

@@ -10,10 +10,10 @@
 #include <string>
 #include <vector>
 
-#include "box/codec_config.h"
-#include "box/new_file.h"
+#include <mp4stbl/box/codec_config.h>
+#include <mp4stbl/box/new_file.h>
 #include "command.h"
-#include "media/sample_format.h"
+#include <mp4stbl/media/sample_format.h>
 
 namespace mp4stbl::cli {
 

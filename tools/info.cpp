@@ -4,9 +4,9 @@
 #include <cmath>
 #include <cstdio>
 
-#include "box/codec_config.h"
-#include "box/movie_boxes.h"
-#include "box/table_reason.h"
+#include <mp4stbl/box/codec_config.h>
+#include <mp4stbl/box/movie_boxes.h>
+#include <mp4stbl/box/table_reason.h>
 #include "command.h"
 #include "table.h"
 

@@ -17,8 +17,8 @@
 #include <vector>
 
 #include "command.h"
-#include "media/elementary.h"
-#include "record/recorder.h"
+#include <mp4stbl/media/elementary.h>
+#include <mp4stbl/record/recorder.h>
 #include "record_input.h"
 
 namespace mp4stbl::cli {

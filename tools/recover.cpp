@@ -6,7 +6,7 @@
 #include "command.h"
 #include "edit_job.h"
 #include "key_frames.h"
-#include "recover/recover.h"
+#include <mp4stbl/recover/recover.h>
 
 namespace mp4stbl::cli {
 

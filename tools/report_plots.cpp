@@ -6,9 +6,9 @@
 #include <optional>
 #include <string>
 
-#include "box/movie_boxes.h"
-#include "box/sample_entry.h"
-#include "box/table_reason.h"
+#include <mp4stbl/box/movie_boxes.h>
+#include <mp4stbl/box/sample_entry.h>
+#include <mp4stbl/box/table_reason.h>
 #include "command.h"
 #include "table.h"
 

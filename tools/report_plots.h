@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "box/mp4file.h"
-#include "box/result.h"
-#include "media/track.h"
+#include <mp4stbl/box/mp4file.h>
+#include <mp4stbl/box/result.h>
+#include <mp4stbl/media/track.h>
 
 namespace mp4stbl::cli {
 

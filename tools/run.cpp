@@ -12,8 +12,8 @@
 #include <stdexcept>
 
 #include "aac_frames.h"
-#include "box/log.h"
-#include "box/table_reason.h"
+#include <mp4stbl/box/log.h>
+#include <mp4stbl/box/table_reason.h>
 #include "aac_frames.h"
 #include "command.h"
 

@@ -6,8 +6,8 @@
 #include <set>
 #include <vector>
 
-#include "box/file_stream.h"
-#include "box/table_reason.h"
+#include <mp4stbl/box/file_stream.h>
+#include <mp4stbl/box/table_reason.h>
 #include "command.h"
 
 namespace mp4stbl::cli {

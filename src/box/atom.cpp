@@ -6,10 +6,7 @@
 
 #include "box/log.h"
 
-using mp4stbl::BoundedStream;
-using mp4stbl::logStreamFailure;
-using mp4stbl::readRestOfBox;
-using mp4stbl::writeRawBytes;
+namespace mp4stbl {
 
 namespace {
 
@@ -91,9 +88,9 @@ int Atom::writeData(IOStream*) { return 0; }
 
 Atom* Atom::ReadChild(IOStream*) { return nullptr; }
 
-void Atom::describe(mp4stbl::FieldSink&) const {}
+void Atom::describe(FieldSink&) const {}
 
-void mp4stbl::FieldSink::signedRow(const int64_t* values, unsigned count) {
+void FieldSink::signedRow(const int64_t* values, unsigned count) {
   std::vector<uint64_t> wrapped(values, values + count);
   row(wrapped.data(), count);
 }
@@ -230,7 +227,7 @@ int Atom::Dump(IOStream* stream, unsigned indent) {
 
 // ---- child factories ----
 
-Atom* mp4stbl::ReadTypedChild(IOStream* stream, const AtomType* types, size_t count) {
+Atom* ReadTypedChild(IOStream* stream, const AtomType* types, size_t count) {
   AtomHeader header;
   if (stream == nullptr) {
     QX_LOG_NULL_PARAM("ReadChild");
@@ -261,7 +258,7 @@ Atom* mp4stbl::ReadTypedChild(IOStream* stream, const AtomType* types, size_t co
 
 UserDefAtom::UserDefAtom(const AtomHeader& from) : Atom(from) {}
 
-int mp4stbl::readRestOfBox(IOStream* stream, const AtomHeader& box, std::vector<unsigned char>* bytes) {
+int readRestOfBox(IOStream* stream, const AtomHeader& box, std::vector<unsigned char>* bytes) {
   const long long left = stream->getLength() - stream->getOffset();
   if (stream->getLength() < 0 || left < 0 ||
       static_cast<unsigned long long>(left) > bytes->max_size()) {
@@ -279,7 +276,7 @@ int mp4stbl::readRestOfBox(IOStream* stream, const AtomHeader& box, std::vector<
   return 0;
 }
 
-int mp4stbl::writeRawBytes(IOStream* stream, const std::vector<unsigned char>& bytes) {
+int writeRawBytes(IOStream* stream, const std::vector<unsigned char>& bytes) {
   for (size_t done = 0; done < bytes.size();) {
     const unsigned piece = static_cast<unsigned>(std::min<size_t>(bytes.size() - done, kChunk));
     if (static_cast<unsigned>(stream->writeBytes(bytes.data() + done, piece)) != piece) {
@@ -306,3 +303,5 @@ int UserDefAtom::writeData(IOStream* stream) {
   }
   return writeRawBytes(stream, body);
 }
+
+}  // namespace mp4stbl

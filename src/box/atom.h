@@ -8,7 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "box/stream.h"
+#include "stream.h"
+
+namespace mp4stbl {
 
 // A box header as read from a stream.
 //   size 2..N    : the box's length in 32 bits (8-byte header)
@@ -36,8 +38,6 @@ class AtomHeader {
   uint64_t headerOffset = 0;
 };
 
-namespace mp4stbl {
-
 // What a box shows of itself to a dump: its fields by name, then the first
 // rows of its table, each row its fields in file order.
 class FieldSink {
@@ -56,8 +56,6 @@ class FieldSink {
   // numbers gets them in two's complement.
   virtual void signedRow(const int64_t* values, unsigned count);
 };
-
-}  // namespace mp4stbl
 
 // The base of every box. A box owns its children and deletes them.
 class Atom {
@@ -79,7 +77,7 @@ class Atom {
   virtual Atom* ReadChild(IOStream* stream);
   virtual int writeChildren(IOStream* stream);
   // Hands the fields of the box's body to `sink`; an opaque box has none.
-  virtual void describe(mp4stbl::FieldSink& sink) const;
+  virtual void describe(FieldSink& sink) const;
 
   // Reads the body and children of a box whose header was just read, never
   // past the box's end, and leaves the stream at that end. 0 or -1.
@@ -114,8 +112,6 @@ class UserDefAtom : public Atom {
 
   std::vector<unsigned char> body;
 };
-
-namespace mp4stbl {
 
 // Raw bytes of a body: everything from the stream's position to the end of
 // the box's window, and their writer, in pieces. Both log a failure and

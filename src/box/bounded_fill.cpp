@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <cstring>
 
+namespace mp4stbl {
+
 int memset_s(void* dest, size_t destMax, int value, size_t count) {
   const size_t maxObject = SIZE_MAX >> 1;  // the RSIZE_MAX of Annex K
   if (dest == nullptr || destMax > maxObject) return EINVAL;
@@ -14,3 +16,5 @@ int memset_s(void* dest, size_t destMax, int value, size_t count) {
   std::memset(dest, value, count);
   return 0;
 }
+
+}  // namespace mp4stbl

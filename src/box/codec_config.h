@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <string>
 
-#include "box/atom.h"
+#include "atom.h"
 
 namespace mp4stbl {
 

@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "box/stream.h"
+#include "stream.h"
 
 namespace mp4stbl {
 

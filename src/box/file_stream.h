@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "box/stream.h"
+#include "stream.h"
 
 namespace mp4stbl {
 

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "box/movie_boxes.h"
+#include "movie_boxes.h"
 
 namespace mp4stbl {
 

@@ -2,9 +2,9 @@
 // sources of the typed full boxes only.
 #pragma once
 
-#include "box/fields.h"
-#include "box/log.h"
-#include "box/movie_boxes.h"
+#include "fields.h"
+#include "log.h"
+#include "movie_boxes.h"
 
 namespace mp4stbl {
 

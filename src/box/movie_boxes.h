@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "box/atom.h"
+#include "atom.h"
 
 namespace mp4stbl {
 

@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "box/atom.h"
-#include "box/result.h"
-#include "box/stream.h"
-#include "stbl.h"
+#include "atom.h"
+#include "result.h"
+#include "stream.h"
+#include "../stbl.h"
 
 namespace mp4stbl {
 

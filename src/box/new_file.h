@@ -3,8 +3,8 @@
 
 #include <string>
 
-#include "box/file_stream.h"
-#include "box/result.h"
+#include "file_stream.h"
+#include "result.h"
 
 namespace mp4stbl {
 

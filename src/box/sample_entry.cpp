@@ -172,11 +172,6 @@ void AudioSampleEntry::describe(FieldSink& sink) const {
   }
 }
 
-}  // namespace mp4stbl
-
-using mp4stbl::AudioSampleEntry;
-using mp4stbl::VisualSampleEntry;
-
 Mp4aAtom::Mp4aAtom(AtomHeader from) : AudioSampleEntry(from) {}
 
 G711Atom::G711Atom(AtomHeader from) : AudioSampleEntry(from) {}
@@ -187,3 +182,5 @@ Hvc1Atom::Hvc1Atom(AtomHeader from) : VisualSampleEntry(from) {}
 
 ProresAtom::ProresAtom(AtomHeader& from, const std::string& name)
     : VisualSampleEntry(from), variant(name) {}
+
+}  // namespace mp4stbl

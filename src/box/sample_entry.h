@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "box/atom.h"
+#include "atom.h"
 
 namespace mp4stbl {
 
@@ -112,36 +112,36 @@ class AudioSampleEntry : public Atom {
   }
 };
 
-}  // namespace mp4stbl
-
 // MPEG-4 audio ("mp4a").
-class Mp4aAtom : public mp4stbl::AudioSampleEntry {
+class Mp4aAtom : public AudioSampleEntry {
  public:
   explicit Mp4aAtom(AtomHeader header);
 };
 
 // G.711 audio, the base of "alaw" and "ulaw".
-class G711Atom : public mp4stbl::AudioSampleEntry {
+class G711Atom : public AudioSampleEntry {
  public:
   explicit G711Atom(AtomHeader header);
 };
 
 // AVC video ("avc1").
-class Avc1Atom : public mp4stbl::VisualSampleEntry {
+class Avc1Atom : public VisualSampleEntry {
  public:
   explicit Avc1Atom(AtomHeader& header);
 };
 
 // HEVC video ("hvc1").
-class Hvc1Atom : public mp4stbl::VisualSampleEntry {
+class Hvc1Atom : public VisualSampleEntry {
  public:
   explicit Hvc1Atom(AtomHeader header);
 };
 
 // Apple ProRes video: one class for "apch", "apcn", "apcs" and "apco".
-class ProresAtom : public mp4stbl::VisualSampleEntry {
+class ProresAtom : public VisualSampleEntry {
  public:
   ProresAtom(AtomHeader& header, const std::string& variant);
 
   std::string variant;
 };
+
+}  // namespace mp4stbl

@@ -9,6 +9,8 @@
 #include "box/log.h"
 #include "box/wide_clones.h"
 
+namespace mp4stbl {
+
 namespace {
 
 // One primitive call moves at most this much, so its int result never wraps.
@@ -88,7 +90,7 @@ template <class Word>
 void swapWords(Word* array, unsigned count) {
   auto* bytes = reinterpret_cast<const unsigned char*>(array);
   for (unsigned i = 0; i < count; ++i) {
-    array[i] = mp4stbl::byte_order::load<Word>(bytes + sizeof(Word) * size_t{i});
+    array[i] = byte_order::load<Word>(bytes + sizeof(Word) * size_t{i});
   }
 }
 
@@ -139,8 +141,6 @@ int IOStream::write64(unsigned long long value) {
   storeBe(bytes, value, 8);
   return writeBytes(bytes, 8);
 }
-
-namespace mp4stbl {
 
 // ---- MemoryStream ----
 

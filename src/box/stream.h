@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+namespace mp4stbl {
+
 class IOStream {
  public:
   virtual ~IOStream();
@@ -44,8 +46,6 @@ class IOStream {
  private:
   int readExactly(unsigned char* buffer, unsigned count);
 };
-
-namespace mp4stbl {
 
 // An in-memory stream. Reads stop at the end of the bytes; writes overwrite
 // or extend at the current position.

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "stbl.h"
+#include "../stbl.h"
 
 namespace mp4stbl {
 

@@ -3,8 +3,8 @@
 // those of its movie fragments, described by one complete sample table.
 #pragma once
 
-#include "box/mp4file.h"
-#include "box/result.h"
+#include "../box/mp4file.h"
+#include "../box/result.h"
 
 namespace mp4stbl::edit {
 

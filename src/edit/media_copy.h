@@ -6,8 +6,8 @@
 #include <functional>
 #include <vector>
 
-#include "box/atom.h"
-#include "box/result.h"
+#include "../box/atom.h"
+#include "../box/result.h"
 
 namespace mp4stbl::edit {
 

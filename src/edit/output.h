@@ -9,11 +9,11 @@
 #include <string>
 #include <vector>
 
-#include "box/mp4file.h"
-#include "edit/editor.h"
-#include "edit/media_copy.h"
-#include "media/track.h"
-#include "stbl.h"
+#include "../box/mp4file.h"
+#include "editor.h"
+#include "media_copy.h"
+#include "../media/track.h"
+#include "../stbl.h"
 
 namespace mp4stbl::edit {
 

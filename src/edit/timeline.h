@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "edit/output.h"
+#include "output.h"
 
 namespace mp4stbl::edit {
 

@@ -8,8 +8,8 @@
 #include <cstdint>
 #include <memory>
 
-#include "box/result.h"
-#include "media/stream_config.h"
+#include "../box/result.h"
+#include "stream_config.h"
 
 namespace mp4stbl {
 

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "box/fragment_boxes.h"
-#include "box/mp4file.h"
+#include "../box/fragment_boxes.h"
+#include "../box/mp4file.h"
 
 namespace mp4stbl {
 

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "box/result.h"
-#include "media/stream_config.h"
+#include "../box/result.h"
+#include "stream_config.h"
 
 namespace mp4stbl {
 

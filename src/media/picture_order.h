@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "media/parameter_sets.h"
+#include "parameter_sets.h"
 
 namespace mp4stbl {
 

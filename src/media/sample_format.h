@@ -7,9 +7,9 @@
 #include <cstdint>
 #include <vector>
 
-#include "box/atom.h"
-#include "box/result.h"
-#include "media/stream_config.h"
+#include "../box/atom.h"
+#include "../box/result.h"
+#include "stream_config.h"
 
 namespace mp4stbl {
 

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "box/result.h"
+#include "../box/result.h"
 
 namespace mp4stbl {
 

@@ -9,11 +9,11 @@
 #include <utility>
 #include <vector>
 
-#include "box/edit_boxes.h"
-#include "box/mp4file.h"
-#include "box/result.h"
-#include "media/fragments.h"
-#include "stbl.h"
+#include "../box/edit_boxes.h"
+#include "../box/mp4file.h"
+#include "../box/result.h"
+#include "fragments.h"
+#include "../stbl.h"
 
 namespace mp4stbl {
 

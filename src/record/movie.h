@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "media/stream_config.h"
-#include "record/recorded_track.h"
+#include "../media/stream_config.h"
+#include "recorded_track.h"
 
 namespace mp4stbl::record {
 

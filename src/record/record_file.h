@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "box/stream.h"
+#include "../box/stream.h"
 
 namespace mp4stbl {
 

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "box/edit_boxes.h"
-#include "media/stream_config.h"
-#include "stbl.h"
+#include "../box/edit_boxes.h"
+#include "../media/stream_config.h"
+#include "../stbl.h"
 
 namespace mp4stbl::record {
 

@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "box/result.h"
-#include "box/stream.h"
-#include "media/stream_config.h"
+#include "../box/result.h"
+#include "../box/stream.h"
+#include "../media/stream_config.h"
 
 namespace mp4stbl {
 

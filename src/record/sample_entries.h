@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <memory>
 
-#include "box/atom.h"
-#include "media/stream_config.h"
+#include "../box/atom.h"
+#include "../media/stream_config.h"
 
 namespace mp4stbl::record {
 

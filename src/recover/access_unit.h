@@ -9,8 +9,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "box/result.h"
-#include "media/parameter_sets.h"
+#include "../box/result.h"
+#include "../media/parameter_sets.h"
 
 namespace mp4stbl::recovery {
 

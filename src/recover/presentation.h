@@ -6,11 +6,11 @@
 #include <cstdint>
 #include <vector>
 
-#include "box/result.h"
-#include "box/stream.h"
-#include "media/picture_order.h"
-#include "media/track.h"
-#include "recover/access_unit.h"
+#include "../box/result.h"
+#include "../box/stream.h"
+#include "../media/picture_order.h"
+#include "../media/track.h"
+#include "access_unit.h"
 
 namespace mp4stbl::recovery {
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "box/result.h"
+#include "../box/result.h"
 
 namespace mp4stbl {
 

@@ -9,11 +9,11 @@
 #include <string>
 #include <vector>
 
-#include "box/stream.h"
-#include "recover/access_unit.h"
-#include "recover/presentation.h"
-#include "recover/recover.h"
-#include "recover/tables.h"
+#include "../box/stream.h"
+#include "access_unit.h"
+#include "presentation.h"
+#include "recover.h"
+#include "tables.h"
 
 namespace mp4stbl::recovery {
 

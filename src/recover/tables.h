@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "edit/output.h"
+#include "../edit/output.h"
 
 namespace mp4stbl::recovery {
 

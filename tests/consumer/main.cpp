@@ -2,12 +2,12 @@
 // it to memory and reads it back.
 #include <cstdio>
 
-#include "box/file_stream.h"
-#include "box/log.h"
-#include "box/mp4file.h"
-#include "box/stream.h"
-#include "media/track.h"
-#include "stbl.h"
+#include <mp4stbl/box/file_stream.h>
+#include <mp4stbl/box/log.h>
+#include <mp4stbl/box/mp4file.h>
+#include <mp4stbl/box/stream.h>
+#include <mp4stbl/media/track.h>
+#include <mp4stbl/stbl.h>
 
 int main() {
   AtomHeader header;

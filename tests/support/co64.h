@@ -3,8 +3,8 @@
 
 #include <cstdint>
 
-#include "box/mp4file.h"
-#include "stbl.h"
+#include <mp4stbl/box/mp4file.h>
+#include <mp4stbl/stbl.h>
 
 inline void widenChunkOffsets(mp4stbl::Mp4File& file, uint64_t shift) {
   for (Atom* stbl : file.find("moov/trak/mdia/minf/stbl")) {

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "box/stream.h"
+#include <mp4stbl/box/stream.h>
 
 class FaultStream : public IOStream {
  public:

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "box/log.h"
+#include <mp4stbl/box/log.h>
 
 struct LogLine {
   std::string tag;

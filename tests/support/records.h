@@ -7,7 +7,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "stbl.h"
+#include <mp4stbl/stbl.h>
 
 inline bool operator==(const SttsEntry& a, const SttsEntry& b) {
   return a.sampleCount == b.sampleCount && a.sampleDelta == b.sampleDelta;

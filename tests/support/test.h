@@ -18,13 +18,13 @@
 #include <utility>
 #include <vector>
 
-#include "box/codec_config.h"
-#include "box/edit_boxes.h"
-#include "box/file_stream.h"
-#include "box/movie_boxes.h"
-#include "box/mp4file.h"
-#include "media/track.h"
-#include "stbl.h"
+#include <mp4stbl/box/codec_config.h>
+#include <mp4stbl/box/edit_boxes.h>
+#include <mp4stbl/box/file_stream.h>
+#include <mp4stbl/box/movie_boxes.h>
+#include <mp4stbl/box/mp4file.h>
+#include <mp4stbl/media/track.h>
+#include <mp4stbl/stbl.h>
 #include "support/bytes.h"
 #include "support/log_capture.h"
 #include "support/records.h"
