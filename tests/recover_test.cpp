@@ -462,10 +462,30 @@ TEST(RecoverRefuses, WhatCannotBeRecoveredSaysWhy) {
                 larger + "'")
                 .status,
             0);
+  // Another picture size whose key frames carry their parameter sets, which
+  // a decoder takes over the reference's; and sound of two channels.
+  const std::string inBand = dir / "in_band.mp4";
+  ASSERT_EQ(run("ffmpeg -v error -y -f lavfi -i testsrc=size=320x240:rate=25:duration=1 "
+                "-f lavfi -i sine=duration=1 -c:v libx264 -x264-params repeat-headers=1 -bf 0 "
+                "-pix_fmt yuv420p -c:a aac '" + inBand + "'").status, 0);
+  const std::string hevcInBand = dir / "hevc_in_band.mp4";
+  ASSERT_EQ(run("ffmpeg -v error -y -f lavfi -i testsrc=size=320x240:rate=25:duration=1 "
+                "-f lavfi -i sine=duration=1 -c:v libx265 -x265-params "
+                "log-level=error:repeat-headers=1 -pix_fmt yuv420p -c:a aac '" + hevcInBand + "'")
+                .status, 0);
+  const std::string stereo = dir / "stereo.mp4";
+  ASSERT_EQ(run("ffmpeg -v error -y -f lavfi -i testsrc=size=160x120:rate=25:duration=2 "
+                "-f lavfi -i sine=duration=2 -c:v libx264 -bf 0 -pix_fmt yuv420p -c:a aac -ac 2 '" +
+                stereo + "'").status, 0);
   const std::string data = bytesOfFile(good);
   const uint64_t media = moovOffset(good);
   const std::string cut = dir / "cut.mp4";
   cutFile(good, media / 2, cut);
+  const std::string inBandCut = dir / "in_band_cut.mp4", hevcInBandCut = dir / "hevc_in_band_cut.mp4";
+  const std::string stereoCut = dir / "stereo_cut.mp4";
+  cutFile(inBand, moovOffset(inBand) / 2, inBandCut);
+  cutFile(hevcInBand, moovOffset(hevcInBand) / 2, hevcInBandCut);
+  cutFile(stereo, moovOffset(stereo) / 2, stereoCut);
   const std::string random = dir / "random.mp4";
   std::string noise(50000, '\0');
   uint32_t state = 12345;
@@ -496,6 +516,15 @@ TEST(RecoverRefuses, WhatCannotBeRecoveredSaysWhy) {
        "track 1 (vide, avc1): the reference's parameter sets do not decode its video (the key "
        "frame at offset "},
       {"'" + cut + "' -o '" + cut + "' --reference '" + good + "'", "is one of the inputs"},
+      {"'" + inBandCut + "' -o '" + out + "' --reference '" + good + "'",
+       "track 1 (vide, avc1): its pictures are 320x240 and the reference's 160x120 (the key frame "
+       "at offset "},
+      {"'" + hevcInBandCut + "' -o '" + out + "' --reference '" + hevc + "'",
+       "track 1 (vide, hev1): its pictures are 320x240 and the reference's 160x120 (the key frame "
+       "at offset "},
+      {"'" + stereoCut + "' -o '" + out + "' --reference '" + good + "'",
+       "track 2 (soun, mp4a): its AAC frames hold 2 channels and the reference's 1 (the frame at "
+       "offset "},
   };
   for (const Refusal& refusal : refusals) {
     SCOPED_TRACE(refusal.args);
@@ -507,6 +536,40 @@ TEST(RecoverRefuses, WhatCannotBeRecoveredSaysWhy) {
   EXPECT_EQ(bytesOfFile(cut), data.substr(0, media / 2));
   const Outcome hugeDone = run(kCli + " recover '" + huge + "' -o '" + out + "' --reference '" + good + "'");
   EXPECT_EQ(hugeDone.status, 0) << hugeDone.out;
+}
+
+// Raw sound does not carry its rate: recovered, each sound track says that
+// its rate is the reference's.
+TEST(RecoverRefuses, ASoundRateThatCannotBeCheckedIsNoted) {
+  if (!haveFfmpeg()) GTEST_SKIP() << "needs ffmpeg";
+  if (!findsAac()) GTEST_SKIP() << "the command finds no AAC frames (no libavcodec)";
+  ScratchDir dir("recover_rates");
+  struct Case {
+    std::string file;
+    std::string makes;
+    std::string note;
+  };
+  const std::vector<Case> cases = {
+      {"aac.mp4", "-f lavfi -i testsrc=size=160x120:rate=25:duration=2 -f lavfi -i "
+                  "sine=r=48000:duration=2 -c:v libx264 -bf 0 -pix_fmt yuv420p -c:a aac",
+       "track 2 (soun, mp4a): raw AAC frames do not carry their rate: 48000 Hz is the "
+       "reference's, unchecked"},
+      {"pcm.mov", "-f lavfi -i sine=r=22050:duration=2 -c:a pcm_s16le",
+       "track 1 (soun, sowt): raw samples do not carry their rate: 22050 Hz is the reference's, "
+       "unchecked"},
+      {"alaw.mov", "-f lavfi -i sine=r=8000:duration=2 -c:a pcm_alaw",
+       "track 1 (soun, alaw): raw samples do not carry their rate: 8000 Hz is the reference's, "
+       "unchecked"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.file);
+    const std::string file = dir / c.file, cut = dir / ("cut_" + c.file), out = dir / ("out_" + c.file);
+    ASSERT_EQ(run("ffmpeg -v error -y " + c.makes + " '" + file + "'").status, 0);
+    cutFile(file, moovOffset(file) / 2, cut);
+    const Outcome done = run(kCli + " recover '" + cut + "' -o '" + out + "' --reference '" + file + "'");
+    ASSERT_EQ(done.status, 0) << done.out;
+    EXPECT_NE(done.out.find("\nnote: " + c.note + "\n"), std::string::npos) << done.out;
+  }
 }
 
 }  // namespace

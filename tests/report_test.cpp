@@ -56,7 +56,7 @@ struct Rendered {
 Rendered render(const std::string& html) {
   const Outcome run = shell(
       "timeout 120 chromium --headless --disable-gpu --no-sandbox --virtual-time-budget=5000 "
-      "--window-size=1200,900 --enable-logging=stderr --v=0 --dump-dom 'file://" + html + "'");
+      "--window-size=1280,900 --enable-logging=stderr --v=0 --dump-dom 'file://" + html + "'");
   Rendered page;
   page.dom = run.out;
   std::istringstream lines(run.err);
@@ -122,6 +122,9 @@ void expectDrawn(const Rendered& page, const std::set<std::string>& ids, const s
     EXPECT_GT(plot["painted"], 0);
   }
   EXPECT_EQ(drawn, ids);
+  // The page fits its window, the overview its column: nothing scrolls sideways.
+  EXPECT_LE(page.summary["scrollWidth"], page.summary["clientWidth"]);
+  EXPECT_EQ(page.summary["tablesPastBody"], 0);
 }
 
 // Every shipped file: each plot drawn, and the overview says what info says.
@@ -166,6 +169,30 @@ TEST(ReportInChromium, AnUnreadableTrackIsNamedAndTheOthersDrawn) {
   const Rendered page = render(html);
   expectDrawn(page, {"bitrate-2", "edits-2", "layout"}, broken);
   EXPECT_NE(page.dom.find("not shown: " + reason), std::string::npos);
+}
+
+// Names from the file reach the page's data (the section headings): one
+// that closes the script element and opens another is shown as text, the
+// page's three scripts alone run.
+TEST(ReportInChromium, NamesFromTheFileStayText) {
+  if (!haveChromium()) GTEST_SKIP() << "chromium is not installed";
+  const std::string name = "</script><script>alert(1)</script><!-- & \\u003c";
+  const std::string made = scratch("named.mp4"), html = scratch("named.html");
+  ASSERT_EQ(shell("ffmpeg -v error -y -f lavfi -i testsrc=size=96x64:rate=25 -t 2 -c:v libx264 "
+                  "-pix_fmt yuv420p -g 10 -metadata:s:v:0 handler_name='" + name + "' '" + made +
+                  "'").status, 0);
+  ASSERT_EQ(cli({"report", made, "-o", html}).status, 0);
+  ASSERT_NE(slurp(html).find("\\u003c/script>\\u003cscript>alert(1)"), std::string::npos);
+  const Rendered page = render(html);
+  expectDrawn(page, expectedPlots(infoOf(made)), made);
+  EXPECT_NE(page.dom.find("<h2>Track 1 (video, avc1): &lt;/script&gt;&lt;script&gt;alert(1)"
+                          "&lt;/script&gt;&lt;!-- &amp; \\u003c, Lavc"),
+            std::string::npos) << page.dom.substr(0, 4000);
+  size_t scripts = 0;
+  for (size_t at = page.dom.find("<script"); at != std::string::npos; at = page.dom.find("<script", at + 1)) {
+    ++scripts;
+  }
+  EXPECT_EQ(scripts, 3u);
 }
 
 // A file that cannot be read fails with info's message and status and
@@ -284,13 +311,24 @@ void expectNear(const std::map<double, double>& got, const std::map<double, doub
 
 // Bit rate in one-second windows, `width` windows to a column (windows
 // with no sample at 0), and the columns holding a key frame.
+// The first and last window count only the part the track lasts: from
+// its first sample shown to the end of its last.
 void expectBitRate(const json& plot, const json& samples, const json& track, bool keyed) {
   std::map<int64_t, double> windows;
   std::set<int64_t> keyWindows;
+  double start = INFINITY, end = -INFINITY;
   for (const json& s : samples) {
-    const auto window = static_cast<int64_t>(std::floor(s["presentationSeconds"].get<double>()));
+    const double shown = s["presentationSeconds"];
+    start = std::min(start, shown);
+    end = std::max(end, shown + s["duration"].get<double>() / track["timescale"].get<double>());
+    const auto window = static_cast<int64_t>(std::floor(shown));
     windows[window] += s["size"].get<double>() * 8 / 1000;
     if (s["sync"]) keyWindows.insert(window);
+  }
+  for (auto& [window, rate] : windows) {
+    const auto from = static_cast<double>(window);
+    const double length = std::min(from + 1, end) - std::max(from, start);
+    if (length < 1) rate /= length;
   }
   const int64_t first = windows.begin()->first, last = windows.rbegin()->first;
   const int64_t width = (last - first + 1 + 999) / 1000;
@@ -311,6 +349,7 @@ void expectBitRate(const json& plot, const json& samples, const json& track, boo
   expectNear(seriesOf(plot, width > 1 ? "kbit/s (most)" : "kbit/s"), mostOf(columns), id);
   if (width > 1) expectNear(seriesOf(plot, "kbit/s (least)"), leastOf(columns), id);
   if (keyed) expectNear(seriesOf(plot, "key frames"), keys, id + " key frames");
+  EXPECT_EQ(plot["note"], keyed ? "" : "all samples are key frames") << id;
   for (const auto& [start, average] : seriesOf(plot, "average")) {
     EXPECT_DOUBLE_EQ(average, track["bitrate"].get<double>() / 1000) << id;
   }
@@ -367,7 +406,7 @@ TEST(ReportData, PlotsHoldTheSamplesOfMadeFiles) {
   ASSERT_EQ(shell("ffmpeg -v error -y -f lavfi -i sine=r=8000:d=1100 -c:a aac -b:a 8k '" +
                   sound + "'").status, 0);
   for (const std::string& file : {made, sound, shipped("frag_h264_aac.mp4"),
-                                  shipped("bframes_late.mp4")}) {
+                                  shipped("bframes_late.mp4"), shipped("h264_aac.mp4")}) {
     SCOPED_TRACE(file);
     const std::string html = scratch("made.html");
     ASSERT_EQ(cli({"report", file, "-o", html}).status, 0);
@@ -385,6 +424,16 @@ TEST(ReportData, PlotsHoldTheSamplesOfMadeFiles) {
       EXPECT_NEAR(edits["data"][0].back().get<double>(), track["presentationSeconds"], 1e-9);
     }
   }
+}
+
+// The shipped clip lasts 0.4 s: its one window holds the bytes of 0.4 s,
+// the video's 11587 bytes at 231.74 kbit/s, its average.
+TEST(ReportData, AWindowCutByTheTracksEndIsCountedOverItsLength) {
+  const std::string html = scratch("clip.html");
+  ASSERT_EQ(cli({"report", shipped("h264_aac.mp4"), "-o", html}).status, 0);
+  const json plot = plotsIn(html).at("bitrate-1");
+  EXPECT_NEAR(seriesOf(plot, "kbit/s").at(0), 231.74, 1e-9);
+  EXPECT_NEAR(seriesOf(plot, "average").at(0), 231.74, 1e-9);
 }
 
 // Each run of a fragment (a chunk in samples --json) at the kilobytes it holds.

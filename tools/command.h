@@ -82,6 +82,10 @@ const Track* findTrack(const Options& options, const Opened& opened);
 nlohmann::json infoDocument(const Options& options, Opened& opened);
 
 double seconds(uint64_t units, uint32_t timescale);
+// The child box of `parent` of that type; null when there is none or no parent.
+const Atom* childOf(const Atom* parent, const char* type);
+// The trak box of a track, by the id in its tkhd; null when none has it.
+const Atom* trakOf(Mp4File& file, const Track& track);
 void printJson(const nlohmann::json& document);
 
 int info(const Options& options);

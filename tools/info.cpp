@@ -102,6 +102,8 @@ json fileSummary(const Mp4File& file) {
   return summary;
 }
 
+}  // namespace
+
 const Atom* childOf(const Atom* parent, const char* type) {
   if (parent == nullptr) return nullptr;
   for (const Atom* child : parent->children) {
@@ -110,7 +112,6 @@ const Atom* childOf(const Atom* parent, const char* type) {
   return nullptr;
 }
 
-// The trak box of a track, by the id in its tkhd.
 const Atom* trakOf(Mp4File& file, const Track& track) {
   for (const Atom* trak : file.find("moov/trak")) {
     const auto* tkhd = dynamic_cast<const TkhdAtom*>(childOf(trak, "tkhd"));
@@ -118,6 +119,8 @@ const Atom* trakOf(Mp4File& file, const Track& track) {
   }
   return nullptr;
 }
+
+namespace {
 
 json codecOf(const Atom& entry) {
   for (const Atom* child : entry.children) {

@@ -4,6 +4,7 @@
 
 #include "libavcodec.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace mp4stbl::cli {
@@ -12,7 +13,7 @@ namespace {
 
 // Decodes one frame alone, as a decoder that starts there would, refusing
 // any error in its bit stream.
-bool decodesAlone(AVCodecID id, const std::vector<uint8_t>& configuration, const uint8_t* sample,
+DecodedFrame decodeAlone(AVCodecID id, const std::vector<uint8_t>& configuration, const uint8_t* sample,
                   size_t size) {
   av().av_log_set_level(AV_LOG_QUIET);
   const AVCodec* codec = av().avcodec_find_decoder(id);
@@ -23,7 +24,7 @@ bool decodesAlone(AVCodecID id, const std::vector<uint8_t>& configuration, const
   std::vector<uint8_t> data(sample, sample + size);
   extradata.resize(configuration.size() + AV_INPUT_BUFFER_PADDING_SIZE, 0);
   data.resize(size + AV_INPUT_BUFFER_PADDING_SIZE, 0);
-  bool decoded = false;
+  DecodedFrame decoded;
   if (context != nullptr && packet != nullptr && frame != nullptr) {
     context->extradata = static_cast<uint8_t*>(av().av_mallocz(extradata.size()));
     if (context->extradata != nullptr) {
@@ -34,11 +35,17 @@ bool decodesAlone(AVCodecID id, const std::vector<uint8_t>& configuration, const
     context->thread_count = 1;
     packet->data = data.data();
     packet->size = static_cast<int>(size);
-    decoded = context->extradata != nullptr && av().avcodec_open2(context, codec, nullptr) == 0 &&
+    decoded.decoded = context->extradata != nullptr && av().avcodec_open2(context, codec, nullptr) == 0 &&
               av().avcodec_send_packet(context, packet) == 0 &&
               av().avcodec_send_packet(context, nullptr) == 0 &&
               av().avcodec_receive_frame(context, frame) == 0 && frame->decode_error_flags == 0 &&
               (frame->flags & AV_FRAME_FLAG_CORRUPT) == 0;
+  }
+  if (decoded.decoded) {
+    decoded.width = static_cast<uint32_t>(std::max(frame->width, 0));
+    decoded.height = static_cast<uint32_t>(std::max(frame->height, 0));
+    decoded.channels = static_cast<uint32_t>(std::max(frame->ch_layout.nb_channels, 0));
+    decoded.sampleRate = static_cast<uint32_t>(std::max(frame->sample_rate, 0));
   }
   av().av_frame_free(&frame);
   av().av_packet_free(&packet);
@@ -52,7 +59,14 @@ KeyFrameDecodes keyFrameDecodes() {
   if (libavcodec() == nullptr) return {};
   return [](bool hevc, const std::vector<uint8_t>& configuration, const uint8_t* sample,
             size_t size) {
-    return decodesAlone(hevc ? AV_CODEC_ID_HEVC : AV_CODEC_ID_H264, configuration, sample, size);
+    return decodeAlone(hevc ? AV_CODEC_ID_HEVC : AV_CODEC_ID_H264, configuration, sample, size);
+  };
+}
+
+AacFrameDecodes aacFrameDecodes() {
+  if (libavcodec() == nullptr) return {};
+  return [](const std::vector<uint8_t>& specificConfig, const uint8_t* frame, size_t size) {
+    return decodeAlone(AV_CODEC_ID_AAC, specificConfig, frame, size);
   };
 }
 
@@ -63,6 +77,7 @@ KeyFrameDecodes keyFrameDecodes() {
 namespace mp4stbl::cli {
 
 KeyFrameDecodes keyFrameDecodes() { return {}; }
+AacFrameDecodes aacFrameDecodes() { return {}; }
 
 }  // namespace mp4stbl::cli
 

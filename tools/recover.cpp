@@ -15,6 +15,7 @@ int recover(const Options& options) {
   recoverOptions.reference = options.reference;
   recoverOptions.aacFrameLength = aacFrameLength();
   recoverOptions.keyFrameDecodes = keyFrameDecodes();
+  recoverOptions.aacFrameDecodes = aacFrameDecodes();
   Result<RecoverReport> done = mp4stbl::recover(options.file, options.output, recoverOptions);
   if (!done.ok()) {
     Options about = options;

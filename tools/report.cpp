@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <fstream>
 #include <string_view>
+#include <vector>
 
 #include "command.h"
 #include "report_plots.h"
@@ -93,19 +94,22 @@ std::string overview(const json& info) {
   html += "; fast start: <span data-field=\"fastStart\">" + cell(info["fastStart"]) + "</span>";
   html += "; fragmented: <span data-field=\"fragmented\">" + cell(info["fragmented"]) +
           "</span></p>\n";
-  static const char* const kFields[] = {"id", "handler", "entry", "timescale", "samples",
-                                        "duration", "seconds", "bytes", "bitrate", "keyFrames",
-                                        "chunks", "width", "height", "frameRate", "sampleRate",
-                                        "channels"};
-  html += "<table id=\"tracks\"><tr>";
-  for (const char* field : kFields) html += std::string("<th>") + field + "</th>";
-  html += "</tr>\n";
-  for (const json& track : info["tracks"]) {
-    html += "<tr>";
-    for (const char* field : kFields) html += trackCell(track, field);
+  // Two tables, as info prints them: one would be wider than the page.
+  static const std::vector<const char*> kTables[] = {
+      {"id", "handler", "entry", "timescale", "samples", "duration", "seconds", "bytes", "bitrate",
+       "keyFrames", "chunks"},
+      {"id", "entry", "width", "height", "frameRate", "sampleRate", "channels"}};
+  for (const std::vector<const char*>& fields : kTables) {
+    html += "<div class=\"table\"><table><tr>";
+    for (const char* field : fields) html += std::string("<th>") + field + "</th>";
     html += "</tr>\n";
+    for (const json& track : info["tracks"]) {
+      html += "<tr>";
+      for (const char* field : fields) html += trackCell(track, field);
+      html += "</tr>\n";
+    }
+    html += "</table></div>\n";
   }
-  html += "</table>\n";
   for (const json& reason : info["unreadable"]) {
     html += "<p class=\"unreadable\">not shown: " + cell(reason) + "</p>\n";
   }
@@ -152,7 +156,7 @@ int visualReport(const Options& options) {
   json info = infoDocument(options, *opened);
   std::vector<WalkedTrack> walked;
   for (const Track* track : chosen) {
-    Result<WalkedTrack> walk = walkTrack(*track);
+    Result<WalkedTrack> walk = walkTrack(opened->file, *track);
     if (!walk.ok()) {
       info["unreadable"].push_back(walk.message());
       continue;

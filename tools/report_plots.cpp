@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+#include <mp4stbl/box/movie_boxes.h>
+#include <mp4stbl/box/sample_entry.h>
 #include <mp4stbl/box/table_reason.h>
 #include "command.h"
 #include "table.h"
@@ -112,9 +114,26 @@ json makePlot(const PlotTitle& title, const Grid& grid, const std::vector<Series
   return plot;
 }
 
-std::string sectionOf(const Track& track) {
-  return "Track " + std::to_string(track.id()) + " (" + track.kind() + ", " +
-         printable(track.entryType()) + ")";
+// "Track 1 (video, avc1): VideoHandler, Lavc libx264": the names as the
+// file gives them, the page escaping them.
+std::string sectionOf(Mp4File& file, const Track& track) {
+  std::string section = "Track " + std::to_string(track.id()) + " (" + track.kind() + ", " +
+                        printable(track.entryType()) + ")";
+  std::vector<std::string> names;
+  if (const auto* hdlr = dynamic_cast<const HdlrAtom*>(
+          childOf(childOf(trakOf(file, track), "mdia"), "hdlr"))) {
+    names.push_back(hdlr->name());
+  }
+  if (!track.stsd().children.empty()) {
+    if (const auto* visual = dynamic_cast<const VisualSampleEntry*>(track.stsd().children.front())) {
+      names.push_back(visual->compressor());
+    }
+  }
+  std::string named;
+  for (const std::string& name : names) {
+    if (!name.empty()) named += (named.empty() ? ": " : ", ") + printable(name);
+  }
+  return section + named;
 }
 
 std::string idOf(const char* plot, const Track& track) {
@@ -171,8 +190,17 @@ std::vector<Window> windowsOf(const WalkedTrack& walked) {
   return windows;
 }
 
-// kbit/s over one-second windows of presentation time, a window with no
-// sample at 0; the average over the media's seconds as info gives it.
+// The seconds of the window from `start` that the track lasts: a whole
+// one, less where the track starts late in it or ends early.
+double windowLength(const WalkedTrack& walked, int64_t start) {
+  const auto from = static_cast<double>(start);
+  const double length = std::min(from + 1, walked.end) - std::max(from, walked.start);
+  return length > 0 && length < 1 ? length : 1.0;
+}
+
+// kbit/s over one-second windows of presentation time (the first and last
+// over the part the track lasts), a window with no sample at 0; the
+// average over the media's seconds as info gives it.
 json bitratePlot(const WalkedTrack& walked) {
   const Track& track = *walked.track;
   const std::vector<Window> windows = windowsOf(walked);
@@ -183,7 +211,8 @@ json bitratePlot(const WalkedTrack& walked) {
   std::vector<uint64_t> filled(grid.count);
   for (const Window& window : windows) {
     const size_t column = grid.column(static_cast<double>(window.start));
-    rate.add(column, static_cast<double>(window.bytes) * 8 / 1000);
+    rate.add(column,
+             static_cast<double>(window.bytes) * 8 / 1000 / windowLength(walked, window.start));
     ++filled[column];
   }
   Values keys(grid.count), average(grid.count);
@@ -213,9 +242,9 @@ json bitratePlot(const WalkedTrack& walked) {
   if (grid.width > 1) series.push_back({"kbit/s (least)", kFrameColor, "steps", rate.least});
   series.push_back({"average", kAverageColor, "dashed", average});
   if (marksKeyFrames(walked)) series.push_back({"key frames", kKeyColor, "points", keys});
-  return makePlot({idOf("bitrate", track), sectionOf(track), "Bit rate, one-second windows",
+  return makePlot({idOf("bitrate", track), walked.section, "Bit rate, one-second windows",
                    "seconds", "kbit/s"},
-                  closed, series);
+                  closed, series, marksKeyFrames(walked) ? "" : "all samples are key frames");
 }
 
 // Sizes in decode order, key frames apart.
@@ -234,7 +263,7 @@ json frameSizePlot(const WalkedTrack& walked) {
        frames.most}};
   if (cut) series.push_back({"other frames (least)", kFrameColor, "line", frames.least});
   series.push_back({"key frames", kKeyColor, "points", keys.most});
-  return makePlot({idOf("frames", track), sectionOf(track), "Frame sizes in decode order",
+  return makePlot({idOf("frames", track), walked.section, "Frame sizes in decode order",
                    "sample", "bytes"},
                   grid, series);
 }
@@ -262,7 +291,7 @@ json gopPlot(const WalkedTrack& walked) {
   for (size_t column = 0; column < grid.count; ++column) {
     if (counts[column] > 0) bars[column] = counts[column];
   }
-  return makePlot({idOf("gop", track), sectionOf(track), "GOP lengths (key frame intervals)",
+  return makePlot({idOf("gop", track), walked.section, "GOP lengths (key frame intervals)",
                    "samples from one key frame to the next", "GOPs"},
                   grid, {{"GOPs", kKeyColor, "bars", bars}},
                   std::to_string(lengths.size()) + " GOPs, longest " + std::to_string(longest) +
@@ -271,7 +300,8 @@ json gopPlot(const WalkedTrack& walked) {
 
 // Each edit from where it starts on the presentation timeline to where it
 // ends, at the media time it shows (an empty edit at 0).
-json editPlot(const Track& track) {
+json editPlot(const WalkedTrack& walked) {
+  const Track& track = *walked.track;
   const std::vector<ElstEntry>& edits = track.elst()->entries;
   const size_t shown = std::min(edits.size(), kMostEdits);
   std::vector<double> starts;
@@ -302,7 +332,7 @@ json editPlot(const Track& track) {
   if (shown < edits.size()) note += format("; %zu edits, the first %zu drawn", edits.size(), shown);
   // One column a point: the grid only numbers them.
   Grid grid{0, 1, starts.size()};
-  json plot = makePlot({idOf("edits", track), sectionOf(track), "Edit list",
+  json plot = makePlot({idOf("edits", track), walked.section, "Edit list",
                         "presentation seconds", "media seconds"},
                        grid,
                        {{"media time shown", kFrameColor, "line", media},
@@ -386,7 +416,7 @@ json fragmentPlot(Mp4File& file, const std::vector<WalkedTrack>& tracks) {
 
 }  // namespace
 
-Result<WalkedTrack> walkTrack(const Track& track) {
+Result<WalkedTrack> walkTrack(Mp4File& file, const Track& track) {
   // Every sample is kept: a track claiming more samples than its file has
   // bytes (empty ones, or tables out of bounds) would take memory without end.
   if (track.sampleCount() > track.fileLength()) {
@@ -396,13 +426,17 @@ Result<WalkedTrack> walkTrack(const Track& track) {
   }
   WalkedTrack walked;
   walked.track = &track;
+  walked.section = sectionOf(file, track);
   walked.samples.reserve(track.sampleCount());
   SampleWalker walker(track);
   Result<const SampleInfo*> step = walker.next();
   for (; step.ok() && *step != nullptr; step = walker.next()) {
     const SampleInfo& s = **step;
-    walked.samples.push_back(
-        {signedSeconds(s.presentationTime, track.timescale()), s.offset, s.size, s.sync});
+    const double shown = signedSeconds(s.presentationTime, track.timescale());
+    const double ends = shown + seconds(s.duration, track.timescale());
+    walked.start = walked.samples.empty() ? shown : std::min(walked.start, shown);
+    walked.end = walked.samples.empty() ? ends : std::max(walked.end, ends);
+    walked.samples.push_back({shown, s.offset, s.size, s.sync});
   }
   if (!step.ok()) return Status::failure(step.message());
   return walked;
@@ -421,7 +455,7 @@ json plotsOf(Mp4File& file, const std::vector<WalkedTrack>& tracks) {
       if (marksKeyFrames(walked)) add(gopPlot(walked));
     }
     if (walked.track->elst() != nullptr && !walked.track->elst()->entries.empty()) {
-      add(editPlot(*walked.track));
+      add(editPlot(walked));
     }
   }
   add(layoutPlot(file, tracks));

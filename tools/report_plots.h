@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include <mp4stbl/box/mp4file.h>
@@ -27,10 +28,16 @@ struct WalkedSample {
 struct WalkedTrack {
   const Track* track = nullptr;
   std::vector<WalkedSample> samples;  // in decode order
+  // When the first sample shows and when the last shown ends, in seconds.
+  double start = 0;
+  double end = 0;
+  // The section heading of the track's plots: its id, kind and coding, and
+  // the names its file gives it (hdlr, the sample entry's compressor).
+  std::string section;
 };
 
 // A failure names the track and why its walk stopped.
-Result<WalkedTrack> walkTrack(const Track& track);
+Result<WalkedTrack> walkTrack(Mp4File& file, const Track& track);
 
 // The plots of the walked tracks, in the order the page shows them; each
 // {"id", "section", "title", "x", "y", "series": [{"label", "color",

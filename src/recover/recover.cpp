@@ -1,6 +1,7 @@
 #include "recover/recover.h"
 
 #include <algorithm>
+#include <cmath>
 #include <map>
 #include <numeric>
 #include <optional>
@@ -8,6 +9,7 @@
 #include "box/codec_config.h"
 #include "box/file_stream.h"
 #include "box/movie_boxes.h"
+#include "box/sample_entry.h"
 #include "edit/output.h"
 #include "edit/timeline.h"
 #include "recover/presentation.h"
@@ -303,6 +305,7 @@ Result<TrackModel> modelOf(const Track& track, const RecoverOptions& options) {
         recovery::nalFormat(codec, lengthSize, edit::parameterSets(&entry));
     if (!format.ok()) return track.fail(format.message() + ": its slice headers cannot be read");
     model.nal = std::move(*format);
+    model.reorders = track.ctts() != nullptr;
     model.nal.maxNalLength =
         std::clamp<uint64_t>(uint64_t{chunking->largest} * 4, 64u << 10, 8u << 20);
     return model;
@@ -351,28 +354,105 @@ Status showInOrder(const Track& track, IOStream& reference, const TrackModel& mo
   return Status();
 }
 
-// The first key frame found of a video track decodes with the reference's
-// decoder configuration, when a decoder was given.
-Status keyFrameDecodes(const Track& track, const TrackModel& model, const TrackTables& tables,
-                       IOStream& media, const RecoverOptions& options) {
-  if (!options.keyFrameDecodes || model.kind != TrackModel::Kind::Video || tables.samples() == 0) {
-    return Status();
-  }
-  const Atom& entry = *track.stsd().children.front();
-  const auto* avc = configOf<AvcConfigAtom>(entry);
-  const auto* hevc = configOf<HevcConfigAtom>(entry);
-  const std::vector<unsigned char>& configuration = avc != nullptr ? avc->body : hevc->body;
+Result<std::vector<uint8_t>> firstSample(const Track& track, const TrackTables& tables,
+                                         IOStream& media) {
   std::vector<uint8_t> frame(tables.firstSize());
   if (media.seek(static_cast<long long>(tables.firstOffset())) != 0 ||
       media.read(frame.data(), static_cast<unsigned>(frame.size())) !=
           static_cast<int>(frame.size())) {
-    return track.fail("its first key frame cannot be read");
+    return track.fail("its first sample cannot be read");
   }
-  if (options.keyFrameDecodes(avc == nullptr, configuration, frame.data(), frame.size())) {
-    return Status();
+  return frame;
+}
+
+std::string pictureSize(uint32_t width, uint32_t height) {
+  return std::to_string(width) + "x" + std::to_string(height);
+}
+
+// The first key frame found of a video track decodes with the reference's
+// decoder configuration to a picture of the reference's size, when a
+// decoder was given.
+Status keyFrameFits(const Track& track, const TrackTables& tables, IOStream& media,
+                    const RecoverOptions& options) {
+  const Atom& entry = *track.stsd().children.front();
+  const auto* avc = configOf<AvcConfigAtom>(entry);
+  const auto* hevc = configOf<HevcConfigAtom>(entry);
+  const std::vector<unsigned char>& configuration = avc != nullptr ? avc->body : hevc->body;
+  Result<std::vector<uint8_t>> frame = firstSample(track, tables, media);
+  if (!frame.ok()) return frame.status();
+  const DecodedFrame decoded =
+      options.keyFrameDecodes(avc == nullptr, configuration, frame->data(), frame->size());
+  const std::string where = "the key frame at offset " + std::to_string(tables.firstOffset());
+  if (!decoded.decoded) {
+    return track.fail("the reference's parameter sets do not decode its video (" + where + ")");
   }
-  return track.fail("the reference's parameter sets do not decode its video (the key frame at "
-                    "offset " + std::to_string(tables.firstOffset()) + ")");
+  const auto* visual = dynamic_cast<const VisualSampleEntry*>(&entry);
+  if (visual != nullptr && visual->width != 0 && visual->height != 0 &&
+      (decoded.width != visual->width || decoded.height != visual->height)) {
+    return track.fail("its pictures are " + pictureSize(decoded.width, decoded.height) +
+                      " and the reference's " + pictureSize(visual->width, visual->height) +
+                      " (" + where + ")");
+  }
+  return Status();
+}
+
+// The channels an AAC track's configuration names: its esds's, else its
+// sample entry's; 0 when neither does.
+uint32_t aacChannels(const Track& track) {
+  const Atom& entry = *track.stsd().children.front();
+  const auto* esds = configOf<EsdsAtom>(entry);
+  if (esds != nullptr && esds->channels() != 0) return esds->channels();
+  const auto* sound = dynamic_cast<const AudioSampleEntry*>(&entry);
+  return sound != nullptr ? sound->channels() : 0;
+}
+
+// The first AAC frame found decodes to the channels of the reference's
+// configuration, when a decoder was given.
+Status aacFrameFits(const Track& track, const TrackModel& model, const TrackTables& tables,
+                    IOStream& media, const RecoverOptions& options) {
+  Result<std::vector<uint8_t>> frame = firstSample(track, tables, media);
+  if (!frame.ok()) return frame.status();
+  const DecodedFrame decoded = options.aacFrameDecodes(model.aacConfig, frame->data(), frame->size());
+  const uint32_t channels = aacChannels(track);
+  if (decoded.decoded && channels != 0 && decoded.channels != channels) {
+    return track.fail("its AAC frames hold " + std::to_string(decoded.channels) +
+                      " channels and the reference's " + std::to_string(channels) +
+                      " (the frame at offset " + std::to_string(tables.firstOffset()) + ")");
+  }
+  return Status();
+}
+
+// What cannot be checked of a sound track: its samples (raw PCM and G.711
+// bytes, raw AAC frames) do not carry their rate, so the reference's is taken.
+std::string rateNote(const Track& track, const TrackModel& model) {
+  const Atom& entry = *track.stsd().children.front();
+  const auto* esds = configOf<EsdsAtom>(entry);
+  const auto* sound = dynamic_cast<const AudioSampleEntry*>(&entry);
+  double rate = track.timescale();
+  if (model.kind == TrackModel::Kind::Aac && esds != nullptr && esds->sampleRate != 0) {
+    rate = esds->sampleRate;
+  } else if (sound != nullptr && sound->samplesPerSecond() > 0) {
+    rate = sound->samplesPerSecond();
+  }
+  const char* samples = model.kind == TrackModel::Kind::Aac ? "raw AAC frames" : "raw samples";
+  return track
+      .fail(std::string(samples) + " do not carry their rate: " + std::to_string(std::llround(rate)) +
+            " Hz is the reference's, unchecked")
+      .message();
+}
+
+// The first sample found of the track decodes as the reference's would,
+// when a decoder was given.
+Status firstSampleFits(const Track& track, const TrackModel& model, const TrackTables& tables,
+                       IOStream& media, const RecoverOptions& options) {
+  if (tables.samples() == 0) return Status();
+  if (model.kind == TrackModel::Kind::Video && options.keyFrameDecodes) {
+    return keyFrameFits(track, tables, media, options);
+  }
+  if (model.kind == TrackModel::Kind::Aac && options.aacFrameDecodes) {
+    return aacFrameFits(track, model, tables, media, options);
+  }
+  return Status();
 }
 
 Result<RecoverReport> recoverWithReference(const std::string& broken, const std::string& output,
@@ -431,7 +511,7 @@ Result<RecoverReport> recoverWithReference(const std::string& broken, const std:
                                .message());
   }
   for (size_t m = 0; m < models.size(); ++m) {
-    Status decodes = keyFrameDecodes(source->tracks[kept[m]], models[m], scan.tables[m], media,
+    Status decodes = firstSampleFits(source->tracks[kept[m]], models[m], scan.tables[m], media,
                                      options);
     if (!decodes.ok()) {
       return Status::failure(broken + ": " + decodes.message() + ": is " +
@@ -443,11 +523,13 @@ Result<RecoverReport> recoverWithReference(const std::string& broken, const std:
   for (size_t m = 0; m < models.size(); ++m) {
     const Track& track = source->tracks[kept[m]];
     report.tracks.push_back(describe(track, scan.tables[m]));
+    if (models[m].kind != TrackModel::Kind::Video && scan.tables[m].samples() != 0) {
+      report.notes.push_back(rateNote(track, models[m]));
+    }
     NewTrack& next = made.emplace_back();
     next.trak = source->traks[kept[m]];
     next.timescale = track.timescale();
-    const bool reorders = track.ctts() != nullptr && models[m].kind == TrackModel::Kind::Video;
-    Status shown = reorders ? showInOrder(track, *reference.stream(), models[m], scan.pictures[m],
+    Status shown = models[m].reorders ? showInOrder(track, *reference.stream(), models[m], scan.pictures[m],
                                           scan.tables[m])
                             : Status();
     // Without composition offsets the B-frame delay that the edit list hides is not there.

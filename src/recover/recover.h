@@ -20,11 +20,24 @@ using AacFrameLength =
     std::function<size_t(const std::vector<uint8_t>& specificConfig, const uint8_t* data,
                          size_t available)>;
 
-// Whether the key frame `sample` decodes, alone and with no error, with the
-// decoder configuration `configuration` (the body of an avcC, or of an hvcC
-// when `hevc`).
-using KeyFrameDecodes = std::function<bool(bool hevc, const std::vector<uint8_t>& configuration,
-                                           const uint8_t* sample, size_t size)>;
+// A frame as a decoder gives it: a picture's size, a sound's channels and
+// rate; `decoded` false when the frame does not decode without an error.
+struct DecodedFrame {
+  bool decoded = false;
+  uint32_t width = 0;
+  uint32_t height = 0;
+  uint32_t channels = 0;
+  uint32_t sampleRate = 0;
+};
+
+// The key frame `sample` decoded alone, with the decoder configuration
+// `configuration` (the body of an avcC, or of an hvcC when `hevc`).
+using KeyFrameDecodes = std::function<DecodedFrame(
+    bool hevc, const std::vector<uint8_t>& configuration, const uint8_t* sample, size_t size)>;
+
+// The raw AAC frame `frame` decoded with the AudioSpecificConfig `specificConfig`.
+using AacFrameDecodes = std::function<DecodedFrame(const std::vector<uint8_t>& specificConfig,
+                                                   const uint8_t* frame, size_t size)>;
 
 struct RecoverOptions {
   // A healthy file from the same device and settings: its tracks, sample
@@ -35,9 +48,13 @@ struct RecoverOptions {
   // Needed for an AAC track found through a reference.
   AacFrameLength aacFrameLength;
   // When given, the first key frame found of each video track must decode
-  // with the reference's parameter sets: a reference of another picture
-  // size or coding settings reads the same slice headers.
+  // with the reference's parameter sets to a picture of the reference's
+  // size: a reference of another picture size or coding settings reads the
+  // same slice headers, and parameter sets in band win over the reference's.
   KeyFrameDecodes keyFrameDecodes;
+  // When given, the first frame found of each AAC track must decode to the
+  // channels of the reference's AudioSpecificConfig.
+  AacFrameDecodes aacFrameDecodes;
   // Called as media bytes are copied; returning false stops the job.
   std::function<bool(uint64_t done, uint64_t total)> progress;
 };

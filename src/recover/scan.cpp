@@ -333,7 +333,7 @@ class Scanner {
     sample.duration = model.sampleDuration;
     sample.sync = found.key;
     result_.tables[t].add(sample, found.count);
-    if (model.kind == TrackModel::Kind::Video) {
+    if (model.reorders) {
       result_.pictures[t].push_back(pictureCount(orders_[t], found.unit));
     }
     progress_[t].time += uint64_t{model.sampleDuration} * found.count;

@@ -22,6 +22,7 @@ struct TrackModel {
   enum class Kind { Video, Aac, Fixed };
   Kind kind = Kind::Fixed;
   NalFormat nal;              // Video
+  bool reorders = false;      // Video: picture order counts are kept for composition offsets
   std::vector<uint8_t> aacConfig;  // Aac: the AudioSpecificConfig
   uint32_t sampleSize = 0;    // Fixed: bytes of one sample (all channels)
   // Fixed: samples that the writer puts down together (its packets); a
@@ -33,7 +34,7 @@ struct TrackModel {
 
 struct ScanResult {
   std::vector<TrackTables> tables;  // one per model
-  // Per model, of a video track: each sample's picture order count.
+  // Per model, of a video track that reorders: each sample's picture order count.
   std::vector<std::vector<PictureCount>> pictures;
   uint64_t end = 0;                 // where the last sample taken ends
   std::string stop;                 // why the walk stopped early; empty at the data's end

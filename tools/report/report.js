@@ -1,7 +1,8 @@
 // Draws the plots of an mp4stbl report with uPlot from the JSON in
 // #report-data, then writes into #summary what it drew: per plot whether
 // its canvas is there, its size, the points it was given and how many of
-// its pixels carry a series' colour, and every error met on the way.
+// its pixels carry a series' colour, every error met on the way, how wide
+// the page is against its window and how many tables reach past the body.
 (function () {
   "use strict";
   const errors = [];
@@ -83,7 +84,16 @@
         painted: canvas ? paintedPixels(canvas) : 0,
       };
     });
-    document.getElementById("summary").textContent = JSON.stringify({ errors, plots });
+    const page = document.documentElement;
+    const right = document.body.getBoundingClientRect().right;
+    const tables = Array.from(document.querySelectorAll("table"));
+    document.getElementById("summary").textContent = JSON.stringify({
+      errors,
+      plots,
+      scrollWidth: page.scrollWidth,
+      clientWidth: page.clientWidth,
+      tablesPastBody: tables.filter((table) => table.getBoundingClientRect().right > right).length,
+    });
   }
 
   const plots = JSON.parse(document.getElementById("report-data").textContent);
