@@ -66,11 +66,11 @@ echo "machine: $(nproc) CPUs, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f
 echo "file: $big, $(($(stat -c %s "$big") / 1048576)) MiB on $(stat -f -c %T "$data"); runs per figure: $RUNS (median)"
 printf '%-34s %9s %9s %9s %10s %10s\n' job "mp4stbl" "ffmpeg" "cp" "vs cp" "ffmpeg/m"
 cp_ms=$(measure cp "$big" "$out")
-row "trim, whole file" "$(measure "$bin" trim "$big" --from 0 --to 100000 -o "$out")" \
+row "trim, whole file" "$(measure "$bin" trim "$big" --from 0 --to 100000 -o "$out" -y)" \
   "$(measure ffmpeg -nostdin -v error -y -i "$big" -c copy -map 0 "$out")" "$cp_ms"
-row "trim 100 s to 400 s" "$(measure "$bin" trim "$big" --from 100 --to 400 -o "$out")" \
+row "trim 100 s to 400 s" "$(measure "$bin" trim "$big" --from 100 --to 400 -o "$out" -y)" \
   "$(measure ffmpeg -nostdin -v error -y -ss 100 -to 400 -i "$big" -c copy -map 0 "$out")" "$cp_ms"
-row "join 26 clips" "$(measure "$bin" join "${clips[@]}" -o "$out")" \
+row "join 26 clips" "$(measure "$bin" join "${clips[@]}" -o "$out" -y)" \
   "$(measure ffmpeg -nostdin -v error -y -f concat -safe 0 -i "$data/concat.txt" -c copy -map 0 "$out")" \
   "$cp_ms"
 echo

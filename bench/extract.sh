@@ -61,10 +61,10 @@ row() {
   awk -v n="$1" -v m="$2" -v f="$3" 'BEGIN { printf "%-28s %9d %9d %10.2f\n", n, m, f, f / m }'
 }
 
-video_ours=("$bin" extract "$big" --track video -o "$ours.h264")
+video_ours=("$bin" extract "$big" --track video -o "$ours.h264" -y)
 video_ffmpeg=(ffmpeg -nostdin -v error -y -i "$big" -map 0:v -c copy -bsf:v h264_mp4toannexb
   -f h264 "$theirs.h264")
-audio_ours=("$bin" extract "$big" --track audio -o "$ours.aac")
+audio_ours=("$bin" extract "$big" --track audio -o "$ours.aac" -y)
 audio_ffmpeg=(ffmpeg -nostdin -v error -y -i "$big" -map 0:a -c copy -f adts "$theirs.aac")
 
 # The same streams: the decoded pictures of the first seconds, and the bytes

@@ -73,7 +73,7 @@ join_copies 4 "$clip.aac" "$data/a4.aac"
 # command_of ROW VIDEO AUDIO: sets `command` to the command line of a row.
 command_of() {
   local row="$1" video="$2" audio="$3"
-  local record=("$bin" record -o "$out" --video "$video" --audio "$audio")
+  local record=("$bin" record -y -o "$out" --video "$video" --audio "$audio")
   case "$row" in
     hybrid) command=("${record[@]}") ;;
     plain) command=("${record[@]}" --plain) ;;

@@ -114,7 +114,7 @@ entries() {
 
 # recovered BROKEN REF: "PEAK_RSS_KB ENTRIES" of one recovery.
 recovered() {
-  /usr/bin/time -f %M -o "$rss_file" "$bin" recover "$1" --reference "$2" -o "$out.${1##*.}" --json >"$out.json"
+  /usr/bin/time -f %M -o "$rss_file" "$bin" recover "$1" --reference "$2" -o "$out.${1##*.}" -y --json >"$out.json"
   echo "$(tail -n 1 "$rss_file") $(entries "$out.json")"
   rm -f "$out.json" "$out.${1##*.}"
 }
@@ -130,7 +130,7 @@ for kind in mp4 mov; do
   broken="$data/rec-broken.$kind"
   read -r cat_ms _ < <(measure sh -c 'cat "$1" >/dev/null' sh "$broken")
   read -r cp_ms _ < <(measure cp "$broken" "$out.$kind")
-  read -r rec_ms rec_rss < <(measure "$bin" recover "$broken" --reference "$data/rec-ref.$kind" -o "$out.$kind")
+  read -r rec_ms rec_rss < <(measure "$bin" recover "$broken" --reference "$data/rec-ref.$kind" -o "$out.$kind" -y)
   read -r ff_ms _ < <(measure ffmpeg -nostdin -v error -y -i "$data/rec-good.$kind" -map 0 -c copy "$out.$kind")
   read -r _ count < <(recovered "$broken" "$data/rec-ref.$kind")
   awk -v n="$kind" -v size="$(stat -c %s "$broken")" -v e="$count" -v c="$cat_ms" -v p="$cp_ms" \

@@ -73,7 +73,7 @@ recorded() {
     quiet -f lavfi -i "$moving:duration=$s" $2 -pix_fmt yuv420p -f "${2##* }" "$out/$1.$take.video"
     # shellcheck disable=SC2086
     quiet -f lavfi -i "sine=duration=$s" $5 -f "$4" "$out/$1.$take.audio"
-    "$mp4stbl" record --plain -o "$out/$1.$take.mp4" --video "$out/$1.$take.video" \
+    "$mp4stbl" record --plain -y -o "$out/$1.$take.mp4" --video "$out/$1.$take.video" \
       "$3" "$out/$1.$take.audio" >/dev/null
     rm -f "$out/$1.$take.video" "$out/$1.$take.audio"
   done

@@ -4,6 +4,7 @@
 // exit codes and messages; remux of fragmented and regular files checked by
 // ffprobe and ffmpeg's decoder.
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <nlohmann/json.hpp>
@@ -155,7 +156,7 @@ void compareWithFfprobe(const std::string& path) {
       }
       continue;
     }
-    if (tracks[index]["sampleSize"].is_number()) {
+    if (tracks[index]["sampleSize"] != 0) {
       long long packed = 0;
       for (const json& packet : packets) packed += number(packet["size"]);
       EXPECT_EQ(tracks[index]["bytes"], packed);
@@ -277,24 +278,29 @@ TEST(CliSeek, FindsTheKeyFrameAndTheBytesToReadThroughStcoOrCo64) {
       {{"--sample", "6", "--end-sample", "7"},
        {{"track", 1}, {"requestedSample", 6}, {"keyFrame", 5}, {"keyFrameTime", 2048.0 / 12800},
         {"chunk", 5}, {"offset", 5731}, {"chunkOffset", 5731}, {"chunkDistance", 3213},
-        {"endSample", 7}, {"rangeStart", 5731}, {"rangeLength", 3748}}},
+        {"endSample", 7}, {"rangeStart", 5731}, {"rangeLength", 3748},
+        {"rangeStartsAtKeyFrame", true}}},
       {{"--sample", "6", "--end-sample", "7", "--after"},
        {{"track", 1}, {"requestedSample", 6}, {"keyFrame", 9}, {"keyFrameTime", 4096.0 / 12800},
         {"chunk", 8}, {"offset", 10400}, {"chunkOffset", 9677}, {"chunkDistance", 0},
-        {"endSample", 9}, {"rangeStart", 9677}, {"rangeLength", 3193}}},
+        {"endSample", 9}, {"rangeStart", 9677}, {"rangeLength", 3193},
+        {"rangeStartsAtKeyFrame", false}}},
       {{"--sample", "2", "--after"},
        {{"track", 1}, {"requestedSample", 2}, {"keyFrame", 5}, {"keyFrameTime", 2048.0 / 12800},
         {"chunk", 5}, {"offset", 5731}, {"chunkOffset", 5731}, {"chunkDistance", 13050 - 5731},
-        {"endSample", 10}, {"rangeStart", 5731}, {"rangeLength", 7771}}},
+        {"endSample", 10}, {"rangeStart", 5731}, {"rangeLength", 7771},
+        {"rangeStartsAtKeyFrame", true}}},
       // A key frame is its own start, not the one before it.
       {{"--sample", "5", "--end-sample", "5"},
        {{"track", 1}, {"requestedSample", 5}, {"keyFrame", 5}, {"keyFrameTime", 2048.0 / 12800},
         {"chunk", 5}, {"offset", 5731}, {"chunkOffset", 5731}, {"chunkDistance", 0},
-        {"endSample", 5}, {"rangeStart", 5731}, {"rangeLength", 2293}}},
+        {"endSample", 5}, {"rangeStart", 5731}, {"rangeLength", 2293},
+        {"rangeStartsAtKeyFrame", true}}},
       {{"--sample", "9", "--after"},
        {{"track", 1}, {"requestedSample", 9}, {"keyFrame", 9}, {"keyFrameTime", 4096.0 / 12800},
         {"chunk", 8}, {"offset", 10400}, {"chunkOffset", 9677}, {"chunkDistance", 13050 - 9677},
-        {"endSample", 10}, {"rangeStart", 9677}, {"rangeLength", 13502 - 9677}}},
+        {"endSample", 10}, {"rangeStart", 9677}, {"rangeLength", 13502 - 9677},
+        {"rangeStartsAtKeyFrame", false}}},
   };
   for (const std::string& file : {clip, co64}) {
     for (const auto& [position, answer] : cases) {
@@ -302,10 +308,281 @@ TEST(CliSeek, FindsTheKeyFrameAndTheBytesToReadThroughStcoOrCo64) {
       args.insert(args.end(), position.begin(), position.end());
       json doc = cli(args).doc();
       EXPECT_EQ(doc["file"], file);
-      doc.erase("file");
+      EXPECT_EQ(doc["schema"], 1);
+      EXPECT_EQ(doc["clamped"], json::array());
+      for (const char* field : {"file", "schema", "clamped"}) doc.erase(field);
       EXPECT_EQ(doc, answer) << file << " " << position[1];
     }
   }
+}
+
+// --track takes an id or a kind wherever a track is chosen: "video" and
+// "audio" are the shipped clip's tracks 1 and 2, and a clip with no sound
+// has no audio track to give. samples without --track lists every track:
+// in text a heading line and a table each, in JSON an object each in
+// "tracks" holding what --track gives for that track alone.
+TEST(CliTracks, ChosenByIdOrKindEverywhere) {
+  const std::string clip = std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4";
+  const std::string hevc = std::string(MP4STBL_TEST_DATA) + "/hevc.mp4";
+  const std::string out = scratch("chosen.out");
+  const std::pair<std::string, std::string> kinds[] = {{"video", "1"}, {"audio", "2"}};
+  for (const auto& [kind, id] : kinds) {
+    SCOPED_TRACE(kind);
+    const std::vector<std::vector<std::string>> commands = {
+        {"samples", clip, "--json"},
+        {"seek", clip, "--time", "0.3", "--json"},
+        {"report", clip, "-o", out, "-y", "--json"},
+        {"extract", clip, "-o", out, "-y", "--json"}};
+    for (std::vector<std::string> args : commands) {
+      args.insert(args.end(), {"--track", kind});
+      const Outcome byKind = cli(args);
+      const std::string bytesByKind = slurp(out);
+      args.back() = id;
+      const Outcome byId = cli(args);
+      EXPECT_EQ(byKind.status, 0) << args[0] << byKind.err;
+      EXPECT_EQ(byKind.out, byId.out) << args[0];
+      EXPECT_EQ(bytesByKind, slurp(out)) << args[0];
+    }
+  }
+  EXPECT_EQ(cli({"samples", clip, "--track", "audio", "--json"}).doc()["track"], 2);
+  EXPECT_EQ(cli({"report", clip, "-o", out, "-y", "--track", "audio", "--json"}).doc()["tracks"], 1);
+  const std::vector<std::vector<std::string>> audio = {
+      {"samples", hevc, "--track", "audio"},
+      {"seek", hevc, "--track", "audio", "--sample", "1"},
+      {"report", hevc, "--track", "audio", "-o", out, "-y"},
+      {"extract", hevc, "--track", "audio", "-o", out, "-y"}};
+  for (std::vector<std::string> args : audio) {
+    const Outcome none = cli(args);
+    EXPECT_EQ(none.status, 1) << args[0];
+    EXPECT_EQ(none.err, "mp4stbl: " + hevc + ": no readable audio track\n") << args[0];
+    args[3] = "subtitles";
+    const Outcome bad = cli(args);
+    EXPECT_EQ(bad.status, 2) << args[0];
+    EXPECT_NE(bad.err.find("--track: expects a track id, video or audio, not 'subtitles'"), npos)
+        << bad.err;
+  }
+
+  const Outcome listed = cli({"samples", clip});
+  EXPECT_EQ(listed.status, 0) << listed.err;
+  const size_t second = listed.out.find("\ntrack 2 (audio, mp4a): 10 samples\n");
+  ASSERT_NE(second, npos) << listed.out;
+  EXPECT_EQ(listed.out.rfind("track 1 (video, avc1): 10 samples\n", 0), 0u);
+  EXPECT_EQ(listed.out.substr(listed.out.find('\n') + 1, second - listed.out.find('\n')),
+            cli({"samples", clip, "--track", "1"}).out + "\n");
+  EXPECT_EQ(listed.out.substr(listed.out.find('\n', second + 1) + 1),
+            cli({"samples", clip, "--track", "2"}).out);
+  const json every = cli({"samples", clip, "--json"}).doc();
+  EXPECT_EQ(every["schema"], 1);
+  EXPECT_EQ(every["file"], clip);
+  EXPECT_EQ(every["unreadable"], json::array());
+  ASSERT_EQ(every["tracks"].size(), 2u);
+  for (const json& track : every["tracks"]) {
+    json alone = cli({"samples", clip, "--track", track["track"].dump(), "--json"}).doc();
+    alone.erase("file");
+    alone.erase("schema");
+    EXPECT_EQ(track, alone);
+  }
+}
+
+// The shipped clip cut before its movie box (it follows the media data): a
+// recording that was never finished.
+std::string unfinished() {
+  const std::string data = slurp(std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4");
+  const std::string path = scratch("unfinished.mp4");
+  std::ofstream(path, std::ios::binary) << data.substr(0, data.find("moov") - 4);
+  return path;
+}
+
+// Every command that writes a file keeps a file already at its output,
+// says so naming it and -y, and writes nothing; with -y or --overwrite it
+// replaces it. An output that is an input is refused in its own words.
+TEST(CliOutputs, AnExistingFileIsKeptUnlessOverwriteIsGiven) {
+  const std::string clip = std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4";
+  const std::string out = scratch("kept.out"), video = scratch("kept.h264");
+  ASSERT_EQ(cli({"extract", clip, "--track", "video", "-o", video}).status, 0);
+  const std::string broken = unfinished();
+  const std::vector<std::vector<std::string>> writers = {
+      {"trim", clip, "--from", "0", "--to", "0.2"},
+      {"join", clip, clip},
+      {"remux", clip},
+      {"record", "--video", video},
+      {"recover", broken, "--reference", clip},
+      {"report", clip},
+      {"extract", clip, "--track", "audio"}};
+  const std::string kept = "an earlier file\n";
+  for (std::vector<std::string> args : writers) {
+    SCOPED_TRACE(args[0]);
+    std::ofstream(out, std::ios::binary) << kept;
+    args.insert(args.end(), {"-o", out});
+    const Outcome text = cli(args);
+    EXPECT_EQ(text.status, 1);
+    EXPECT_EQ(text.out, "");
+    EXPECT_EQ(text.err,
+              "mp4stbl: " + out + ": exists; nothing was written (-y or --overwrite replaces it)\n");
+    args.push_back("--json");
+    EXPECT_EQ(cli(args).doc(),
+              (json{{"error", "exists; nothing was written (-y or --overwrite replaces it)"},
+                    {"file", out},
+                    {"schema", 1}}));
+    EXPECT_EQ(slurp(out), kept);
+    for (const char* overwrite : {"-y", "--overwrite"}) {
+      args.push_back(overwrite);
+      const Outcome replaced = cli(args);
+      EXPECT_EQ(replaced.status, 0) << replaced.err;
+      EXPECT_EQ(replaced.doc()["written"], args[0] == "record" ? json() : json(true));
+      EXPECT_NE(slurp(out), kept);
+      args.pop_back();
+    }
+  }
+  const Outcome same = cli({"remux", clip, "-o", clip});
+  EXPECT_EQ(same.err, "mp4stbl: " + clip + ": is one of the inputs; write to another file\n");
+}
+
+// --quiet leaves out notes and the progress line a terminal shows (run
+// under script(1) for one), never the outcome or an error.
+TEST(CliOutputs, QuietLeavesOutProgressAndNotes) {
+  const std::string clip = std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4";
+  const std::string out = scratch("quiet.mp4"), video = scratch("quiet.h264");
+  ASSERT_EQ(cli({"extract", clip, "--track", "video", "-o", video}).status, 0);
+  const std::vector<std::vector<std::string>> noted = {
+      {"trim", clip, "--from", "0", "--to", "30", "-o", out, "-y"},
+      {"extract", clip, "--track", "audio", "--to", "30", "-o", out, "-y"},
+      {"seek", clip, "--time", "20"}};
+  for (std::vector<std::string> args : noted) {
+    const Outcome loud = cli(args);
+    EXPECT_NE(loud.out.find("\nnote: "), npos) << args[0] << loud.out;
+    args.push_back("--quiet");
+    const Outcome quiet = cli(args);
+    EXPECT_EQ(quiet.status, 0) << quiet.err;
+    EXPECT_EQ(quiet.out, loud.out.substr(0, loud.out.find("\nnote: ") + 1)) << args[0];
+    EXPECT_EQ(quiet.err, "");
+  }
+  EXPECT_EQ(cli({"-q", "info", scratch("missing.mp4")}).err,
+            "mp4stbl: " + scratch("missing.mp4") + ": cannot open the file: No such file or "
+            "directory\n");
+  if (std::system("command -v script >/dev/null") != 0) GTEST_SKIP() << "no script(1)";
+  const std::string record = commandLine(MP4STBL_CLI, {"record", "-y", "-o", out, "--video", video});
+  const Outcome terminal = run("script", {"-qec", record, "/dev/null"});
+  EXPECT_NE(terminal.out.find("\rrecording " + out + ": "), npos) << terminal.out;
+  const Outcome quiet = run("script", {"-qec", record + " -q", "/dev/null"});
+  EXPECT_EQ(quiet.out.find("\rrecording"), npos) << quiet.out;
+  EXPECT_NE(quiet.out.find("wrote " + out), npos) << quiet.out;
+}
+
+// A time past the end is taken as the end, said in a note and in
+// "clamped" of the JSON document: seek's --time and --end-time against
+// the track's media (0.4 s), trim's --to against the longest track,
+// extract's --to against the track's presentation. A time within asks for
+// no clamp, and "clamped" is empty.
+TEST(CliOutputs, TimesPastTheEndAreClampedAndSaidSo) {
+  const std::string clip = std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4";
+  const std::string out = scratch("clamped.out");
+  const struct { std::vector<std::string> args; json clamped; std::string notes; } cases[] = {
+      {{"seek", clip, "--time", "20", "--end-time", "0:30"},
+       {{{"option", "--time"}, {"asked", 20.0}, {"to", 0.4}},
+        {{"option", "--end-time"}, {"asked", 30.0}, {"to", 0.4}}},
+       "note: --time 20.000 s lies past the end; clamped to 0.400 s\n"
+       "note: --end-time 30.000 s lies past the end; clamped to 0.400 s\n"},
+      {{"seek", clip, "--time", "0.4", "--end-time", "0.4"}, json::array(), ""},
+      {{"trim", clip, "--from", "0.1", "--to", "30", "-o", out, "-y"},
+       {{{"option", "--to"}, {"asked", 30.0}, {"to", 0.4}}},
+       "note: --to 30.000 s lies past the end; clamped to 0.400 s\n"},
+      {{"trim", clip, "--from", "0.1", "--to", "0.3", "-o", out, "-y"}, json::array(), ""},
+      {{"extract", clip, "--track", "video", "--to", "1", "-o", out, "-y"},
+       {{{"option", "--to"}, {"asked", 1.0}, {"to", 0.4}}},
+       "note: --to 1.000 s lies past the end; clamped to 0.400 s\n"},
+      {{"extract", clip, "--track", "audio", "--to", "0.3", "-o", out, "-y"}, json::array(), ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(json(c.args).dump());
+    const Outcome text = cli(c.args);
+    EXPECT_EQ(text.status, 0) << text.err;
+    const size_t notes = text.out.find("note: ");
+    EXPECT_EQ(notes == npos ? "" : text.out.substr(notes), c.notes);
+    std::vector<std::string> args = c.args;
+    args.push_back("--json");
+    EXPECT_EQ(cli(args).doc()["clamped"], c.clamped);
+  }
+}
+
+// What the messages tell a user who tripped: the system's reason a file
+// cannot be opened, an unknown option named as one, a file of media data
+// with no movie box pointed at recover, in text and JSON; seek says where
+// the bytes to read start and why.
+TEST(CliRuns, MessagesSayWhatToDo) {
+  const std::string clip = std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4";
+  const std::string locked = scratch("locked"), broken = unfinished();
+  fs::create_directory(locked);
+  fs::permissions(locked, fs::perms::none);
+  const bool asRoot = geteuid() == 0;
+  const std::string recover =
+      "no moov box, only media data: a recording cut short; mp4stbl recover may index its "
+      "samples again (mp4stbl recover FILE -o NEW.mp4)";
+  const struct { std::vector<std::string> args; int status; std::string out, err; } cases[] = {
+      {{"info", broken}, 1, "", "mp4stbl: " + broken + ": " + recover + "\n"},
+      {{"remux", broken, "-o", scratch("remuxed.mp4")}, 1, "",
+       "mp4stbl: " + broken + ": " + recover + "\n"},
+      {{"info", clip, "-V"}, 2, "", "mp4stbl: unknown option '-V'\nRun with --help"},
+      {{"seek", clip, "--track", "1", "--sample", "3", "--bogus", "-x"}, 2, "",
+       "mp4stbl: unknown option '-x'\n"},
+      {{"seek", clip, "--sample", "6", "--end-sample", "7"}, 0,
+       "\nthe range starts at the key frame, the first sample of chunk 5\n", ""},
+      {{"seek", clip, "--sample", "9"}, 0,
+       "\nthe range starts at chunk 8, 723 bytes before the key frame: players read whole "
+       "chunks\n", ""},
+      {{"verify", scratch("locked/x.mp4")}, 1, "",
+       asRoot ? "No such file or directory\n" : "cannot open the file: Permission denied\n"},
+  };
+  for (const auto& c : cases) {
+    const Outcome result = cli(c.args);
+    EXPECT_EQ(result.status, c.status) << json(c.args).dump() << result.err;
+    EXPECT_TRUE(c.out.empty() ? result.out.empty() : result.out.find(c.out) != npos) << result.out;
+    EXPECT_NE(result.err.find(c.err), npos) << result.err;
+  }
+  fs::permissions(locked, fs::perms::owner_all);
+  EXPECT_EQ(cli({"info", broken, "--json"}).doc(),
+            (json{{"error", recover}, {"file", broken}, {"schema", 1}}));
+  EXPECT_EQ(cli({"--json", "info", clip, "-V"}).doc(),
+            (json{{"error", "unknown option '-V'"}, {"file", nullptr}, {"schema", 1}}));
+}
+
+// Every JSON document carries "schema": 1, failures and usage errors too;
+// a track's key frames are a count, with allSync telling whether every
+// sample is one, and its sample size a number (0: sizes in a table).
+TEST(CliOutputs, EveryJsonDocumentHasASchemaAndOneTypePerField) {
+  const std::string clip = std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4";
+  const std::string out = scratch("schema.out"), video = scratch("schema.h264");
+  ASSERT_EQ(cli({"extract", clip, "--track", "video", "-o", video}).status, 0);
+  const std::vector<std::vector<std::string>> commands = {
+      {"info", clip}, {"dump", clip}, {"samples", clip}, {"samples", clip, "--track", "1"},
+      {"seek", clip, "--time", "0.1"}, {"verify", clip},
+      {"trim", clip, "--from", "0", "--to", "0.2", "-o", out, "-y"},
+      {"join", clip, clip, "-o", out, "-y"}, {"remux", clip, "-o", out, "-y"},
+      {"record", "--video", video, "-o", out, "-y"},
+      {"recover", unfinished(), "--reference", clip, "-o", out, "-y"},
+      {"report", clip, "-o", out, "-y"}, {"extract", clip, "--track", "1", "-o", out, "-y"},
+      {"info", scratch("missing.mp4")}, {"seek", clip}, {"bogus"}};
+  for (std::vector<std::string> args : commands) {
+    args.push_back("--json");
+    const json doc = cli(args).doc();
+    EXPECT_EQ(doc.value("schema", json()), 1) << json(args).dump() << doc.dump();
+  }
+  for (const std::string& path : mediaFiles(MP4STBL_TEST_DATA)) {
+    for (const json& track : cli({"info", path, "--json"}).doc()["tracks"]) {
+      SCOPED_TRACE(path + " " + track["id"].dump());
+      EXPECT_TRUE(track["keyFrames"].is_number_unsigned());
+      EXPECT_TRUE(track["allSync"].is_boolean());
+      EXPECT_TRUE(track["sampleSize"].is_number_unsigned());
+      if (track["allSync"] == true) {
+        EXPECT_EQ(track["keyFrames"], track["samples"]);
+      }
+    }
+  }
+  const json tracks = cli({"info", clip, "--json"}).doc()["tracks"];
+  EXPECT_EQ(tracks[0]["keyFrames"], 3);
+  EXPECT_EQ(tracks[0]["allSync"], false);
+  EXPECT_EQ(tracks[1]["keyFrames"], 10);
+  EXPECT_EQ(tracks[1]["allSync"], true);
 }
 
 // The clip with `bytes` written at `at` bytes past the first `box` type.
@@ -404,7 +681,8 @@ TEST(CliRuns, TextOutputExitCodesAndMessages) {
       {{"verify", grown}, 1, grown + ": differs when written back, first at offset " +
        std::to_string(moovSize) + ", in moov/trak/mdia/minf/stbl/stts\n", ""},
       {{"verify", grown, "--json"}, 1, "\"box\": \"moov/trak/mdia/minf/stbl/stts\"", ""},
-      {{"info", missing}, 1, "", "mp4stbl: " + missing + ": cannot open the file\n"},
+      {{"info", missing}, 1, "",
+       "mp4stbl: " + missing + ": cannot open the file: No such file or directory\n"},
       // A directory opens but its reads fail: an error, not an exception.
       {{"info", MP4STBL_TEST_DATA}, 1, "", "data: not an MP4 file (offset:0, readBe32 fail)\n"},
       // A box whose header breaks the tree names the track it lies in.
@@ -421,9 +699,9 @@ TEST(CliRuns, TextOutputExitCodesAndMessages) {
       {{"seek", clip, "--sample", nines}, 2, "",
        "mp4stbl: --sample: expects a whole number from 1 to 4294967295, not "
        "'999999999999999999999999...' (300 characters)\n"},
-      {{"seek", clip, "--track", "0", "--sample", "1"}, 2, "", "--track: expects a whole number"},
+      {{"seek", clip, "--track", "0", "--sample", "1"}, 2, "", "--track: expects a track id"},
       {{"samples", clip, "--track", "4294967296"}, 2, "",
-       "--track: expects a whole number from 1 to 4294967295, not '4294967296'"},
+       "--track: expects a track id, video or audio, not '4294967296'"},
       {{"seek", clip, "--time", nines + "x"}, 2, "", "hh:mm:ss.mmm, not '9999"},
       {{"dump", clip, "--entries", "-1"}, 2, "", "--entries: expects a positive number or all"},
       {{"info", clip, nines}, 2, "",
@@ -468,8 +746,9 @@ TEST(CliRuns, FailuresNameTheFileThatFailedOnce) {
       {{"trim", clip, "--from", "5", "--to", "6", edit, out}, 1, clip,
        "nothing plays from 5.000 s on"},
       {{"join", clip, hevc, edit, out}, 1, hevc, "has 1 track where " + clip + " has 2 tracks"},
-      {{"join", "--list", list, edit, out}, 1, missing, "cannot open the file"},
-      {{"join", clip, "--list", noList, edit, out}, 1, noList, "cannot open the list of clips"},
+      {{"join", "--list", list, edit, out}, 1, missing,
+       "cannot open the file: No such file or directory"},
+      {{"join", clip, "--list", noList, edit, out}, 1, noList, "cannot open the list of clips: No such file or directory"},
       {{"trim", clip, "--from", "5", "--to", "6", edit, out}, 1, clip,
        "nothing plays from 5.000 s on"},
       {{"trim", clip, "--from", "0", "--to", "1", edit, clip}, 1, clip,
@@ -477,7 +756,8 @@ TEST(CliRuns, FailuresNameTheFileThatFailedOnce) {
       {{"trim", clip, "--from", "0", "--to", "1", edit, nowhere}, 1, nowhere,
        "cannot be created: No such file or directory"},
       {{"join", clip, clip, edit, "/dev/full"}, 1, "/dev/full", "is not a regular file"},
-      {{"seek", missing, "--sample", "1"}, 1, missing, "cannot open the file"},
+      {{"seek", missing, "--sample", "1"}, 1, missing,
+       "cannot open the file: No such file or directory"},
       {{"join", "--list", lone, edit, out}, 2, nullptr,
        "join: expects two clips or more (FILES and --list), got 1"},
       {{"seek", clip, "--sample", "0"}, 2, nullptr,
@@ -499,7 +779,7 @@ TEST(CliRuns, FailuresNameTheFileThatFailedOnce) {
     const Outcome document = cli(args);
     EXPECT_EQ(document.status, c.status);
     EXPECT_EQ(document.err, "");
-    EXPECT_EQ(document.doc(), (json{{"error", c.reason}, {"file", c.file}}));
+    EXPECT_EQ(document.doc(), (json{{"error", c.reason}, {"file", c.file}, {"schema", 1}}));
     EXPECT_FALSE(fs::exists(out));
   }
   EXPECT_TRUE(fs::is_character_file("/dev/full"));
@@ -984,13 +1264,13 @@ TEST(CliRemux, FragmentedAndRegularFilesComeOutRegular) {
            {"frag_every_frame.mp4", "+frag_every_frame+empty_moov+default_base_moof"},
            {"regular.mp4", ""}}) {
     const std::string source = flags.empty() ? regular : encode(name, {"-movflags", flags});
-    const Outcome remuxed = cli({"remux", source, "-o", flat});
+    const Outcome remuxed = cli({"remux", source, "-o", flat, "-y"});
     ASSERT_EQ(remuxed.status, 0) << remuxed.err;
     EXPECT_EQ(remuxed.out, "wrote " + flat + "\n");
     compareRemux(source, flat);
     expectFrames(flat, name == "frag_delay_moov.mp4" ? regular : source);
   }
-  ASSERT_EQ(cli({"remux", regular, "-o", flat, "--moov-last", "--json"}).doc()["written"], true);
+  ASSERT_EQ(cli({"remux", regular, "-o", flat, "-y", "--moov-last", "--json"}).doc()["written"], true);
   EXPECT_EQ(cli({"info", flat, "--json"}).doc()["fastStart"], false);
   expectFrames(flat, regular);
 
@@ -1000,13 +1280,13 @@ TEST(CliRemux, FragmentedAndRegularFilesComeOutRegular) {
     if (path.find("delay_moov") == npos) others.push_back(path);
   }
   for (const std::string& source : others) {
-    ASSERT_EQ(cli({"remux", source, "-o", flat}).status, 0) << source;
+    ASSERT_EQ(cli({"remux", source, "-o", flat, "-y"}).status, 0) << source;
     compareRemux(source, flat);
     expectFrames(flat, source);
   }
 
   const std::string fragmented = scratch("frag_keyframe.mp4");
-  ASSERT_EQ(cli({"trim", fragmented, "--from", "0.3", "--to", "0.7", "-o", flat}).status, 0);
+  ASSERT_EQ(cli({"trim", fragmented, "--from", "0.3", "--to", "0.7", "-o", flat, "-y"}).status, 0);
   EXPECT_EQ(cli({"info", flat, "--json"}).doc()["fragmented"], false);
   const Probed cut = probe(flat);
   EXPECT_EQ(cut.errors, "");
@@ -1039,7 +1319,7 @@ TEST(CliRemux, Mp4boxJsReadsTheFragmentsSamples) {
   const std::string flat = scratch("flat.mp4");
   for (const std::string& source : sources) {
     SCOPED_TRACE(source);
-    ASSERT_EQ(cli({"remux", source, "-o", flat}).status, 0);
+    ASSERT_EQ(cli({"remux", source, "-o", flat, "-y"}).status, 0);
     const json before = mp4boxSamples(module, source), after = mp4boxSamples(module, flat);
     EXPECT_EQ(before["fragmented"], true);
     EXPECT_EQ(after["fragmented"], false);

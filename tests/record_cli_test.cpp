@@ -226,7 +226,7 @@ void checkRecording(const Case& c) {
   SCOPED_TRACE(c.video + " " + c.audio + " " + c.layout);
   // ffmpeg writes G.711 into QuickTime files only.
   const std::string out = scratch("rec.mp4"), ref = scratch("ref.mov");
-  std::vector<std::string> args = {"record", "-o", out, "--json"};
+  std::vector<std::string> args = {"record", "-y", "-o", out, "--json"};
   if (!c.video.empty()) args.insert(args.end(), {"--video", c.video});
   if (!c.audio.empty()) {
     const std::string option = g711 ? (c.audio.find(".alaw") != std::string::npos ? "--alaw" : "--ulaw")
@@ -464,7 +464,7 @@ class LiveRecording {
       const int said = open(errors().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
       dup2(said, STDOUT_FILENO);
       dup2(said, STDERR_FILENO);
-      execl(MP4STBL_CLI, MP4STBL_CLI, "record", "-o", output.c_str(), "--video", "-", "--audio",
+      execl(MP4STBL_CLI, MP4STBL_CLI, "record", "-y", "-o", output.c_str(), "--video", "-", "--audio",
             fifo_.c_str(), "--fragment", "0.2", static_cast<char*>(nullptr));
       _exit(127);
     }
@@ -688,21 +688,21 @@ TEST(CliRecord, RefusesWhatItCannotRecord) {
     std::string err;  // how stderr starts
   };
   const std::vector<Row> rows = {
-      {{"record", "-o", out}, 2, "mp4stbl: record: expects --video, --audio, --alaw or --ulaw\n"},
-      {{"record", "-o", out, "--alaw", s.alaw, "--plain", "--moov-first"}, 2, "mp4stbl: --plain excludes --moov-first"},
-      {{"record", "-o", out, "--alaw", s.alaw, "--fragment", "0"}, 2,
+      {{"record", "-y", "-o", out}, 2, "mp4stbl: record: expects --video, --audio, --alaw or --ulaw\n"},
+      {{"record", "-y", "-o", out, "--alaw", s.alaw, "--plain", "--moov-first"}, 2, "mp4stbl: --plain excludes --moov-first"},
+      {{"record", "-y", "-o", out, "--alaw", s.alaw, "--fragment", "0"}, 2,
        "mp4stbl: --fragment: expects seconds from 0.01 to 3600, not '0'"},
-      {{"record", "-o", out, "--alaw", s.alaw, "--chunk", "1e9"}, 2,
+      {{"record", "-y", "-o", out, "--alaw", s.alaw, "--chunk", "1e9"}, 2,
        "mp4stbl: --chunk: expects seconds from 0.01 to 3600, not '1e9'"},
-      {{"record", "-o", out, "--video", s.h264, "--fps", "30/0"}, 2,
+      {{"record", "-y", "-o", out, "--video", s.h264, "--fps", "30/0"}, 2,
        "mp4stbl: --fps: expects frames a second as N or N/D (25, 30000/1001), at most 1000, not '30/0'"},
-      {{"record", "-o", out, "--alaw", s.alaw, "--rate", "8"}, 2,
+      {{"record", "-y", "-o", out, "--alaw", s.alaw, "--rate", "8"}, 2,
        "mp4stbl: --rate: expects a sample rate from 1000 to 192000, not '8'"},
-      {{"record", "-o", out, "--alaw", "-", "--ulaw", "-"}, 2, "mp4stbl: record: only one input can be stdin (-)\n"},
-      {{"record", "-o", out, "--video", missing}, 1, "mp4stbl: " + missing + ": cannot be opened: No such file or directory\n"},
-      {{"record", "-o", out, "--video", s.alaw}, 1, "mp4stbl: " + s.alaw + ": "},
-      {{"record", "-o", out, "--audio", s.ulaw}, 1, "mp4stbl: " + s.ulaw + ": "},
-      {{"record", "-o", s.alaw, "--alaw", s.alaw}, 1, "mp4stbl: " + s.alaw + ": is one of the inputs\n"},
+      {{"record", "-y", "-o", out, "--alaw", "-", "--ulaw", "-"}, 2, "mp4stbl: record: only one input can be stdin (-)\n"},
+      {{"record", "-y", "-o", out, "--video", missing}, 1, "mp4stbl: " + missing + ": cannot be opened: No such file or directory\n"},
+      {{"record", "-y", "-o", out, "--video", s.alaw}, 1, "mp4stbl: " + s.alaw + ": "},
+      {{"record", "-y", "-o", out, "--audio", s.ulaw}, 1, "mp4stbl: " + s.ulaw + ": "},
+      {{"record", "-y", "-o", s.alaw, "--alaw", s.alaw}, 1, "mp4stbl: " + s.alaw + ": is one of the inputs\n"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.args.back());
@@ -713,10 +713,11 @@ TEST(CliRecord, RefusesWhatItCannotRecord) {
     EXPECT_FALSE(fs::exists(out));
   }
   EXPECT_EQ(readFile(s.alaw).size(), 23950u);
-  const Outcome json = cli({"record", "-o", out, "--json", "--video", missing});
+  const Outcome json = cli({"record", "-y", "-o", out, "--json", "--video", missing});
   EXPECT_EQ(json.status, 1);
   EXPECT_EQ(json.doc(), (nlohmann::json{{"error", "cannot be opened: No such file or directory"},
-                                         {"file", missing}}));
+                                         {"file", missing},
+                                         {"schema", 1}}));
 }
 
 // Records `bytes` fed slowly through stdin with `option` (`--alaw -`...),
@@ -732,7 +733,7 @@ std::string recordUntil(int signal, const std::string& option, const Bytes& byte
     close(ends[1]);
     const int text = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     dup2(text, STDOUT_FILENO);
-    execl(MP4STBL_CLI, MP4STBL_CLI, "record", "-o", out.c_str(), option.c_str(), "-",
+    execl(MP4STBL_CLI, MP4STBL_CLI, "record", "-y", "-o", out.c_str(), option.c_str(), "-",
           static_cast<char*>(nullptr));
     _exit(127);
   }
@@ -800,7 +801,7 @@ TEST(CliRecord, ReadsTwoPipesOfOneProducer) {
       "-f lavfi -i sine=sample_rate=48000:duration=6 -map 0:v -c:v libx264 -preset veryfast "
       "-threads 1 -f h264 '" + video + "' -map 1:a -c:a aac -b:a 192k -f adts '" + audio + "') &";
   ASSERT_EQ(std::system(producer.c_str()), 0);
-  const Outcome recorded = run("timeout", {"60", MP4STBL_CLI, "record", "-o", out, "--video", video,
+  const Outcome recorded = run("timeout", {"60", MP4STBL_CLI, "record", "-y", "-o", out, "--video", video,
                                            "--audio", audio, "--json"});
   ASSERT_EQ(recorded.status, 0) << recorded.err;
   const json tracks = recorded.doc()["tracks"];
@@ -828,7 +829,7 @@ TEST(CliRecord, FrameRateFromTheStreamOrFps) {
                                          {s.h264, "50", 12800, 1.5, 50},
                                          {s.h264, "24000/1001", 24000, 3.128125, 24000.0 / 1001}}) {
     SCOPED_TRACE(row.video + " " + row.fps);
-    std::vector<std::string> args = {"record", "-o", out, "--video", row.video, "--json"};
+    std::vector<std::string> args = {"record", "-y", "-o", out, "--video", row.video, "--json"};
     if (!row.fps.empty()) args.insert(args.end(), {"--fps", row.fps});
     const Outcome recorded = cli(args);
     ASSERT_EQ(recorded.status, 0) << recorded.err;

@@ -323,7 +323,7 @@ TEST(RecoverCorpus, CutFilesRecoveredWithAnotherFileAsReference) {
       const std::string out = dir / ("out" + made[0].substr(made[0].rfind('.')));
       cutFile(made[0], cut, broken);
       const std::string before = bytesOfFile(broken);
-      const Outcome done = run(kCli + " recover '" + broken + "' -o '" + out + "' --reference '" + made[1] + "'");
+      const Outcome done = run(kCli + " recover '" + broken + "' -y -o '" + out + "' --reference '" + made[1] + "'");
       ASSERT_EQ(done.status, 0) << done.out;
       EXPECT_EQ(bytesOfFile(broken), before);
       const double share = recoveredShare(made[0], cut, out);
@@ -344,7 +344,7 @@ TEST(RecoverCorpus, CutFilesRecoveredWithAnotherFileAsReference) {
     cutFile(made[0], media / 2, zeroed);
     std::ofstream(zeroed, std::ios::binary | std::ios::app) << std::string(1 << 20, '\0');
     const std::string out = dir / "zeroed.mov";
-    ASSERT_EQ(run(kCli + " recover '" + zeroed + "' -o '" + out + "' --reference '" + made[1] + "'").status, 0);
+    ASSERT_EQ(run(kCli + " recover '" + zeroed + "' -y -o '" + out + "' --reference '" + made[1] + "'").status, 0);
     Mp4File file;
     ASSERT_TRUE(file.open(out).ok());
     const FoundTracks found = findTracks(file);
@@ -368,7 +368,7 @@ void recoverCutsOfFragments(const std::string& file, const ScratchDir& dir, bool
     const std::string broken = dir / "broken.mp4";
     const std::string out = dir / "out.mp4";
     cutFile(file, cut, broken);
-    const Outcome done = run(kCli + " recover '" + broken + "' -o '" + out + "'");
+    const Outcome done = run(kCli + " recover '" + broken + "' -y -o '" + out + "'");
     ASSERT_EQ(done.status, 0) << done.out;
     EXPECT_GE(recoveredShare(fileHasAll ? file : broken, cut, out), 0.99);
     EXPECT_EQ(run("ffmpeg -v error -i '" + out + "' -f null -").out, "");
@@ -507,22 +507,22 @@ TEST(RecoverRefuses, WhatCannotBeRecoveredSaysWhy) {
     std::string says;
   };
   const std::vector<Refusal> refusals = {
-      {"'" + cut + "' -o '" + out + "'", "no movie box indexes its media data; recover it with --reference GOOD"},
-      {"'" + random + "' -o '" + out + "' --reference '" + good + "'", "is not an MP4 file"},
-      {"'" + cut + "' -o '" + out + "' --reference '" + pcm + "'", "the reference's 'qt  '"},
-      {"'" + cut + "' -o '" + out + "' --reference '" + hevc + "'", "track 1 (vide, hev1): no sample of the reference's track is found"},
-      {"'" + cut + "' -o '" + out + "' --reference '" + random + "'", "--reference"},
-      {"'" + cut + "' -o '" + out + "' --reference '" + larger + "'",
+      {"'" + cut + "' -y -o '" + out + "'", "no movie box indexes its media data; recover it with --reference GOOD"},
+      {"'" + random + "' -y -o '" + out + "' --reference '" + good + "'", "is not an MP4 file"},
+      {"'" + cut + "' -y -o '" + out + "' --reference '" + pcm + "'", "the reference's 'qt  '"},
+      {"'" + cut + "' -y -o '" + out + "' --reference '" + hevc + "'", "track 1 (vide, hev1): no sample of the reference's track is found"},
+      {"'" + cut + "' -y -o '" + out + "' --reference '" + random + "'", "--reference"},
+      {"'" + cut + "' -y -o '" + out + "' --reference '" + larger + "'",
        "track 1 (vide, avc1): the reference's parameter sets do not decode its video (the key "
        "frame at offset "},
       {"'" + cut + "' -o '" + cut + "' --reference '" + good + "'", "is one of the inputs"},
-      {"'" + inBandCut + "' -o '" + out + "' --reference '" + good + "'",
+      {"'" + inBandCut + "' -y -o '" + out + "' --reference '" + good + "'",
        "track 1 (vide, avc1): its pictures are 320x240 and the reference's 160x120 (the key frame "
        "at offset "},
-      {"'" + hevcInBandCut + "' -o '" + out + "' --reference '" + hevc + "'",
+      {"'" + hevcInBandCut + "' -y -o '" + out + "' --reference '" + hevc + "'",
        "track 1 (vide, hev1): its pictures are 320x240 and the reference's 160x120 (the key frame "
        "at offset "},
-      {"'" + stereoCut + "' -o '" + out + "' --reference '" + good + "'",
+      {"'" + stereoCut + "' -y -o '" + out + "' --reference '" + good + "'",
        "track 2 (soun, mp4a): its AAC frames hold 2 channels and the reference's 1 (the frame at "
        "offset "},
   };
@@ -534,7 +534,7 @@ TEST(RecoverRefuses, WhatCannotBeRecoveredSaysWhy) {
     EXPECT_FALSE(fs::exists(out));
   }
   EXPECT_EQ(bytesOfFile(cut), data.substr(0, media / 2));
-  const Outcome hugeDone = run(kCli + " recover '" + huge + "' -o '" + out + "' --reference '" + good + "'");
+  const Outcome hugeDone = run(kCli + " recover '" + huge + "' -y -o '" + out + "' --reference '" + good + "'");
   EXPECT_EQ(hugeDone.status, 0) << hugeDone.out;
 }
 
@@ -566,7 +566,7 @@ TEST(RecoverRefuses, ASoundRateThatCannotBeCheckedIsNoted) {
     const std::string file = dir / c.file, cut = dir / ("cut_" + c.file), out = dir / ("out_" + c.file);
     ASSERT_EQ(run("ffmpeg -v error -y " + c.makes + " '" + file + "'").status, 0);
     cutFile(file, moovOffset(file) / 2, cut);
-    const Outcome done = run(kCli + " recover '" + cut + "' -o '" + out + "' --reference '" + file + "'");
+    const Outcome done = run(kCli + " recover '" + cut + "' -y -o '" + out + "' --reference '" + file + "'");
     ASSERT_EQ(done.status, 0) << done.out;
     EXPECT_NE(done.out.find("\nnote: " + c.note + "\n"), std::string::npos) << done.out;
   }

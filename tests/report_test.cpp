@@ -100,7 +100,7 @@ std::set<std::string> expectedPlots(const json& info) {
     if (track["samples"] == 0) continue;
     ids.insert("bitrate-" + id);
     if (track["handler"] == "video") ids.insert("frames-" + id);
-    if (track["handler"] == "video" && track["keyFrames"] != "all") ids.insert("gop-" + id);
+    if (track["handler"] == "video" && !track["allSync"].get<bool>()) ids.insert("gop-" + id);
     if (!track["presentationDuration"].is_null()) ids.insert("edits-" + id);
   }
   if (info["fragmented"]) ids.insert("fragments");
@@ -132,7 +132,7 @@ TEST(ReportInChromium, ShippedFilesDrawEveryPlotWithTheNumbersOfInfo) {
   if (!haveChromium()) GTEST_SKIP() << "chromium is not installed";
   for (const std::string& file : filesIn(MP4STBL_TEST_DATA, ".*\\.(mp4|mov)")) {
     const std::string html = scratch(fs::path(file).filename().string() + ".html");
-    const Outcome made = cli({"report", file, "-o", html});
+    const Outcome made = cli({"report", file, "-o", html, "-y"});
     ASSERT_EQ(made.status, 0) << made.err;
     EXPECT_EQ(made.err, "");
     const json info = infoOf(file);
@@ -162,7 +162,7 @@ TEST(ReportInChromium, AnUnreadableTrackIsNamedAndTheOthersDrawn) {
   data.replace(data.find("stsz") + 12, 4, std::string("\0\0\x03\xe8", 4));
   const std::string broken = scratch("broken.mp4"), html = scratch("broken.html");
   std::ofstream(broken, std::ios::binary) << data;
-  const Outcome made = cli({"report", broken, "-o", html});
+  const Outcome made = cli({"report", broken, "-o", html, "-y"});
   ASSERT_EQ(made.status, 0) << made.err;
   const std::string reason = "track 1 (vide, avc1): stsz lists 1000 entries";
   EXPECT_NE(made.err.find("mp4stbl: " + broken + ": " + reason), std::string::npos) << made.err;
@@ -181,7 +181,7 @@ TEST(ReportInChromium, NamesFromTheFileStayText) {
   ASSERT_EQ(shell("ffmpeg -v error -y -f lavfi -i testsrc=size=96x64:rate=25 -t 2 -c:v libx264 "
                   "-pix_fmt yuv420p -g 10 -metadata:s:v:0 handler_name='" + name + "' '" + made +
                   "'").status, 0);
-  ASSERT_EQ(cli({"report", made, "-o", html}).status, 0);
+  ASSERT_EQ(cli({"report", made, "-o", html, "-y"}).status, 0);
   ASSERT_NE(slurp(html).find("\\u003c/script>\\u003cscript>alert(1)"), std::string::npos);
   const Rendered page = render(html);
   expectDrawn(page, expectedPlots(infoOf(made)), made);
@@ -204,7 +204,7 @@ TEST(ReportRuns, BadInputFailsAsInfoDoesAndWritesNothing) {
   std::ofstream(noMoov, std::ios::binary) << std::string("\0\0\0\x10" "ftypisom\0\0\0\0", 16);
   for (const std::string& file : {text, noMoov, scratch("missing.mp4")}) {
     for (const bool json : {false, true}) {
-      std::vector<std::string> args{"report", file, "-o", html};
+      std::vector<std::string> args{"report", file, "-o", html, "-y"};
       std::vector<std::string> asInfo{"info", file};
       if (json) args.push_back("--json"), asInfo.push_back("--json");
       const Outcome report = cli(args), info = cli(asInfo);
@@ -216,7 +216,7 @@ TEST(ReportRuns, BadInputFailsAsInfoDoesAndWritesNothing) {
     }
   }
   const std::string clip = shipped("h264_aac.mp4");
-  const Outcome noTrack = cli({"report", clip, "-o", html, "--track", "5"});
+  const Outcome noTrack = cli({"report", clip, "-o", html, "-y", "--track", "5"});
   EXPECT_EQ(noTrack.status, 1);
   EXPECT_EQ(noTrack.err, "mp4stbl: " + clip + ": no track 5; the tracks are 1, 2\n");
   EXPECT_FALSE(fs::exists(html));
@@ -242,7 +242,7 @@ TEST(ReportRuns, ATrackClaimingMoreSamplesThanBytesIsLeftOut) {
   put(14966 + 16, 20000);     // ...20000 of them
   const std::string claims = scratch("claims.mp4"), html = scratch("claims.html");
   std::ofstream(claims, std::ios::binary) << data;
-  const Outcome made = cli({"report", claims, "-o", html, "--json"});
+  const Outcome made = cli({"report", claims, "-o", html, "-y", "--json"});
   ASSERT_EQ(made.status, 0) << made.err;
   const std::string reason =
       "track 2 (soun, mp4a): claims 20000 samples, more than the 15234 bytes of the file";
@@ -409,7 +409,7 @@ TEST(ReportData, PlotsHoldTheSamplesOfMadeFiles) {
                                   shipped("bframes_late.mp4"), shipped("h264_aac.mp4")}) {
     SCOPED_TRACE(file);
     const std::string html = scratch("made.html");
-    ASSERT_EQ(cli({"report", file, "-o", html}).status, 0);
+    ASSERT_EQ(cli({"report", file, "-o", html, "-y"}).status, 0);
     const auto plots = plotsIn(html);
     const json info = infoOf(file);
     for (const json& track : info["tracks"]) {
@@ -430,7 +430,7 @@ TEST(ReportData, PlotsHoldTheSamplesOfMadeFiles) {
 // the video's 11587 bytes at 231.74 kbit/s, its average.
 TEST(ReportData, AWindowCutByTheTracksEndIsCountedOverItsLength) {
   const std::string html = scratch("clip.html");
-  ASSERT_EQ(cli({"report", shipped("h264_aac.mp4"), "-o", html}).status, 0);
+  ASSERT_EQ(cli({"report", shipped("h264_aac.mp4"), "-o", html, "-y"}).status, 0);
   const json plot = plotsIn(html).at("bitrate-1");
   EXPECT_NEAR(seriesOf(plot, "kbit/s").at(0), 231.74, 1e-9);
   EXPECT_NEAR(seriesOf(plot, "average").at(0), 231.74, 1e-9);
@@ -439,7 +439,7 @@ TEST(ReportData, AWindowCutByTheTracksEndIsCountedOverItsLength) {
 // Each run of a fragment (a chunk in samples --json) at the kilobytes it holds.
 TEST(ReportData, FragmentsAreTheRunsOfEachTrack) {
   const std::string file = shipped("frag_h264_aac.mp4"), html = scratch("frag.html");
-  ASSERT_EQ(cli({"report", file, "-o", html}).status, 0);
+  ASSERT_EQ(cli({"report", file, "-o", html, "-y"}).status, 0);
   const json plot = plotsIn(html).at("fragments");
   EXPECT_EQ(plot["note"], "3 movie fragments, 6 runs");
   for (const int id : {1, 2}) {

@@ -1,6 +1,7 @@
 #include "command.h"
 
 #include <cstdio>
+#include <filesystem>
 
 #include <mp4stbl/box/table_reason.h>
 
@@ -48,6 +49,28 @@ void report(const Options& options, const std::string& what) {
                printable(what).c_str());
 }
 
+bool refusesOutput(const Options& options) {
+  std::error_code error;
+  if (options.overwrite || options.output.empty() ||
+      !std::filesystem::is_regular_file(options.output, error)) {
+    return false;
+  }
+  std::vector<std::string> inputs = options.inputs;
+  inputs.insert(inputs.end(), {options.file, options.list, options.reference, options.video,
+                               options.audio, options.alaw, options.ulaw});
+  for (const std::string& input : inputs) {
+    if (!input.empty() && std::filesystem::equivalent(input, options.output, error)) return false;
+  }
+  Options about = options;
+  about.file = options.output;
+  fail(about, "exists; nothing was written (-y or --overwrite replaces it)");
+  return true;
+}
+
+void note(const Options& options, const std::string& what) {
+  if (!options.quiet) std::printf("note: %s\n", what.c_str());
+}
+
 std::unique_ptr<Opened> open(const Options& options) {
   auto opened = std::make_unique<Opened>();
   const Status read = opened->file.open(options.file);
@@ -60,7 +83,11 @@ std::unique_ptr<Opened> open(const Options& options) {
   }
   for (const std::string& warning : opened->file.warnings()) report(options, "warning: " + warning);
   if (opened->file.find("moov").empty()) {
-    fail(options, "not an MP4 file (no moov box)");
+    // Media data with no movie box: a recording that was never finished.
+    const bool media = !opened->file.find("mdat").empty();
+    fail(options, media ? "no moov box, only media data: a recording cut short; mp4stbl recover "
+                          "may index its samples again (mp4stbl recover FILE -o NEW.mp4)"
+                        : "not an MP4 file (no moov box)");
     return nullptr;
   }
   FoundTracks found = findTracks(opened->file);
@@ -72,19 +99,29 @@ std::unique_ptr<Opened> open(const Options& options) {
 }
 
 const Track* findTrack(const Options& options, const Opened& opened) {
-  for (const Track& track : opened.tracks) {
-    if (track.id() == options.track) return &track;
+  if (options.track == "video" || options.track == "audio") {
+    for (const Track& track : opened.tracks) {
+      if (options.track == track.kind()) return &track;
+    }
+    fail(options, "no readable " + options.track + " track");
+    return nullptr;
   }
-  if (options.track == 0) {
+  // The parser let through only ids from 1 to 2^32 - 1.
+  const uint32_t id =
+      options.track.empty() ? 0 : static_cast<uint32_t>(std::stoul(options.track));
+  for (const Track& track : opened.tracks) {
+    if (track.id() == id) return &track;
+  }
+  if (id == 0) {
     for (const Track& track : opened.tracks) {
       if (track.handler() == "vide") return &track;
     }
     if (!opened.tracks.empty()) return &opened.tracks.front();
   }
   // A track that is there but cannot be walked says why.
-  const std::string wanted = "track " + std::to_string(options.track) + " ";
+  const std::string wanted = "track " + std::to_string(id) + " ";
   for (const std::string& reason : opened.unreadable) {
-    if (options.track != 0 && reason.compare(0, wanted.size(), wanted) == 0) {
+    if (id != 0 && reason.compare(0, wanted.size(), wanted) == 0) {
       fail(options, reason);
       return nullptr;
     }
@@ -95,7 +132,7 @@ const Track* findTrack(const Options& options, const Opened& opened) {
     ids += (ids.empty() ? "" : ", ") + std::to_string(track.id());
   }
   fail(options, noneReadable ? opened.unreadable.front()
-                             : "no track " + std::to_string(options.track) + "; the tracks are " +
+                             : "no track " + std::to_string(id) + "; the tracks are " +
                                    (ids.empty() ? "none" : ids));
   return nullptr;
 }
@@ -104,7 +141,29 @@ double seconds(uint64_t units, uint32_t timescale) {
   return timescale == 0 ? 0.0 : static_cast<double>(units) / timescale;
 }
 
-void printJson(const nlohmann::json& document) {
+void clampTime(const char* option, double asked, double end, std::vector<Clamped>* clamps) {
+  if (asked > end) clamps->push_back({option, asked, end});
+}
+
+void noteClamps(const Options& options, const std::vector<Clamped>& clamps) {
+  for (const Clamped& clamp : clamps) {
+    char text[128];
+    std::snprintf(text, sizeof text, "%s %.3f s lies past the end; clamped to %.3f s",
+                  clamp.option.c_str(), clamp.asked, clamp.to);
+    note(options, text);
+  }
+}
+
+nlohmann::json clampsDocument(const std::vector<Clamped>& clamps) {
+  nlohmann::json document = nlohmann::json::array();
+  for (const Clamped& clamp : clamps) {
+    document.push_back({{"option", clamp.option}, {"asked", clamp.asked}, {"to", clamp.to}});
+  }
+  return document;
+}
+
+void printJson(nlohmann::json document) {
+  document["schema"] = kJsonSchema;
   // Text that is not UTF-8 (a file name, a box type) is replaced, never fatal.
   const auto replace = nlohmann::json::error_handler_t::replace;
   std::printf("%s\n", document.dump(2, ' ', false, replace).c_str());

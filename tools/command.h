@@ -16,14 +16,17 @@ namespace mp4stbl::cli {
 
 constexpr int kFailure = 1;
 constexpr int kUsage = 2;
+// The version of the JSON documents' shapes, in each as "schema".
+constexpr int kJsonSchema = 1;
 
 struct Options {
   std::string file;
   bool json = false;
   bool verbose = false;
+  bool quiet = false;      // no progress and no notes
+  bool overwrite = false;  // -y: an existing output is replaced
   std::string entries = "5";
-  uint32_t track = 0;
-  std::string trackChoice;  // extract: a track id, "video" or "audio"
+  std::string track;  // --track: an id, "video" or "audio"; empty when not given
   double time = -1;
   uint32_t sample = 0;
   double endTime = -1;
@@ -63,6 +66,14 @@ int usageError(bool json, const std::string& what);
 // {"error": what, "file": file}, what printable.
 nlohmann::json failureDocument(const std::string& what, nlohmann::json file);
 
+// Whether the output names an existing file that -y is needed to replace,
+// after a failure message naming it. An output that is one of the inputs
+// is left to the command, which refuses it in its own words.
+bool refusesOutput(const Options& options);
+
+// A line "note: what" on stdout, unless --quiet.
+void note(const Options& options, const std::string& what);
+
 // A file read with its tracks.
 struct Opened {
   Mp4File file;
@@ -73,8 +84,9 @@ struct Opened {
 // Null after a failure message.
 std::unique_ptr<Opened> open(const Options& options);
 
-// The track asked for; without --track, the first video track, else the
-// first track. Null after a failure message.
+// The track asked for by id or kind (the first readable video or audio
+// track); without --track, the first video track, else the first track.
+// Null after a failure message.
 const Track* findTrack(const Options& options, const Opened& opened);
 
 // What info --json prints of an opened file: its brands and layout, and
@@ -82,11 +94,27 @@ const Track* findTrack(const Options& options, const Opened& opened);
 nlohmann::json infoDocument(const Options& options, Opened& opened);
 
 double seconds(uint64_t units, uint32_t timescale);
+// How long a track plays: its edit list's length, else its media's.
+double playingSeconds(const Track& track);
+
+// A time asked for past the end of what plays, taken as that end.
+struct Clamped {
+  std::string option;  // "--time", "--to", ...
+  double asked = 0;
+  double to = 0;
+};
+// `asked` seconds of `option` against `end`: clamped when past it.
+void clampTime(const char* option, double asked, double end, std::vector<Clamped>* clamps);
+// Each clamp as a note, "--to 30.000 s lies past the end; clamped to 10.000 s".
+void noteClamps(const Options& options, const std::vector<Clamped>& clamps);
+// [{"option": "--to", "asked": 30.0, "to": 10.0}, ...]
+nlohmann::json clampsDocument(const std::vector<Clamped>& clamps);
 // The child box of `parent` of that type; null when there is none or no parent.
 const Atom* childOf(const Atom* parent, const char* type);
 // The trak box of a track, by the id in its tkhd; null when none has it.
 const Atom* trakOf(Mp4File& file, const Track& track);
-void printJson(const nlohmann::json& document);
+// The document on stdout, with "schema" added to it.
+void printJson(nlohmann::json document);
 
 int info(const Options& options);
 int dump(const Options& options);

@@ -23,7 +23,8 @@ void onInterrupt(int) { interrupted = 1; }
 
 class Progress {
  public:
-  Progress() : start_(std::chrono::steady_clock::now()), terminal_(isatty(STDERR_FILENO) != 0) {}
+  explicit Progress(bool shown)
+      : start_(std::chrono::steady_clock::now()), terminal_(shown && isatty(STDERR_FILENO) != 0) {}
   ~Progress() {
     if (shown_) std::fputc('\n', stderr);
   }
@@ -77,11 +78,12 @@ std::pair<std::string, std::string> namedFile(const Options& options, const std:
   return {aboutOutput ? options.output : options.file, message};
 }
 
-int runEdit(const Options& options, EditJob edit, bool window) {
+int runEdit(const Options& options, EditJob edit, bool window,
+            const std::vector<Clamped>& clamps) {
   const auto previous = std::signal(SIGINT, &onInterrupt);
   Result<EditReport> done = Status();
   {
-    Progress progress;
+    Progress progress(!options.quiet);
     EditOptions editOptions;
     editOptions.keyframe = options.keyframe;
     editOptions.moovLast = options.moovLast;
@@ -111,6 +113,7 @@ int runEdit(const Options& options, EditJob edit, bool window) {
     if (window) {
       document["from"] = done->from;
       document["to"] = done->to;
+      document["clamped"] = clampsDocument(clamps);
     }
     printJson(document);
     return 0;
@@ -118,7 +121,8 @@ int runEdit(const Options& options, EditJob edit, bool window) {
   std::printf("wrote %s", options.output.c_str());
   if (window) std::printf(" (%.3f s to %.3f s of %s)", done->from, done->to, options.file.c_str());
   std::printf("\n");
-  for (const std::string& note : done->notes) std::printf("note: %s\n", note.c_str());
+  noteClamps(options, clamps);
+  for (const std::string& text : done->notes) note(options, text);
   return 0;
 }
 

@@ -81,20 +81,6 @@ Result<Form> formOf(const Track& track, const Atom& entry) {
   return form;
 }
 
-// --track N, video or audio.
-const Track* chosenTrack(const Options& options, const Opened& opened) {
-  if (options.trackChoice != "video" && options.trackChoice != "audio") {
-    Options numbered = options;
-    numbered.track = static_cast<uint32_t>(std::stoul(options.trackChoice));
-    return findTrack(numbered, opened);
-  }
-  for (const Track& track : opened.tracks) {
-    if (options.trackChoice == track.kind()) return &track;
-  }
-  fail(options, "no readable " + options.trackChoice + " track");
-  return nullptr;
-}
-
 // What is written, sample after sample, into one output file.
 class Extraction {
  public:
@@ -158,6 +144,7 @@ class Extraction {
 struct Span {
   uint32_t first = 1;     // the first sample written
   uint64_t end = UINT64_MAX;  // decode time (track units) the samples stop before
+  std::vector<Clamped> clamps;
 };
 
 // --from goes back to the key frame at or before it; --to ends the samples
@@ -180,7 +167,12 @@ Result<Span> spanOf(const Options& options, const Track& track) {
     span.first = track.stss() == nullptr && !track.fragmented() ? asked
                                                                  : keyFrameNear(track, asked, false);
   }
-  if (options.endTime >= 0) span.end = media(options.endTime);
+  if (options.endTime >= 0) {
+    span.end = media(options.endTime);
+    const double end = (static_cast<double>(track.mediaDuration()) + static_cast<double>(shift)) /
+                       std::max<uint32_t>(track.timescale(), 1);
+    clampTime("--to", options.endTime, end, &span.clamps);
+  }
   return span;
 }
 
@@ -190,6 +182,7 @@ struct Summary {
   uint32_t first = 0;
   double from = 0, to = 0;
   std::vector<std::string> notes;
+  std::vector<Clamped> clamps;
 };
 
 Status extractTo(const Options& options, const Track& track, IOStream* source, Summary* summary) {
@@ -205,6 +198,7 @@ Status extractTo(const Options& options, const Track& track, IOStream* source, S
   Extraction extraction(track, source);
   const Result<Span> span = spanOf(options, track);
   if (!span.ok()) return span.status();
+  summary->clamps = span->clamps;
   SampleWalker walker(track);
   Result<const SampleInfo*> step = walker.next();
   for (; step.ok() && *step != nullptr; step = walker.next()) {
@@ -248,7 +242,7 @@ Status extractTo(const Options& options, const Track& track, IOStream* source, S
 int extract(const Options& options) {
   const auto opened = open(options);
   if (!opened) return kFailure;
-  const Track* track = chosenTrack(options, *opened);
+  const Track* track = findTrack(options, *opened);
   if (track == nullptr) return kFailure;
   Summary summary;
   Status done = extractTo(options, *track, opened->file.stream(), &summary);
@@ -267,13 +261,15 @@ int extract(const Options& options) {
                {"firstSample", summary.first},
                {"from", summary.from},
                {"to", summary.to},
-               {"notes", summary.notes}});
+               {"notes", summary.notes},
+               {"clamped", clampsDocument(summary.clamps)}});
     return 0;
   }
   std::printf("wrote %s: %u samples of track %u as %s (%.3f s to %.3f s)\n",
               options.output.c_str(), summary.samples, track->id(), summary.format.c_str(),
               summary.from, summary.to);
-  for (const std::string& note : summary.notes) std::printf("note: %s\n", note.c_str());
+  noteClamps(options, summary.clamps);
+  for (const std::string& text : summary.notes) note(options, text);
   return 0;
 }
 

@@ -37,6 +37,16 @@ ChunkGrouping groupingOf(const Track& track) {
   return grouping;
 }
 
+}  // namespace
+
+double playingSeconds(const Track& track) {
+  const bool edited = track.elst() != nullptr && track.movieTimescale() != 0;
+  return edited ? seconds(track.presentationDuration(), track.movieTimescale())
+                : seconds(track.mediaDuration(), track.timescale());
+}
+
+namespace {
+
 json trackSummary(const Track& track) {
   const uint64_t duration = track.mediaDuration();
   const double length = seconds(duration, track.timescale());
@@ -63,15 +73,15 @@ json trackSummary(const Track& track) {
       {"chunks", track.chunkCount() + track.fragments().runs.size()},
       {"offsets", track.stco() != nullptr ? "stco" : "co64"},
       {"samplesPerChunk", {{"min", grouping.least}, {"max", grouping.most}}},
-      {"sampleSize", track.constantSampleSize() != 0 ? json(track.constantSampleSize())
-                                                     : json("table")},
+      {"sampleSize", track.constantSampleSize()},  // 0: each sample's size in a table
   };
   const uint64_t keys = (track.stss() != nullptr ? track.stss()->entries.size()
                                                  : track.tableSampleCount()) +
                         track.fragments().syncSamples;
   const bool allSync = track.stss() == nullptr &&
                        track.fragments().syncSamples == track.fragments().samples;
-  summary["keyFrames"] = allSync ? json("all") : json(keys);
+  summary["keyFrames"] = keys;
+  summary["allSync"] = allSync;
   return summary;
 }
 
@@ -255,10 +265,10 @@ void printTracks(const json& tracks) {
                t["samples"].dump(), t["duration"].dump(),
                format("%.3f", t["seconds"].get<double>()), t["bytes"].dump(),
                format("%.1f", t["bitrate"].get<double>() / 1000),
-               t["keyFrames"].is_string() ? "all samples are sync" : t["keyFrames"].dump(),
+               t["allSync"].get<bool>() ? "all samples are sync" : t["keyFrames"].dump(),
                t["chunks"].dump(), t["offsets"],
                least == most ? std::to_string(least) : format("%u-%u", least, most),
-               t["sampleSize"].is_string() ? "table" : "all " + t["sampleSize"].dump()});
+               t["sampleSize"] == 0 ? "table" : "all " + t["sampleSize"].dump()});
   }
   table.print(stdout);
 }

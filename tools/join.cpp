@@ -1,4 +1,6 @@
 // mp4stbl join: a new file holding clips one after the other.
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 
 #include "edit_job.h"
@@ -15,7 +17,7 @@ bool readList(const Options& options, std::vector<std::string>& clips) {
   about.file = options.list;
   std::ifstream list(options.list, std::ios::binary);
   if (!list) {
-    fail(about, "cannot open the list of clips");
+    fail(about, std::string("cannot open the list of clips: ") + std::strerror(errno));
     return false;
   }
   for (std::string line; std::getline(list, line);) {

@@ -472,7 +472,7 @@ class Recording {
   }
 
   Failure record() {
-    Progress progress(!options_.json, options_.output);
+    Progress progress(!options_.json && !options_.quiet, options_.output);
     Failure failure;
     while (true) {
       Feed* next = earliest();
@@ -565,7 +565,7 @@ int summarize(const Options& options, const Recording& recording, const Failure&
                 track["input"].get<std::string>().c_str(), track["samples"].get<unsigned long long>(),
                 track["seconds"].get<double>());
   }
-  for (const std::string& note : notes) std::printf("note: %s\n", note.c_str());
+  for (const std::string& text : notes) note(options, text);
   return 0;
 }
 

@@ -58,7 +58,7 @@ int recover(const Options& options) {
     if (!done->stop.empty()) std::printf(" (%s)", done->stop.c_str());
     std::printf("\n");
   }
-  for (const std::string& note : done->notes) std::printf("note: %s\n", note.c_str());
+  for (const std::string& text : done->notes) note(options, text);
   return 0;
 }
 

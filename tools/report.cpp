@@ -146,7 +146,7 @@ int visualReport(const Options& options) {
   const auto opened = open(options);
   if (!opened) return kFailure;
   std::vector<const Track*> chosen;
-  if (options.track != 0) {
+  if (!options.track.empty()) {
     const Track* track = findTrack(options, *opened);
     if (track == nullptr) return kFailure;
     chosen.push_back(track);

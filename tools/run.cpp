@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <new>
+#include <sstream>
 #include <stdexcept>
 
 #include "aac_frames.h"
@@ -30,6 +31,10 @@ void showLine(const char* tag, int level, const char* text) {
 void routeLog(bool verbose) {
   mp4stbl::setLogSink(verbose ? mp4stbl::LogSink{&showLine, 0} : mp4stbl::LogSink{&showLine, 4});
 }
+
+const std::string kAlso =
+    "Also --json (one JSON document on stdout), -q (no progress or notes) and -v (the library's "
+    "log lines).";
 
 constexpr const char* kSubcommands[] = {"info", "dump", "samples", "seek", "verify", "trim", "join",
                                            "remux", "record", "recover", "report", "extract"};
@@ -56,6 +61,20 @@ std::string shortened(const std::string& message) {
     word.clear();
   }
   return text;
+}
+
+// A word left over that looks like an option is named as an unknown one;
+// CLI11 lists the words left over after a colon.
+std::string parseMessage(const CLI::Error& error) {
+  const std::string message = error.what();
+  const size_t listed = message.find(": ");
+  if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr && listed != std::string::npos) {
+    std::istringstream words(message.substr(listed + 2));
+    for (std::string word; words >> word;) {
+      if (word.size() > 1 && word[0] == '-') return "unknown option " + shownValue(word);
+    }
+  }
+  return shortened(message);
 }
 
 std::string digitsOrAll(std::string& value) {
@@ -124,6 +143,13 @@ std::string frameRate(std::string& value) {
          shownValue(value);
 }
 
+// The track as a number or a kind.
+std::string trackOrKind(std::string& value) {
+  if (value == "video" || value == "audio") return "";
+  std::string copy = value;
+  return positiveCount(copy).empty() ? "" : "expects a track id, video or audio, not " + shownValue(value);
+}
+
 struct Commands {
   CLI::App* info;
   CLI::App* dump;
@@ -139,10 +165,16 @@ struct Commands {
   CLI::App* extract;
 };
 
+// -o and -y of a subcommand that writes a file.
+void outputOption(CLI::App* sub, Options& options, const char* about) {
+  sub->add_option("-o,--output", options.output, about)->required();
+  sub->add_flag("-y,--overwrite", options.overwrite, "replace the output if it exists");
+}
+
 void declareRecord(CLI::App& app, Options& options, Commands& commands) {
   CLI::App* record = commands.record =
       app.add_subcommand("record", "an MP4 file recorded from elementary streams as they come");
-  record->add_option("-o,--output", options.output, "the new file")->required();
+  outputOption(record, options, "the new file");
   record->add_option("--video", options.video, "H.264 or HEVC, Annex B (a file, a pipe or -)");
   record->add_option("--audio", options.audio, "AAC in ADTS (a file, a pipe or -)");
   record->add_option("--alaw", options.alaw, "G.711 A-law, mono (a file, a pipe or -)");
@@ -164,15 +196,8 @@ void declareRecord(CLI::App& app, Options& options, Commands& commands) {
   record->add_flag("--sync", options.sync, "flush every fragment to the disk");
   record->footer(
       "Until it is finished the file is fragmented, and plays up to its last fragment "
-      "(not with --plain). SIGINT and SIGTERM finish it.\n"
-      "Also --json (one JSON document on stdout) and -v (the library's log lines).");
-}
-
-// The track as a number or a kind.
-std::string trackOrKind(std::string& value) {
-  if (value == "video" || value == "audio") return "";
-  std::string copy = value;
-  return positiveCount(copy).empty() ? "" : "expects a track id, video or audio, not " + shownValue(value);
+      "(not with --plain). SIGINT and SIGTERM finish it.\n" +
+      kAlso);
 }
 
 template <class Command>
@@ -180,18 +205,18 @@ void declareExtract(Commands& commands, Command command, const CLI::Validator& c
                     Options& options) {
   CLI::App* extract = commands.extract =
       command("extract", "a track's samples as an elementary stream (.h264, .265, .aac, ...)");
-  extract->add_option("--track", options.trackChoice, "track id, video or audio")
+  extract->add_option("--track", options.track, "track id, video or audio")
       ->required()
       ->check(CLI::Validator(trackOrKind, "N|video|audio"));
-  extract->add_option("-o,--output", options.output, "the new file")->required();
+  outputOption(extract, options, "the new file");
   extract->add_option("--from", options.from,
                       "start (seconds, or hh:mm:ss.mmm); video from the key frame at or before it")
       ->transform(clockTime);
   extract->add_option("--to", options.endTime, "end (seconds, or hh:mm:ss.mmm)")->transform(clockTime);
   extract->footer(
       "H.264 and HEVC are written in Annex B form, AAC behind ADTS headers, MP3, AC-3, PCM and "
-      "G.711 as they are stored; other codings as their raw sample bytes, with a note.\n"
-      "Also --json (one JSON document on stdout) and -v (the library's log lines).");
+      "G.711 as they are stored; other codings as their raw sample bytes, with a note.\n" +
+      kAlso);
 }
 
 Commands declare(CLI::App& app, Options& options) {
@@ -199,19 +224,19 @@ Commands declare(CLI::App& app, Options& options) {
   // hands them up, so they go before or after it.
   app.add_flag("--json", options.json, "one JSON document on stdout");
   app.add_flag("-v,--verbose", options.verbose, "show the library's log lines");
+  app.add_flag("-q,--quiet", options.quiet, "no progress and no notes; errors still show");
   app.fallthrough();
   auto command = [&](const char* name, const char* about) {
     CLI::App* sub = app.add_subcommand(name, about);
     sub->add_option("FILE", options.file, "MP4 or QuickTime file")->required();
-    sub->footer("Also --json (one JSON document on stdout) and -v (the library's log lines).");
+    sub->footer(kAlso);
     return sub;
   };
   const CLI::Validator count(positiveCount, "N");
-  auto trackOption = [&](CLI::App* sub, bool required) {
+  auto trackOption = [&](CLI::App* sub, const char* otherwise) {
     sub->add_option("--track", options.track,
-                    required ? "track id" : "track id (default: the first video track)")
-        ->required(required)
-        ->check(count);
+                    std::string("track id, video or audio (default: ") + otherwise + ")")
+        ->check(CLI::Validator(trackOrKind, "N|video|audio"));
   };
   Commands commands{};
   commands.info = command("info", "per-track summary of the sample tables");
@@ -219,9 +244,9 @@ Commands declare(CLI::App& app, Options& options) {
   commands.dump->add_option("--entries", options.entries, "entries shown per table, or all")
       ->check(CLI::Validator(digitsOrAll, "N|all"));
   commands.samples = command("samples", "one row per sample of a track");
-  trackOption(commands.samples, true);
+  trackOption(commands.samples, "every track");
   commands.seek = command("seek", "the key frame to start playing from");
-  trackOption(commands.seek, false);
+  trackOption(commands.seek, "the first video track");
   auto* at = commands.seek->add_option_group("position")->require_option(1);
   const CLI::Validator clockTime(readClockTime, "S|hh:mm:ss.mmm");
   at->add_option("--time", options.time, "seconds, or hh:mm:ss.mmm")->transform(clockTime);
@@ -241,7 +266,7 @@ Commands declare(CLI::App& app, Options& options) {
   commands.trim->add_option("--to", options.to, "end (seconds, or hh:mm:ss.mmm)")
       ->required()
       ->transform(clockTime);
-  commands.trim->add_option("-o,--output", options.output, "the new file")->required();
+  outputOption(commands.trim, options, "the new file");
   commands.trim->add_flag("--keyframe", options.keyframe,
                           "start at the key frame before --from, with no edit list");
   commands.trim->add_flag("--moov-last", options.moovLast, "movie box after the media data");
@@ -250,30 +275,28 @@ Commands declare(CLI::App& app, Options& options) {
       ->expected(1, -1);
   commands.join->add_option("--list", options.list,
                             "a file naming more clips, one path a line, played after FILES");
-  commands.join->add_option("-o,--output", options.output, "the new file")->required();
+  outputOption(commands.join, options, "the new file");
   commands.join->add_flag("--moov-last", options.moovLast, "movie box after the media data");
-  commands.join->footer("Also --json (one JSON document on stdout) and -v (the library's log lines).");
+  commands.join->footer(kAlso);
   commands.remux = command("remux", "the file written anew as a regular, fast-start one");
-  commands.remux->add_option("-o,--output", options.output, "the new file")->required();
+  outputOption(commands.remux, options, "the new file");
   commands.remux->add_flag("--moov-last", options.moovLast, "movie box after the media data");
   declareRecord(app, options, commands);
   commands.recover =
       command("recover", "the samples of a recording whose movie box was never written");
-  commands.recover->add_option("-o,--output", options.output, "the new file")->required();
+  outputOption(commands.recover, options, "the new file");
   commands.recover->add_option("--reference", options.reference,
                                "a healthy file from the same device and settings");
   commands.report = command("report", "one HTML file of plots: bit rate, frames, layout, edits");
-  commands.report->add_option("-o,--output", options.output, "the new HTML file")->required();
-  trackOption(commands.report, false);
-  commands.report->footer(
-      "Without --track, every track. Also --json (one JSON document on stdout) and -v (the "
-      "library's log lines).");
+  outputOption(commands.report, options, "the new HTML file");
+  trackOption(commands.report, "every track");
   declareExtract(commands, command, clockTime, options);
   return commands;
 }
 
 int dispatch(const Commands& commands, const Options& options) {
   routeLog(options.verbose);
+  if (refusesOutput(options)) return kFailure;
   if (commands.info->parsed()) return info(options);
   if (commands.dump->parsed()) return dump(options);
   if (commands.samples->parsed()) return samples(options);
@@ -303,7 +326,7 @@ int runCommand(std::vector<std::string> args) {
   Options options;
   const Commands commands = declare(app, options);
   app.failure_message([](const CLI::App*, const CLI::Error& error) {
-    return "mp4stbl: " + shortened(error.what()) + "\nRun with --help for more information.\n";
+    return "mp4stbl: " + parseMessage(error) + "\nRun with --help for more information.\n";
   });
   // Only --json, --verbose, --help and --version come before the subcommand.
   const auto named = std::find_if(args.begin(), args.end(),
@@ -322,7 +345,7 @@ int runCommand(std::vector<std::string> args) {
     app.parse(args);
   } catch (const CLI::ParseError& error) {
     // --help and --version end the parse with status 0.
-    if (json && error.get_exit_code() != 0) return usageError(json, shortened(error.what()));
+    if (json && error.get_exit_code() != 0) return usageError(json, parseMessage(error));
     const int status = app.exit(error);
     return status == 0 ? 0 : kUsage;
   }

@@ -1,6 +1,7 @@
 // mp4stbl samples: one row per sample of a track.
 #include <cstdio>
 
+#include <mp4stbl/box/table_reason.h>
 #include "command.h"
 
 namespace mp4stbl::cli {
@@ -29,41 +30,85 @@ void printRow(const SampleInfo& s, uint32_t timescale, bool json, bool first) {
   }
 }
 
+std::string jsonText(const nlohmann::json& value) {
+  return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+// Streams the rows of a track (a JSON array's elements, or a table under
+// its heading); the walk's failure, if any. A long recording holds
+// millions of samples.
+Status printRows(const Track& track, bool json) {
+  if (!json) {
+    std::printf("%10s %8s %14s %10s %14s %10s %10s %14s %12s %5s\n", "sample", "chunk", "offset",
+                "size", "decode time", "duration", "comp. off.", "presentation", "seconds",
+                "sync");
+  }
+  SampleWalker walker(track);
+  Result<const SampleInfo*> step = walker.next();
+  for (bool first = true; step.ok() && *step != nullptr; step = walker.next(), first = false) {
+    printRow(**step, track.timescale(), json, first);
+  }
+  if (json) std::printf("\n]");
+  return step.ok() ? Status() : step.status();
+}
+
+// Ends the one JSON document, with the error of a walk that failed part
+// way; in text, the error goes to stderr.
+int finish(const Options& options, const Status& walked) {
+  if (!options.json) return walked.ok() ? 0 : fail(options, walked.message());
+  if (!walked.ok()) {
+    std::printf(", \"error\": %s",
+                jsonText(failureDocument(walked.message(), options.file)["error"]).c_str());
+  }
+  std::printf("}\n");
+  return walked.ok() ? 0 : kFailure;
+}
+
+int oneTrack(const Options& options, const Track& track) {
+  if (options.json) {
+    std::printf("{\"schema\": %d, \"file\": %s, \"track\": %u, \"timescale\": %u, \"samples\": [",
+                kJsonSchema, jsonText(options.file).c_str(), track.id(), track.timescale());
+  }
+  return finish(options, printRows(track, options.json));
+}
+
+// Every readable track, one after the other: in text a heading line and
+// the table for each, in JSON one object each in "tracks".
+int everyTrack(const Options& options, const Opened& opened) {
+  if (options.json) {
+    std::printf("{\"schema\": %d, \"file\": %s, \"tracks\": [", kJsonSchema,
+                jsonText(options.file).c_str());
+  }
+  Status walked;
+  for (size_t i = 0; i < opened.tracks.size() && walked.ok(); ++i) {
+    const Track& track = opened.tracks[i];
+    if (options.json) {
+      std::printf("%s\n {\"track\": %u, \"timescale\": %u, \"samples\": [", i == 0 ? "" : ",",
+                  track.id(), track.timescale());
+    } else {
+      std::printf("%strack %u (%s, %s): %u samples\n", i == 0 ? "" : "\n", track.id(),
+                  track.kind(), printable(track.entryType()).c_str(), track.sampleCount());
+    }
+    walked = printRows(track, options.json);
+    if (options.json) std::printf("}");
+  }
+  if (options.json) {
+    std::printf("\n], \"unreadable\": %s", jsonText(opened.unreadable).c_str());
+  } else {
+    for (const std::string& reason : opened.unreadable) report(options, reason);
+  }
+  return finish(options, walked);
+}
+
 }  // namespace
 
 int samples(const Options& options) {
   const auto opened = open(options);
   if (!opened) return kFailure;
+  if (options.track.empty() && !opened->tracks.empty()) return everyTrack(options, *opened);
   const Track* track = findTrack(options, *opened);
   if (track == nullptr) return kFailure;
-  // Rows are streamed: a long recording holds millions of samples.
-  if (options.json) {
-    std::printf("{\"file\": %s, \"track\": %u, \"timescale\": %u, \"samples\": [",
-                nlohmann::json(options.file).dump(-1, ' ', false,
-                                                  nlohmann::json::error_handler_t::replace)
-                    .c_str(),
-                track->id(), track->timescale());
-  } else {
-    std::printf("%10s %8s %14s %10s %14s %10s %10s %14s %12s %5s\n", "sample", "chunk", "offset",
-                "size", "decode time", "duration", "comp. off.", "presentation", "seconds",
-                "sync");
-  }
-  SampleWalker walker(*track);
-  Result<const SampleInfo*> step = walker.next();
-  for (bool first = true; step.ok() && *step != nullptr; step = walker.next(), first = false) {
-    printRow(**step, track->timescale(), options.json, first);
-  }
-  if (!options.json) return step.ok() ? 0 : fail(options, step.message());
-  // A walk that fails ends the one document with the error.
-  std::printf("\n]");
-  if (!step.ok()) {
-    const nlohmann::json failure = failureDocument(step.message(), options.file);
-    std::printf(", \"error\": %s", failure["error"].dump(-1, ' ', false,
-                                                         nlohmann::json::error_handler_t::replace)
-                                       .c_str());
-  }
-  std::printf("}\n");
-  return step.ok() ? 0 : kFailure;
+  return oneTrack(options, *track);
 }
 
 }  // namespace mp4stbl::cli

@@ -71,6 +71,11 @@ int seek(const Options& options) {
   if (track->sampleCount() == 0) {
     return fail(options, "track " + std::to_string(track->id()) + " has no samples");
   }
+  // A time past the end seeks to the last sample.
+  std::vector<Clamped> clamps;
+  const double trackEnd = seconds(track->mediaDuration(), track->timescale());
+  if (options.time >= 0) clampTime("--time", options.time, trackEnd, &clamps);
+  if (options.endTime >= 0) clampTime("--end-time", options.endTime, trackEnd, &clamps);
   const uint32_t asked = sampleFor(*track, options.time, options.sample);
   if (asked == 0 || asked > track->sampleCount()) {
     return fail(options, "track " + std::to_string(track->id()) + " has no sample " +
@@ -94,6 +99,8 @@ int seek(const Options& options) {
   const uint64_t distance = chunkDistance(*track, start->chunk, end->chunk, &chunkStart);
   const uint64_t rangeEnd = end->offset + end->size;
   const double keyTime = seconds(start->decodeTime, track->timescale());
+  // Players read whole chunks: the range starts at the key frame's chunk.
+  const bool atKeyFrame = chunkStart == start->offset;
   if (options.json) {
     printJson({
         {"file", options.file},
@@ -108,6 +115,8 @@ int seek(const Options& options) {
         {"endSample", end->number},
         {"rangeStart", chunkStart},
         {"rangeLength", rangeEnd - chunkStart},
+        {"rangeStartsAtKeyFrame", atKeyFrame},
+        {"clamped", clampsDocument(clamps)},
     });
     return 0;
   }
@@ -117,6 +126,14 @@ int seek(const Options& options) {
   std::printf("read bytes %llu..%llu (%llu bytes) to play through sample %u\n", chunkStart,
               static_cast<unsigned long long>(rangeEnd),
               static_cast<unsigned long long>(rangeEnd - chunkStart), end->number);
+  if (atKeyFrame) {
+    std::printf("the range starts at the key frame, the first sample of chunk %u\n", start->chunk);
+  } else {
+    std::printf("the range starts at chunk %u, %llu bytes before the key frame: players read "
+                "whole chunks\n",
+                start->chunk, static_cast<unsigned long long>(start->offset - chunkStart));
+  }
+  noteClamps(options, clamps);
   return 0;
 }
 

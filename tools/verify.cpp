@@ -7,6 +7,7 @@
 #include <vector>
 
 #include <mp4stbl/box/file_stream.h>
+#include <mp4stbl/box/new_file.h>
 #include <mp4stbl/box/table_reason.h>
 #include "command.h"
 
@@ -127,7 +128,7 @@ int verify(const Options& options) {
   if (!opened) return kFailure;
   FileStream original;
   if (original.open(options.file, FileStream::Mode::Read) != 0) {
-    return fail(options, "cannot open the file");
+    return fail(options, "cannot open the file: " + systemReason(original.error(), "no reason given"));
   }
   ComparingStream compared(&original, opened->file.stream());
   const Status written = opened->file.write(&compared);

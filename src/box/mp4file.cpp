@@ -463,8 +463,10 @@ void readEntriesByHandler(IOStream* stream, Atom& root) {
 Status Mp4File::open(const std::string& path) {
   FailureNote note;
   auto file = std::make_unique<FileStream>();
-  // The reason the system gave went to the log; the caller knows the path.
-  if (file->open(path, FileStream::Mode::Read) != 0) return Status::failure("cannot open the file");
+  // The caller knows the path; the system's reason follows.
+  if (file->open(path, FileStream::Mode::Read) != 0) {
+    return Status::failure("cannot open the file: " + systemReason(file->error(), "no reason given"));
+  }
   file_ = std::move(file);
   path_ = path;
   return read(file_.get());

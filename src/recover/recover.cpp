@@ -9,6 +9,7 @@
 #include "box/codec_config.h"
 #include "box/file_stream.h"
 #include "box/movie_boxes.h"
+#include "box/new_file.h"
 #include "box/sample_entry.h"
 #include "edit/output.h"
 #include "edit/timeline.h"
@@ -462,7 +463,8 @@ Result<RecoverReport> recoverWithReference(const std::string& broken, const std:
   if (!source.ok()) return Status::failure("--reference: " + source.message());
   FileStream media;
   if (media.open(broken, FileStream::Mode::Read) != 0) {
-    return Status::failure(broken + ": cannot be opened");
+    return Status::failure(broken + ": cannot be opened: " +
+                           systemReason(media.error(), "no reason given"));
   }
   Result<MediaSpan> span = findMediaData(media, broken);
   if (!span.ok()) return span.status();
