@@ -27,8 +27,9 @@ M32_PACKAGES=(g++-multilib googletest)
 # muxers (scripts/make_corpus.sh), and record the x264 program's own stream
 # too; the micro-benchmarks are built with them so that they cannot rot; GNU
 # time measures verify on a file past 4 GiB; headless Chromium opens the pages
-# that mp4stbl report writes.
-TEST_PACKAGES=(ffmpeg chromium libbenchmark-dev time gstreamer1.0-tools gstreamer1.0-plugins-base
+# that mp4stbl report writes; help2man writes the man page, which a test
+# reads (the build skips it without help2man).
+TEST_PACKAGES=(help2man ffmpeg chromium libbenchmark-dev time gstreamer1.0-tools gstreamer1.0-plugins-base
   gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav
   x264)
 # The libFuzzer targets (scripts/fuzz.sh): clang and its sanitizer runtimes.

@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 #include <map>
 #include <regex>
+#include <set>
 #include <sstream>
 
 #include "support/co64.h"
@@ -583,6 +584,69 @@ TEST(CliOutputs, EveryJsonDocumentHasASchemaAndOneTypePerField) {
   EXPECT_EQ(tracks[0]["allSync"], false);
   EXPECT_EQ(tracks[1]["keyFrames"], 10);
   EXPECT_EQ(tracks[1]["allSync"], true);
+}
+
+// The options a --help lists, each name of "-o,--output" apart.
+std::set<std::string> optionsOf(const std::string& help) {
+  std::set<std::string> options;
+  std::istringstream lines(help);
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream words(line);
+    std::string first;
+    words >> first;
+    if (first.size() < 2 || first[0] != '-') continue;
+    std::istringstream names(first);
+    for (std::string name; std::getline(names, name, ',');) options.insert(name);
+  }
+  return options;
+}
+
+// What the bash completion offers for the last of the words `line`.
+std::set<std::string> completed(const std::string& line) {
+  const Outcome offered =
+      run("bash", {"-c", "source " MP4STBL_COMPLETION "; COMP_WORDS=(" + line +
+                             "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _mp4stbl; "
+                             "printf \"%s\\n\" \"${COMPREPLY[@]}\""});
+  EXPECT_EQ(offered.status, 0) << offered.err;
+  std::set<std::string> words;
+  std::istringstream lines(offered.out);
+  for (std::string word; std::getline(lines, word);) words.insert(word);
+  return words;
+}
+
+// The bash completion offers what --help lists, so that they cannot drift:
+// every subcommand, and for each the options of its own --help and the
+// command's; "video" and "audio" after --track. The man page, where
+// help2man made one, holds every subcommand's help.
+TEST(CliCompletion, OffersWhatHelpLists) {
+  const std::string help = cli({"--help"}).out;
+  const std::string listed = help.substr(help.find("Subcommands:\n"));
+  std::set<std::string> subcommands;
+  std::istringstream lines(listed.substr(listed.find('\n') + 1));
+  for (std::string line; std::getline(lines, line) && !line.empty();) {
+    std::istringstream words(line);
+    std::string name;
+    words >> name;
+    subcommands.insert(name);
+  }
+  ASSERT_EQ(subcommands.size(), 12u) << help;
+  EXPECT_EQ(completed("mp4stbl \"\""), subcommands);
+  std::set<std::string> global = optionsOf(help.substr(0, help.find("Subcommands:\n")));
+  EXPECT_EQ(completed("mp4stbl -"), global);
+  global.erase("--version");
+  for (const std::string& subcommand : subcommands) {
+    std::set<std::string> options = optionsOf(cli({subcommand, "--help"}).out);
+    options.insert(global.begin(), global.end());
+    EXPECT_EQ(completed("mp4stbl --json " + subcommand + " x.mp4 -"), options) << subcommand;
+  }
+  EXPECT_EQ(completed("mp4stbl seek x.mp4 --track \"\""), (std::set<std::string>{"video", "audio"}));
+  if (!fs::exists(MP4STBL_MAN_PAGE)) GTEST_SKIP() << "no man page: help2man not found";
+  const std::string page = slurp(MP4STBL_MAN_PAGE);
+  for (const std::string& subcommand : subcommands) {
+    EXPECT_NE(page.find(".SS " + subcommand + "\n"), npos) << subcommand;
+  }
+  EXPECT_NE(page.find("no progress and no notes"), npos);
+  EXPECT_NE(page.find("\\-\\-overwrite"), npos);
 }
 
 // The clip with `bytes` written at `at` bytes past the first `box` type.
