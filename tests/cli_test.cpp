@@ -346,7 +346,8 @@ TEST(CliTracks, ChosenByIdOrKindEverywhere) {
     }
   }
   EXPECT_EQ(cli({"samples", clip, "--track", "audio", "--json"}).doc()["track"], 2);
-  EXPECT_EQ(cli({"report", clip, "-o", out, "-y", "--track", "audio", "--json"}).doc()["tracks"], 1);
+  const Outcome report = cli({"report", clip, "-o", out, "-y", "--track", "audio", "--json"});
+  EXPECT_EQ(report.doc()["tracks"], 1);
   const std::vector<std::vector<std::string>> audio = {
       {"samples", hevc, "--track", "audio"},
       {"seek", hevc, "--track", "audio", "--sample", "1"},
@@ -419,7 +420,8 @@ TEST(CliOutputs, AnExistingFileIsKeptUnlessOverwriteIsGiven) {
     EXPECT_EQ(text.status, 1);
     EXPECT_EQ(text.out, "");
     EXPECT_EQ(text.err,
-              "mp4stbl: " + out + ": exists; nothing was written (-y or --overwrite replaces it)\n");
+              "mp4stbl: " + out +
+                  ": exists; nothing was written (-y or --overwrite replaces it)\n");
     args.push_back("--json");
     EXPECT_EQ(cli(args).doc(),
               (json{{"error", "exists; nothing was written (-y or --overwrite replaces it)"},
@@ -462,7 +464,8 @@ TEST(CliOutputs, QuietLeavesOutProgressAndNotes) {
             "mp4stbl: " + scratch("missing.mp4") + ": cannot open the file: No such file or "
             "directory\n");
   if (std::system("command -v script >/dev/null") != 0) GTEST_SKIP() << "no script(1)";
-  const std::string record = commandLine(MP4STBL_CLI, {"record", "-y", "-o", out, "--video", video});
+  const std::string record =
+      commandLine(MP4STBL_CLI, {"record", "-y", "-o", out, "--video", video});
   const Outcome terminal = run("script", {"-qec", record, "/dev/null"});
   EXPECT_NE(terminal.out.find("\rrecording " + out + ": "), npos) << terminal.out;
   const Outcome quiet = run("script", {"-qec", record + " -q", "/dev/null"});
@@ -639,7 +642,8 @@ TEST(CliCompletion, OffersWhatHelpLists) {
     options.insert(global.begin(), global.end());
     EXPECT_EQ(completed("mp4stbl --json " + subcommand + " x.mp4 -"), options) << subcommand;
   }
-  EXPECT_EQ(completed("mp4stbl seek x.mp4 --track \"\""), (std::set<std::string>{"video", "audio"}));
+  EXPECT_EQ(completed("mp4stbl seek x.mp4 --track \"\""),
+            (std::set<std::string>{"video", "audio"}));
   if (!fs::exists(MP4STBL_MAN_PAGE)) GTEST_SKIP() << "no man page: help2man not found";
   const std::string page = slurp(MP4STBL_MAN_PAGE);
   for (const std::string& subcommand : subcommands) {
@@ -812,7 +816,8 @@ TEST(CliRuns, FailuresNameTheFileThatFailedOnce) {
       {{"join", clip, hevc, edit, out}, 1, hevc, "has 1 track where " + clip + " has 2 tracks"},
       {{"join", "--list", list, edit, out}, 1, missing,
        "cannot open the file: No such file or directory"},
-      {{"join", clip, "--list", noList, edit, out}, 1, noList, "cannot open the list of clips: No such file or directory"},
+      {{"join", clip, "--list", noList, edit, out}, 1, noList,
+       "cannot open the list of clips: No such file or directory"},
       {{"trim", clip, "--from", "5", "--to", "6", edit, out}, 1, clip,
        "nothing plays from 5.000 s on"},
       {{"trim", clip, "--from", "0", "--to", "1", edit, clip}, 1, clip,
@@ -951,7 +956,7 @@ std::string corpus(const std::string& name) { return std::string(MP4STBL_CORPUS_
 Outcome trimJson(const std::string& path, double from, double to, const std::string& out,
                  std::vector<std::string> more = {}) {
   std::vector<std::string> args{"trim", path, "--from", std::to_string(from), "--to",
-                                std::to_string(to), "-o", out, "--json"};
+                                std::to_string(to), "-o", out, "-y", "--json"};
   args.insert(args.end(), more.begin(), more.end());
   return cli(args);
 }
@@ -1130,7 +1135,7 @@ TEST(CliEdit, JoinsPlayAsEachClipAlone) {
   const std::string joined = scratch("joined.mp4");
   std::vector<std::string> args{"join"};
   args.insert(args.end(), clips.begin(), clips.end());
-  args.insert(args.end(), {"-o", joined});
+  args.insert(args.end(), {"-o", joined, "-y"});
   ASSERT_EQ(cli(args).status, 0);
   const Probed probed = probe(joined);
   EXPECT_EQ(probed.errors, "");
@@ -1178,14 +1183,14 @@ TEST(CliEdit, JoinsPlayAsEachClipAlone) {
   // first clip's priming (ffmpeg hides what passes the edit's end, so this
   // is read from the tables).
   const std::string longer = scratch("longer.mp4");
-  std::vector<std::string> again{"join", "-o", longer};
+  std::vector<std::string> again{"join", "-y", "-o", longer};
   again.insert(again.end(), 27, corpus("join_long_audio.mp4"));
   ASSERT_EQ(cli(again).status, 0);
   const json audio = cli({"info", longer, "--json"}).doc()["tracks"][1];
   EXPECT_NEAR(audio["duration"].get<double>(), 27 * 48000 + 1024, 1024);
 
   const std::string same = scratch("same.mp4"), copied = scratch("same.mkv");
-  ASSERT_EQ(cli({"join", kinds[0], kinds[0], kinds[0], "-o", same}).status, 0);
+  ASSERT_EQ(cli({"join", kinds[0], kinds[0], kinds[0], "-o", same, "-y"}).status, 0);
   ASSERT_EQ(run("ffmpeg", {"-v", "error", "-y", "-i", same, "-c", "copy", copied}).err, "");
   const json mkv = json::parse(run("ffprobe", {"-v", "error", "-show_entries",
                                                "packet=stream_index,pts", "-of", "json",
@@ -1334,7 +1339,8 @@ TEST(CliRemux, FragmentedAndRegularFilesComeOutRegular) {
     compareRemux(source, flat);
     expectFrames(flat, name == "frag_delay_moov.mp4" ? regular : source);
   }
-  ASSERT_EQ(cli({"remux", regular, "-o", flat, "-y", "--moov-last", "--json"}).doc()["written"], true);
+  const Outcome regularRemux = cli({"remux", regular, "-o", flat, "-y", "--moov-last", "--json"});
+  ASSERT_EQ(regularRemux.doc()["written"], true);
   EXPECT_EQ(cli({"info", flat, "--json"}).doc()["fastStart"], false);
   expectFrames(flat, regular);
 
@@ -1426,7 +1432,7 @@ TEST(CliEdit, EditsReadAlikeInMp4boxJsAndGStreamer) {
   const std::vector<std::string> clips{corpus("join_bf2.mp4"), corpus("join_bf1_high.mp4"),
                                        corpus("join_baseline.mp4"), corpus("join_bf2.mp4")};
   const std::string joined = scratch("joined.mp4"), cut = scratch("cut.mp4");
-  ASSERT_EQ(cli({"join", clips[0], clips[1], clips[2], clips[3], "-o", joined}).status, 0);
+  ASSERT_EQ(cli({"join", clips[0], clips[1], clips[2], clips[3], "-o", joined, "-y"}).status, 0);
   ASSERT_EQ(trimJson(corpus("h264_30fps_aac.mp4"), 1.01, 2.5, cut).status, 0);
   std::vector<std::string> alone;
   for (const std::string& clip : clips) {

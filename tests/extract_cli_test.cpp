@@ -82,7 +82,7 @@ TEST(CliExtract, FfmpegDecodesTheStreamAsTheTrack) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.file + " " + c.track);
     const std::string source = corpus(c.file), out = scratch("stream." + c.format);
-    const Outcome done = cli({"--json", "extract", source, "--track", c.track, "-o", out});
+    const Outcome done = cli({"--json", "extract", source, "--track", c.track, "-o", out, "-y"});
     ASSERT_EQ(done.status, 0) << done.err;
     EXPECT_EQ(done.doc()["format"], c.format);
     EXPECT_EQ(done.doc()["notes"], json::array());
@@ -118,9 +118,9 @@ TEST(CliExtract, RecordedAgainTheSamplesAreTheTrack) {
   for (const std::string name : {"h264_30fps_aac.mp4", "hevc_ntsc.mp4", "gst_h264_aac.mp4"}) {
     SCOPED_TRACE(name);
     const std::string video = scratch("v.es"), audio = scratch("a.aac"), again = scratch("again.mp4");
-    ASSERT_EQ(cli({"extract", corpus(name), "--track", "video", "-o", video}).status, 0);
-    ASSERT_EQ(cli({"extract", corpus(name), "--track", "audio", "-o", audio}).status, 0);
-    const Outcome recorded = cli({"record", "--video", video, "--audio", audio, "-o", again});
+    ASSERT_EQ(cli({"extract", corpus(name), "--track", "video", "-o", video, "-y"}).status, 0);
+    ASSERT_EQ(cli({"extract", corpus(name), "--track", "audio", "-o", audio, "-y"}).status, 0);
+    const Outcome recorded = cli({"record", "--video", video, "--audio", audio, "-o", again, "-y"});
     ASSERT_EQ(recorded.status, 0) << recorded.err;
     Mp4File original, copy;
     ASSERT_TRUE(original.open(corpus(name)).ok());
@@ -175,7 +175,7 @@ TEST(CliExtract, FromTheKeyFrameBeforeFromToTo) {
   // A key frame every 2 s at 25 frames a second; AAC at 44100 Hz.
   const std::string source = corpus("long_h264_aac.mp4"), out = scratch("cut.h264");
   Outcome done = cli({"--json", "extract", source, "--track", "video", "--from", "3.3", "--to",
-                      "0:00:05", "-o", out});
+                      "0:00:05", "-o", out, "-y"});
   ASSERT_EQ(done.status, 0) << done.err;
   EXPECT_EQ(done.doc()["firstSample"], 51);
   EXPECT_EQ(done.doc()["samples"], 75);
@@ -183,14 +183,14 @@ TEST(CliExtract, FromTheKeyFrameBeforeFromToTo) {
   const std::vector<std::string> all = decodedTrack(source, "v:0");
   EXPECT_EQ(decoded({"-i", out}, "v:0"),
             std::vector<std::string>(all.begin() + 50, all.begin() + 125));
-  done = cli({"--json", "extract", source, "--track", "2", "--from", "3.3", "--to", "5", "-o", out});
+  done = cli({"--json", "extract", source, "--track", "2", "--from", "3.3", "--to", "5", "-o", out, "-y"});
   ASSERT_EQ(done.status, 0) << done.err;
   const double from = done.doc()["from"], to = done.doc()["to"];
   EXPECT_LE(from, 3.3);
   EXPECT_GT(from, 3.3 - 1024.0 / 44100);
   EXPECT_GE(to, 5.0);
   EXPECT_LT(to, 5.0 + 2 * 1024.0 / 44100);
-  done = cli({"extract", source, "--track", "video", "--from", "9.5", "-o", out});
+  done = cli({"extract", source, "--track", "video", "--from", "9.5", "-o", out, "-y"});
   EXPECT_EQ(done.status, 0);
   EXPECT_EQ(done.out.rfind("wrote " + out + ": 50 samples of track 1 as h264 (8.000 s to 10.000 s)", 0), 0u)
       << done.out;
@@ -226,24 +226,24 @@ TEST(CliExtract, RefusesAndLeavesNoFile) {
   };
   const std::string adts = "track 2 (soun, mp4a): ADTS cannot carry this AAC: ";
   const std::vector<Row> rows = {
-      {{"extract", he, "--track", "audio", "-o", out}, 1,
+      {{"extract", he, "--track", "audio", "-o", out, "-y"}, 1,
        "mp4stbl: " + he + ": " + adts +
            "audio object type 5 (HE-AAC signalled explicitly); its header states types 1 to 4 "
            "only; no file was written\n"},
-      {{"extract", explicitRate, "--track", "2", "-o", out}, 1,
+      {{"extract", explicitRate, "--track", "2", "-o", out, "-y"}, 1,
        "mp4stbl: " + explicitRate + ": " + adts +
            "an explicit sampling frequency (index 15); its header states a frequency index only; "
            "no file was written\n"},
-      {{"extract", short960, "--track", "2", "-o", out}, 1,
+      {{"extract", short960, "--track", "2", "-o", out, "-y"}, 1,
        "mp4stbl: " + short960 + ": " + adts +
            "frames of 960 samples; its decoders take 1024; no file was written\n"},
-      {{"extract", video, "--track", "audio", "-o", out}, 1,
+      {{"extract", video, "--track", "audio", "-o", out, "-y"}, 1,
        "mp4stbl: " + video + ": no readable audio track\n"},
-      {{"extract", video, "--track", "7", "-o", out}, 1,
+      {{"extract", video, "--track", "7", "-o", out, "-y"}, 1,
        "mp4stbl: " + video + ": no track 7; the tracks are 1\n"},
-      {{"extract", video, "--track", "subtitles", "-o", out}, 2,
+      {{"extract", video, "--track", "subtitles", "-o", out, "-y"}, 2,
        "mp4stbl: --track: expects a track id, video or audio, not 'subtitles'\n"},
-      {{"extract", video, "--track", "1", "--from", "20", "-o", out}, 1,
+      {{"extract", video, "--track", "1", "--from", "20", "-o", out, "-y"}, 1,
        "mp4stbl: " + video + ": track 1 (vide, hvc1): --from 20.000 s lies past the end of the "
                              "track (0.400 s); no file was written\n"},
       {{"extract", he, "--track", "1", "-o", he}, 1,
@@ -260,7 +260,7 @@ TEST(CliExtract, RefusesAndLeavesNoFile) {
     EXPECT_FALSE(fs::exists(out));
   }
   EXPECT_TRUE(fs::exists(he));
-  const Outcome json = cli({"--json", "extract", he, "--track", "2", "-o", out});
+  const Outcome json = cli({"--json", "extract", he, "--track", "2", "-o", out, "-y"});
   EXPECT_EQ(json.status, 1);
   EXPECT_EQ(json.doc()["file"], he);
   // Only the inputs are left: no temporary beside the refused output.
@@ -271,7 +271,7 @@ TEST(CliExtract, RefusesAndLeavesNoFile) {
 TEST(CliExtract, OtherCodingsRawWithANote) {
   if (!haveCorpus()) GTEST_SKIP() << "no corpus (needs ffmpeg)";
   const std::string source = corpus("vp9_opus.mp4"), out = scratch("vp9.raw");
-  const Outcome done = cli({"--json", "extract", source, "--track", "video", "-o", out});
+  const Outcome done = cli({"--json", "extract", source, "--track", "video", "-o", out, "-y"});
   ASSERT_EQ(done.status, 0) << done.err;
   EXPECT_EQ(done.doc()["format"], "raw");
   EXPECT_EQ(done.doc()["notes"],
@@ -295,7 +295,7 @@ TEST(CliExtract, OtherCodingsRawWithANote) {
 TEST(CliExtract, CutShortKeepsTheWholeSamples) {
   if (!haveCorpus()) GTEST_SKIP() << "no corpus (needs ffmpeg)";
   const std::string out = scratch("cut.h264");
-  const Outcome done = cli({"--json", "extract", corpus("cut_half.mp4"), "--track", "video", "-o", out});
+  const Outcome done = cli({"--json", "extract", corpus("cut_half.mp4"), "--track", "video", "-o", out, "-y"});
   ASSERT_EQ(done.status, 0) << done.err;
   EXPECT_EQ(done.doc()["samples"], 11);
   EXPECT_EQ(done.doc()["notes"],

@@ -147,7 +147,8 @@ std::string frameRate(std::string& value) {
 std::string trackOrKind(std::string& value) {
   if (value == "video" || value == "audio") return "";
   std::string copy = value;
-  return positiveCount(copy).empty() ? "" : "expects a track id, video or audio, not " + shownValue(value);
+  if (positiveCount(copy).empty()) return "";
+  return "expects a track id, video or audio, not " + shownValue(value);
 }
 
 struct Commands {

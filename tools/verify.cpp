@@ -128,7 +128,8 @@ int verify(const Options& options) {
   if (!opened) return kFailure;
   FileStream original;
   if (original.open(options.file, FileStream::Mode::Read) != 0) {
-    return fail(options, "cannot open the file: " + systemReason(original.error(), "no reason given"));
+    return fail(options,
+                "cannot open the file: " + systemReason(original.error(), "no reason given"));
   }
   ComparingStream compared(&original, opened->file.stream());
   const Status written = opened->file.write(&compared);

@@ -465,7 +465,8 @@ Status Mp4File::open(const std::string& path) {
   auto file = std::make_unique<FileStream>();
   // The caller knows the path; the system's reason follows.
   if (file->open(path, FileStream::Mode::Read) != 0) {
-    return Status::failure("cannot open the file: " + systemReason(file->error(), "no reason given"));
+    const std::string reason = systemReason(file->error(), "no reason given");
+    return Status::failure("cannot open the file: " + reason);
   }
   file_ = std::move(file);
   path_ = path;
