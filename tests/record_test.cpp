@@ -156,10 +156,14 @@ TEST_F(Record, SamplesComeBackAsWrittenInEveryLayout) {
   for (const Source& source : kSources) {
     const std::string path = kData + "/" + source.file;
     const auto expected = rowsOf(path);
-    for (Layout layout : {Layout::Hybrid, Layout::Plain, Layout::MoovFirst}) {
-      SCOPED_TRACE(std::string(source.note) + ", layout " + std::to_string(int(layout)));
+    for (const auto& [layout, background] :
+         {std::pair{Layout::Hybrid, false}, {Layout::Plain, false}, {Layout::MoovFirst, false},
+          {Layout::Hybrid, true}, {Layout::Plain, true}, {Layout::MoovFirst, true}}) {
+      SCOPED_TRACE(std::string(source.note) + ", layout " + std::to_string(int(layout)) +
+                   (background ? ", background writes" : ""));
       RecorderOptions options;
       options.layout = layout;
+      options.backgroundWrites = background;
       options.fragmentSeconds = 0.1;
       options.chunkSeconds = 0.05;
       const std::string recorded = out("out.mp4");
@@ -460,36 +464,104 @@ TEST_F(Record, RefusalsLeaveTheRecordingAsItWas) {
             out("no/such/dir.mp4") + ": cannot be created: No such file or directory");
 }
 
-// A disk that fills up: the write that fails ends the recording, and the
-// file is cut back to its last whole fragment, which plays.
+// A disk that fills up, during the fragments or only when finish() writes
+// the moov, with the caller's thread writing or the recorder's own: the
+// write that fails ends the recording (the recorder's thread says so at
+// the next fragment or at finish()), and the file is cut back to its last
+// whole fragment, which plays.
 TEST_F(Record, FullDiskKeepsTheFragmentsWritten) {
   const std::string path = kData + "/h264_aac.mp4";
   const auto expected = rowsOf(path).front();
-  const std::string recorded = out("full.mp4");
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    // A file may grow to 8000 bytes: writes past it fail with EFBIG.
-    std::signal(SIGXFSZ, SIG_IGN);
-    const rlimit limit{8000, 8000};
-    setrlimit(RLIMIT_FSIZE, &limit);
-    RecorderOptions options;
-    options.fragmentSeconds = 0.1;
-    Status failed;
-    auto recorder = rerecord(path, recorded, options, &failed);
-    const bool said = failed.message() == "cannot write: File too large";
-    const bool ended = recorder->finish().message() == failed.message();
-    _exit(said && ended ? 0 : 1);
+  RecorderOptions options;
+  options.fragmentSeconds = 0.1;
+  // Where the finished file's moov starts: the end of its last fragment.
+  const std::string whole = out("whole.mp4");
+  ASSERT_TRUE(rerecord(path, whole, options)->finish().ok());
+  Mp4File finished;
+  ASSERT_TRUE(finished.open(whole).ok());
+  const uint64_t fragmented = finished.find("moov").front()->header.headerOffset;
+  struct Case {
+    uint64_t limit;
+    bool background;
+  };
+  for (const Case& c : {Case{8000, false}, Case{8000, true}, Case{fragmented + 100, false},
+                        Case{fragmented + 100, true}}) {
+    SCOPED_TRACE("limit " + std::to_string(c.limit) + (c.background ? ", background" : ""));
+    const std::string recorded = out("full.mp4");
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      // Writes past the limit fail with EFBIG.
+      std::signal(SIGXFSZ, SIG_IGN);
+      const rlimit limit{c.limit, c.limit};
+      setrlimit(RLIMIT_FSIZE, &limit);
+      options.backgroundWrites = c.background;
+      Status failed;
+      auto recorder = rerecord(path, recorded, options, &failed);
+      const Status finished = recorder->finish();
+      const bool said = finished.message() == "cannot write: File too large";
+      const bool same = failed.ok() || failed.message() == finished.message();
+      _exit(said && same ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    ASSERT_EQ(WEXITSTATUS(status), 0);
+    Mp4File file;
+    ASSERT_TRUE(file.open(recorded).ok());
+    EXPECT_FALSE(file.find("moov/mvex/trex").empty());
+    const auto rows = rowsOf(recorded).front();
+    EXPECT_GE(rows.size(), 3u);
+    EXPECT_EQ(rows, std::vector<Row>(expected.begin(), expected.begin() + rows.size()));
+    if (c.limit > 8000) {
+      EXPECT_EQ(rows.size(), expected.size());
+      EXPECT_EQ(fs::file_size(recorded), fragmented);
+    } else {
+      EXPECT_LT(rows.size(), expected.size());
+      EXPECT_LE(fs::file_size(recorded), c.limit);
+    }
   }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  ASSERT_EQ(WEXITSTATUS(status), 0);
-  const auto rows = rowsOf(recorded).front();
-  EXPECT_GE(rows.size(), 3u);
-  EXPECT_LT(rows.size(), expected.size());
-  EXPECT_EQ(rows, std::vector<Row>(expected.begin(), expected.begin() + rows.size()));
-  EXPECT_LE(fs::file_size(recorded), 8000u);
+}
+
+// Samples larger than the file's buffers, whose chunks go to the writing
+// thread as they are, given by pointer and by their buffer: each comes back
+// with its bytes, in its chunk.
+TEST_F(Record, LargeSamplesWrittenInTheBackground) {
+  for (Layout layout : {Layout::Hybrid, Layout::Plain}) {
+    SCOPED_TRACE("layout " + std::to_string(int(layout)));
+    RecorderOptions options;
+    options.layout = layout;
+    options.backgroundWrites = true;
+    options.chunkSeconds = 0.3;  // 3 samples, 240 KiB
+    options.fragmentSeconds = 1;
+    const std::string recorded = out("large.mp4");
+    auto recorder = Recorder::create(recorded, options);
+    ASSERT_TRUE(recorder.ok());
+    const uint32_t track = *(*recorder)->addMetadata(10);
+    std::vector<Bytes> samples;
+    for (uint32_t i = 0; i < 40; ++i) {
+      Bytes sample(80 * 1024 + i, static_cast<uint8_t>(i));
+      sample[i] = 0xFF;
+      samples.push_back(sample);
+      const SampleTime time{i, 1, 0, true};
+      const Status written = i % 2 == 0 ? (*recorder)->write(track, std::move(sample), time)
+                                        : (*recorder)->write(track, sample.data(), sample.size(), time);
+      ASSERT_TRUE(written.ok()) << written.message();
+    }
+    ASSERT_TRUE((*recorder)->finish().ok());
+    const auto rows = rowsOf(recorded);
+    ASSERT_EQ(rows.size(), 1u);
+    ASSERT_EQ(rows[0].size(), samples.size());
+    for (size_t i = 0; i < samples.size(); ++i) {
+      EXPECT_EQ(rows[0][i].bytes, samples[i]) << "sample " << i;
+      EXPECT_EQ(rows[0][i].decodeTime, i);
+    }
+    Mp4File file;
+    ASSERT_TRUE(file.open(recorded).ok());
+    const auto* stco = dynamic_cast<StcoAtom*>(file.find("moov/trak/mdia/minf/stbl/stco").front());
+    ASSERT_NE(stco, nullptr);
+    EXPECT_EQ(stco->entries.size(), 16u);  // chunks of 3, 3, 3 and 1 in fragments of 10
+  }
 }
 
 // The sample entry of each kind of track, as the file holds it.

@@ -352,6 +352,7 @@ class Recording {
     settings.fragmentSeconds = options_.fragment;
     settings.chunkSeconds = options_.chunk;
     settings.syncEachFragment = options_.sync;
+    settings.backgroundWrites = true;
     auto created = Recorder::create(options_.output, settings);
     if (!created.ok()) return {options_.output, created.message()};
     recorder_ = std::move(*created);
@@ -485,13 +486,14 @@ class Recording {
         }
         continue;
       }
-      const Sample& sample = next->queue.front();
-      const Status written =
-          recorder_->write(next->track, sample.data.data(), sample.data.size(), sample.time);
+      Sample& sample = next->queue.front();
+      const size_t size = sample.data.size();
+      const uint64_t samples = next->source->samplesIn(sample);
+      const Status written = recorder_->write(next->track, std::move(sample.data), sample.time);
       if (!written.ok()) return {options_.output, written.message()};
-      next->samples += next->source->samplesIn(sample);
+      next->samples += samples;
       next->end = sample.time.decodeTime + sample.time.duration;
-      next->queuedBytes -= sample.data.size();
+      next->queuedBytes -= size;
       next->queue.pop_front();
       progress.update(*recorder_);
     }

@@ -26,7 +26,7 @@ Bytes finalMovieBox(std::vector<RecordedTrack>& tracks, uint32_t movieTimescale,
 // the fragment's moof.
 struct PlacedChunk {
   RecordedTrack* track = nullptr;
-  const Chunk* chunk = nullptr;
+  Chunk* chunk = nullptr;
   uint32_t dataOffset = 0;
 };
 

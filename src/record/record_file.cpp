@@ -5,7 +5,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
+#include <deque>
+#include <mutex>
+#include <thread>
 
 namespace mp4stbl {
 
@@ -15,32 +19,128 @@ namespace {
 constexpr size_t kBufferSize = size_t{1} << 20;
 // A write this large goes straight out, not copied into the buffer.
 constexpr size_t kDirectSize = size_t{64} << 10;
+// Buffers waiting for the writing thread or being written: what a
+// recording killed at any instant may lose beyond its last fragment.
+constexpr size_t kBackgroundBuffers = 4;
 
 }  // namespace
 
+// The writing thread and its queue. Each job is done in order, and none
+// after the first failure, so that a fragment is marked whole only once
+// every byte before the mark reached the file.
+struct RecordFile::Writer {
+  struct Job {
+    enum class Kind { Write, Sync, Mark } kind = Kind::Write;
+    uint64_t offset = 0;  // where the bytes go, or the end marked
+    std::vector<unsigned char> bytes;
+  };
+
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::deque<Job> jobs;
+  std::vector<std::vector<unsigned char>> spare;  // buffers written, to fill again
+  size_t writes = 0;  // write jobs queued or being done
+  bool working = false;
+  bool stopping = false;
+  uint64_t marked = 0;
+  std::thread thread;
+
+  // Queues a job; a write waits while the thread has enough of them.
+  void queue(Job job) {
+    {
+      std::unique_lock<std::mutex> lock(mutex);
+      if (job.kind == Job::Kind::Write) {
+        changed.wait(lock, [this] { return writes < kBackgroundBuffers; });
+        ++writes;
+      }
+      jobs.push_back(std::move(job));
+    }
+    changed.notify_all();
+  }
+
+  // An empty buffer: one written, else a new one.
+  std::vector<unsigned char> take() {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (spare.empty()) return {};
+    std::vector<unsigned char> buffer = std::move(spare.back());
+    spare.pop_back();
+    return buffer;
+  }
+
+  void waitIdle() {
+    std::unique_lock<std::mutex> lock(mutex);
+    changed.wait(lock, [this] { return jobs.empty() && !working; });
+  }
+};
+
+RecordFile::RecordFile() = default;
+
 RecordFile::~RecordFile() { close(); }
 
-int RecordFile::open(const std::string& path) {
+int RecordFile::open(const std::string& path, bool background) {
   path_ = path;
   fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
   if (fd_ < 0) return fail();
   buffer_.reserve(kBufferSize);
+  if (!background) return 0;
+  writer_ = std::make_unique<Writer>();
+  writer_->thread = std::thread([this] {
+    Writer& w = *writer_;
+    std::unique_lock<std::mutex> lock(w.mutex);
+    while (true) {
+      w.changed.wait(lock, [&w] { return w.stopping || !w.jobs.empty(); });
+      if (w.jobs.empty()) return;
+      Writer::Job job = std::move(w.jobs.front());
+      w.jobs.pop_front();
+      w.working = true;
+      lock.unlock();
+      const bool failed = error_ != 0;
+      if (!failed && job.kind == Writer::Job::Kind::Write) {
+        writeAt(job.offset, job.bytes.data(), job.bytes.size());
+      }
+      if (!failed && job.kind == Writer::Job::Kind::Sync && ::fdatasync(fd_) != 0) fail();
+      lock.lock();
+      if (job.kind == Writer::Job::Kind::Mark && error_ == 0) w.marked = job.offset;
+      if (job.kind == Writer::Job::Kind::Write) {
+        --w.writes;
+        job.bytes.clear();
+        if (w.spare.size() < kBackgroundBuffers) w.spare.push_back(std::move(job.bytes));
+      }
+      w.working = false;
+      w.changed.notify_all();
+    }
+  });
   return 0;
 }
 
 int RecordFile::close() {
   if (fd_ < 0) return 0;
-  const int flushed = flush();
+  const int flushed = drain();
+  if (writer_) {
+    {
+      std::lock_guard<std::mutex> lock(writer_->mutex);
+      writer_->stopping = true;
+    }
+    writer_->changed.notify_all();
+    writer_->thread.join();
+    writer_.reset();
+  }
   const int closed = ::close(fd_);
   fd_ = -1;
-  if (closed != 0 && error_ == 0) error_ = errno;
+  if (closed != 0) fail();
   return flushed == 0 && closed == 0 ? 0 : -1;
 }
 
-int RecordFile::fail() {
-  if (error_ == 0) error_ = errno != 0 ? errno : EIO;
+int RecordFile::fail() { return fail(errno != 0 ? errno : EIO); }
+
+// The first failure is kept, whichever thread meets it.
+int RecordFile::fail(int error) {
+  int none = 0;
+  error_.compare_exchange_strong(none, error);
   return -1;
 }
+
+int RecordFile::error() const { return error_; }
 
 int RecordFile::read(unsigned char*, unsigned) { return -1; }
 
@@ -57,6 +157,12 @@ int RecordFile::writeAt(uint64_t offset, const unsigned char* bytes, size_t coun
 int RecordFile::flush() {
   if (fd_ < 0) return -1;
   if (buffer_.empty()) return 0;
+  if (writer_) {
+    writer_->queue({Writer::Job::Kind::Write, bufferStart_, std::move(buffer_)});
+    buffer_ = writer_->take();
+    buffer_.reserve(kBufferSize);
+    return error_ == 0 ? 0 : -1;
+  }
   const int written = writeAt(bufferStart_, buffer_.data(), buffer_.size());
   buffer_.clear();
   return written;
@@ -68,15 +174,31 @@ int RecordFile::write(const unsigned char* bytes, unsigned count) {
   if (!buffer_.empty() && position_ != bufferStart_ + buffer_.size() && flush() != 0) {
     return -1;
   }
-  if (buffer_.empty()) bufferStart_ = position_;
-  if (count >= kDirectSize || buffer_.size() + count > kBufferSize) {
+  // The writing thread takes only buffers, so a large write is copied too.
+  if (!writer_ && count >= kDirectSize) {
     if (flush() != 0 || writeAt(position_, bytes, count) != 0) return -1;
   } else {
+    if (buffer_.size() + count > kBufferSize && flush() != 0) return -1;
+    if (buffer_.empty()) bufferStart_ = position_;
     buffer_.insert(buffer_.end(), bytes, bytes + count);
   }
   position_ += count;
   length_ = std::max(length_, position_);
   return static_cast<int>(count);
+}
+
+int RecordFile::give(std::vector<unsigned char>& bytes) {
+  if (!writer_ || bytes.size() < kDirectSize || bytes.size() > UINT32_MAX) {
+    const auto count = static_cast<unsigned>(bytes.size());
+    return write(bytes.data(), count) == static_cast<int>(count) ? 0 : -1;
+  }
+  if (fd_ < 0 || error_ != 0 || flush() != 0) return -1;
+  const uint64_t count = bytes.size();
+  writer_->queue({Writer::Job::Kind::Write, position_, std::move(bytes)});
+  bytes = writer_->take();
+  position_ += count;
+  length_ = std::max(length_, position_);
+  return error_ == 0 ? 0 : -1;
 }
 
 int RecordFile::seek(long long offset) {
@@ -87,11 +209,37 @@ int RecordFile::seek(long long offset) {
 
 int RecordFile::sync() {
   if (fd_ < 0 || flush() != 0) return -1;
+  if (writer_) {
+    writer_->queue({Writer::Job::Kind::Sync, 0, {}});
+    return 0;
+  }
   return ::fdatasync(fd_) == 0 ? 0 : fail();
+}
+
+void RecordFile::mark(uint64_t end) {
+  if (!writer_) {
+    marked_ = end;
+  } else if (flush() == 0) {
+    writer_->queue({Writer::Job::Kind::Mark, end, {}});
+  }
+}
+
+uint64_t RecordFile::marked() const {
+  if (!writer_) return marked_;
+  std::lock_guard<std::mutex> lock(writer_->mutex);
+  return writer_->marked;
+}
+
+int RecordFile::drain() {
+  if (fd_ < 0) return -1;
+  const int flushed = flush();
+  if (writer_) writer_->waitIdle();
+  return flushed == 0 && error_ == 0 ? 0 : -1;
 }
 
 int RecordFile::truncate(uint64_t length) {
   if (fd_ < 0) return -1;
+  if (writer_) writer_->waitIdle();
   buffer_.clear();
   if (::ftruncate(fd_, static_cast<off_t>(length)) != 0) return -1;
   length_ = length;

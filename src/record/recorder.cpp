@@ -50,7 +50,6 @@ struct Recorder::State {
   Status broken;  // the failure that ended the recording
   uint64_t headerOffset = 0;  // where the fragmented moov (or plain mdat) starts
   uint64_t mediaStart = 0;    // where the first fragment starts
-  uint64_t committed = 0;     // end of the last whole fragment
   uint32_t sequence = 0;
   size_t held = 0;  // bytes of samples held for the next fragment
   bool holding = false;
@@ -59,11 +58,15 @@ struct Recorder::State {
   bool fragmented() const { return options.layout != RecorderOptions::Layout::Plain; }
   Status fail(const std::string& what);
   Status writeBytes(const Bytes& bytes);
+  Status writeChunk(Bytes& data);
   Status writeAt(uint64_t offset, const Bytes& bytes);
   Status sync();
   Status start();
   Result<uint32_t> addTrack(RecordedTrack track);
   Status check(uint32_t id, size_t size, const SampleTime& time) const;
+  // A sample whose bytes are `owned`'s, when given, are kept without a copy.
+  Status write(uint32_t id, const uint8_t* bytes, size_t size, const SampleTime& time,
+               Bytes* owned);
   void complete(RecordedTrack& track, uint64_t nextTime);
   void hold(RecordedTrack& track, const uint8_t* bytes, const HeldSample& sample, uint64_t time);
   bool fragmentDue(const RecordedTrack& track, const SampleTime& time, size_t size) const;
@@ -80,7 +83,7 @@ Status Recorder::State::fail(const std::string& what) {
   std::string message = what;
   if (error != 0) message += ": " + systemReason(error, "");
   // What reached the file whole stays: a fragment cut short is taken away.
-  if (!path.empty() && started && file.truncate(committed) != 0) {
+  if (!path.empty() && started && file.truncate(file.marked()) != 0) {
     message += " (and the file could not be cut back to its last whole fragment)";
   }
   broken = Status::failure(message);
@@ -92,6 +95,13 @@ Status Recorder::State::writeBytes(const Bytes& bytes) {
   const auto count = static_cast<unsigned>(bytes.size());
   if (out->write(bytes.data(), count) != static_cast<int>(count)) return fail("cannot write");
   return {};
+}
+
+// A chunk's bytes; the file's writing thread may take its buffer and
+// leave another.
+Status Recorder::State::writeChunk(Bytes& data) {
+  if (path.empty()) return writeBytes(data);
+  return file.give(data) == 0 ? Status{} : fail("cannot write");
 }
 
 Status Recorder::State::writeAt(uint64_t offset, const Bytes& bytes) {
@@ -124,7 +134,8 @@ Status Recorder::State::start() {
   if (next.empty()) return fail("a box could not be built");
   header.insert(header.end(), next.begin(), next.end());
   if (Status written = writeBytes(header); !written.ok()) return written;
-  mediaStart = committed = static_cast<uint64_t>(out->getOffset());
+  mediaStart = static_cast<uint64_t>(out->getOffset());
+  file.mark(mediaStart);
   return sync();
 }
 
@@ -209,7 +220,7 @@ bool Recorder::State::fragmentDue(const RecordedTrack& track, const SampleTime& 
 std::vector<PlacedChunk> Recorder::State::heldChunks() {
   std::vector<PlacedChunk> placed;
   for (RecordedTrack& track : tracks) {
-    for (const Chunk& chunk : track.chunks) placed.push_back({&track, &chunk, 0});
+    for (Chunk& chunk : track.chunks) placed.push_back({&track, &chunk, 0});
   }
   std::stable_sort(placed.begin(), placed.end(), [](const PlacedChunk& a, const PlacedChunk& b) {
     return static_cast<double>(a.chunk->startTime) / a.track->timescale <
@@ -245,9 +256,10 @@ Status Recorder::State::flush() {
   }
   uint64_t at = static_cast<uint64_t>(out->getOffset());
   for (const PlacedChunk& chunk : placed) {
-    if (Status written = writeBytes(chunk.chunk->data); !written.ok()) return written;
+    const uint64_t size = chunk.chunk->data.size();
+    if (Status written = writeChunk(chunk.chunk->data); !written.ok()) return written;
     chunk.track->addChunk(at, static_cast<uint32_t>(chunk.chunk->samples.size()));
-    at += chunk.chunk->data.size();
+    at += size;
   }
   for (RecordedTrack& track : tracks) track.clearChunks();
   held = 0;
@@ -257,7 +269,7 @@ Status Recorder::State::flush() {
     if (Status named = writeAt(start + 4, {'m', 'o', 'o', 'f'}); !named.ok()) return named;
     if (Status synced = sync(); !synced.ok()) return synced;
   }
-  committed = at;
+  file.mark(at);
   return {};
 }
 
@@ -270,7 +282,7 @@ Result<std::unique_ptr<Recorder>> Recorder::create(const std::string& path,
   auto state = std::make_unique<State>();
   state->options = options;
   state->path = path;
-  if (state->file.open(path) != 0) {
+  if (state->file.open(path, options.backgroundWrites) != 0) {
     return Status::failure(path + ": cannot be created: " +
                            systemReason(state->file.error(), "no reason given"));
   }
@@ -372,16 +384,24 @@ Result<uint32_t> Recorder::addMetadata(uint32_t timescale) {
 }
 
 Status Recorder::write(uint32_t id, const uint8_t* bytes, size_t size, const SampleTime& time) {
-  State& s = *state_;
-  if (Status valid = s.check(id, size, time); !valid.ok()) return valid;
+  return state_->write(id, bytes, size, time, nullptr);
+}
+
+Status Recorder::write(uint32_t id, Bytes&& sample, const SampleTime& time) {
+  return state_->write(id, sample.data(), sample.size(), time, &sample);
+}
+
+Status Recorder::State::write(uint32_t id, const uint8_t* bytes, size_t size,
+                              const SampleTime& time, Bytes* owned) {
+  if (Status valid = check(id, size, time); !valid.ok()) return valid;
   if (bytes == nullptr) return Status::failure("no sample bytes");
-  if (!s.started) {
-    if (Status started = s.start(); !started.ok()) return started;
+  if (!started) {
+    if (Status begun = start(); !begun.ok()) return begun;
   }
-  RecordedTrack& track = s.tracks[id - 1];
-  s.complete(track, time.decodeTime);
-  if (s.fragmentDue(track, time, size)) {
-    if (Status flushed = s.flush(); !flushed.ok()) return flushed;
+  RecordedTrack& track = tracks[id - 1];
+  complete(track, time.decodeTime);
+  if (fragmentDue(track, time, size)) {
+    if (Status flushed = flush(); !flushed.ok()) return flushed;
   }
   if (!track.started) {
     track.started = true;
@@ -392,14 +412,18 @@ Status Recorder::write(uint32_t id, const uint8_t* bytes, size_t size, const Sam
   const size_t frame = track.frameSize == 0 ? size : track.frameSize;
   const size_t count = size / frame;
   for (size_t i = 0; i + 1 < count; ++i) {
-    s.hold(track, bytes + i * frame, {static_cast<uint32_t>(frame), 1, 0, true}, time.decodeTime + i);
+    hold(track, bytes + i * frame, {static_cast<uint32_t>(frame), 1, 0, true}, time.decodeTime + i);
   }
   track.pending = true;
   track.pendingTime = time.decodeTime + count - 1;
   track.pendingDuration = track.frameSize == 0 ? time.duration : 1;
   track.pendingOffset = time.compositionOffset;
   track.pendingKey = time.key;
-  track.pendingBytes.assign(bytes + (count - 1) * frame, bytes + size);
+  if (owned != nullptr && count == 1) {
+    track.pendingBytes.swap(*owned);
+  } else {
+    track.pendingBytes.assign(bytes + (count - 1) * frame, bytes + size);
+  }
   return {};
 }
 
@@ -487,7 +511,9 @@ Status Recorder::finish() {
   const uint64_t end = static_cast<uint64_t>(s.out->getOffset());
   if (Status done = s.finishInPlace(); !done.ok()) return done;
   if (s.path.empty()) return {};
-  if (s.file.close() != 0) return s.fail("cannot write");
+  // Failures of the writing thread show once it is done; the file is
+  // still open to be cut back.
+  if (s.file.drain() != 0 || s.file.close() != 0) return s.fail("cannot write");
   if (s.options.layout != RecorderOptions::Layout::MoovFirst) return {};
   if (Status moved = s.moveMovieFirst(end); !moved.ok()) {
     return Status::failure("the movie box could not be moved before the media (" +

@@ -44,6 +44,12 @@ struct RecorderOptions {
   uint32_t movieTimescale = 1000;
   // Media held in memory before it is written out, whatever the times say.
   size_t maxBufferedBytes = 64u << 20;
+  // Writes on a thread of the recorder's own (for a recording named by its
+  // path), from 4 buffers of 1 MiB: the caller's thread prepares the next
+  // fragment meanwhile. A failure of such a write ends the recording at
+  // the next fragment or at finish(), with the file cut back to its last
+  // whole fragment as when the caller's thread writes.
+  bool backgroundWrites = false;
 };
 
 // The timing of one sample, in its track's time scale.
@@ -99,6 +105,10 @@ class Recorder {
   // leaves it playable up to its last complete fragment and ends the
   // recording.
   Status write(uint32_t track, const uint8_t* bytes, size_t size, const SampleTime& time);
+  // The same, keeping `sample`'s buffer rather than copying it (for a
+  // track whose calls hold one sample each); `sample` is left with a
+  // buffer the recorder is done with.
+  Status write(uint32_t track, Bytes&& sample, const SampleTime& time);
 
   // Writes what is held and the final moov. The recorder takes no more
   // samples afterwards.
