@@ -511,8 +511,8 @@ TEST(CliOutputs, TimesPastTheEndAreClampedAndSaidSo) {
 
 // What the messages tell a user who tripped: the system's reason a file
 // cannot be opened, an unknown option named as one, a file of media data
-// with no movie box pointed at recover, in text and JSON; seek says where
-// the bytes to read start and why.
+// with no movie box pointed at recover (also as one of the clips of a
+// join), in text and JSON; seek says where the bytes to read start and why.
 TEST(CliRuns, MessagesSayWhatToDo) {
   const std::string clip = std::string(MP4STBL_TEST_DATA) + "/h264_aac.mp4";
   const std::string locked = scratch("locked"), broken = unfinished();
@@ -525,6 +525,8 @@ TEST(CliRuns, MessagesSayWhatToDo) {
   const struct { std::vector<std::string> args; int status; std::string out, err; } cases[] = {
       {{"info", broken}, 1, "", "mp4stbl: " + broken + ": " + recover + "\n"},
       {{"remux", broken, "-o", scratch("remuxed.mp4")}, 1, "",
+       "mp4stbl: " + broken + ": " + recover + "\n"},
+      {{"join", clip, broken, "-o", scratch("joined.mp4")}, 1, "",
        "mp4stbl: " + broken + ": " + recover + "\n"},
       {{"info", clip, "-V"}, 2, "", "mp4stbl: unknown option '-V'\nRun with --help"},
       {{"seek", clip, "--track", "1", "--sample", "3", "--bogus", "-x"}, 2, "",

@@ -83,11 +83,7 @@ std::unique_ptr<Opened> open(const Options& options) {
   }
   for (const std::string& warning : opened->file.warnings()) report(options, "warning: " + warning);
   if (opened->file.find("moov").empty()) {
-    // Media data with no movie box: a recording that was never finished.
-    const bool media = !opened->file.find("mdat").empty();
-    fail(options, media ? "no moov box, only media data: a recording cut short; mp4stbl recover "
-                          "may index its samples again (mp4stbl recover FILE -o NEW.mp4)"
-                        : "not an MP4 file (no moov box)");
+    fail(options, noMovie(opened->file));
     return nullptr;
   }
   FoundTracks found = findTracks(opened->file);
@@ -96,6 +92,13 @@ std::unique_ptr<Opened> open(const Options& options) {
     opened->unreadable.push_back(printable(reason));
   }
   return opened;
+}
+
+std::string noMovie(Mp4File& file) {
+  return file.find("mdat").empty() ? "not an MP4 file (no moov box)"
+                                   : "no moov box, only media data: a recording cut short; "
+                                     "mp4stbl recover may index its samples again "
+                                     "(mp4stbl recover FILE -o NEW.mp4)";
 }
 
 const Track* findTrack(const Options& options, const Opened& opened) {

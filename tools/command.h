@@ -84,6 +84,10 @@ struct Opened {
 // Null after a failure message.
 std::unique_ptr<Opened> open(const Options& options);
 
+// Why a file that opened has no movie to read: media data with no moov is
+// a recording cut short, which recover may index again.
+std::string noMovie(Mp4File& file);
+
 // The track asked for by id or kind (the first readable video or audio
 // track); without --track, the first video track, else the first track.
 // Null after a failure message.

@@ -78,6 +78,15 @@ std::pair<std::string, std::string> namedFile(const Options& options, const std:
   return {aboutOutput ? options.output : options.file, message};
 }
 
+// A clip the editor could not read because it has no moov gets the same
+// hint as the commands that open one file.
+std::string recordingCutShort(const Options& about, const std::string& reason) {
+  if (about.file == about.output) return reason;
+  Mp4File file;
+  if (!file.open(about.file).ok() || !file.find("moov").empty()) return reason;
+  return noMovie(file);
+}
+
 int runEdit(const Options& options, EditJob edit, bool window,
             const std::vector<Clamped>& clamps) {
   const auto previous = std::signal(SIGINT, &onInterrupt);
@@ -101,6 +110,7 @@ int runEdit(const Options& options, EditJob edit, bool window,
       reason = "interrupted; no file was written";
     } else {
       std::tie(about.file, reason) = namedFile(options, done.message());
+      reason = recordingCutShort(about, reason);
     }
     return fail(about, reason);
   }
