@@ -524,21 +524,69 @@ TEST_F(Record, FullDiskKeepsTheFragmentsWritten) {
   }
 }
 
-// A write the writing thread fails (/dev/full says ENOSPC) keeps every
-// fragment end queued after it from being marked whole: the file would be
-// cut back to bytes that never reached it. The end is mostly queued before
-// the thread meets the failure, so a few rounds show a wrong mark.
+// A write the writing thread fails keeps the fragment end queued after it
+// from being marked whole (the file would be cut back to bytes it never
+// got), and drain() waits for the thread to meet that failure: a large
+// write is still going on when the caller asks. The file may grow to 32 MiB.
 TEST_F(Record, NoFragmentMarkedWholeAfterAFailedWrite) {
-  const unsigned char bytes[64] = {};
-  for (int round = 0; round < 50; ++round) {
+  const uint64_t limit = 32u << 20;
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit fileSize{limit, limit};
+    setrlimit(RLIMIT_FSIZE, &fileSize);
     RecordFile file;
-    ASSERT_EQ(file.open("/dev/full", true), 0);
-    ASSERT_EQ(file.write(bytes, sizeof bytes), static_cast<int>(sizeof bytes));
-    file.mark(sizeof bytes);
-    EXPECT_NE(file.drain(), 0);
-    EXPECT_EQ(file.error(), ENOSPC);
-    ASSERT_EQ(file.marked(), 0u) << "round " << round;
+    if (file.open(out("failed.bin"), true) != 0) _exit(2);
+    std::vector<unsigned char> large(limit, 7);
+    const unsigned char past[64] = {};
+    if (file.give(large) != 0 || file.write(past, sizeof past) != sizeof past) _exit(3);
+    file.mark(limit + sizeof past);
+    const bool failed = file.drain() != 0 && file.error() == EFBIG;
+    _exit(failed && file.marked() == 0 ? 0 : 1);
   }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+// The same at finish(): the moov fails to reach a disk that is full while
+// the last fragment (one 32 MiB sample) is still being written, so the
+// failure shows only when finish() waits for the writing thread, and the
+// file must still be open then to be cut back to that fragment.
+TEST_F(Record, FullDiskMetWhileTheLastFragmentIsWritten) {
+  RecorderOptions options;
+  options.backgroundWrites = true;
+  const Bytes sample(32u << 20, 5);
+  auto record = [&](const std::string& path, Status* finished) {
+    auto recorder = Recorder::create(path, options);
+    if (!recorder.ok()) return;
+    const uint32_t track = *(*recorder)->addMetadata(10);
+    if ((*recorder)->write(track, sample.data(), sample.size(), {0, 1, 0, true}).ok()) {
+      *finished = (*recorder)->finish();
+    }
+  };
+  Status finished = Status::failure("not recorded");
+  record(out("whole.mp4"), &finished);
+  ASSERT_TRUE(finished.ok()) << finished.message();
+  Mp4File whole;
+  ASSERT_TRUE(whole.open(out("whole.mp4")).ok());
+  const uint64_t fragmented = whole.find("moov").front()->header.headerOffset;
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{fragmented + 100, fragmented + 100};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    record(out("full.mp4"), &finished);
+    _exit(finished.message() == "cannot write: File too large" ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(fs::file_size(out("full.mp4")), fragmented);
 }
 
 // Samples larger than the file's buffers, whose chunks go to the writing
