@@ -6,8 +6,10 @@
 # peak memory of recover, on the whole file and on its first half.
 #
 #   bench/recover.sh              RUNS=7 bench/recover.sh   (runs per figure; 5 by default)
+#   RECOVER_DIR=/mnt/xfs bench/recover.sh   (files on another file system, e.g. one
+#                                            that shares blocks; build/bench-data by default)
 #
-# Made once with ffmpeg under build/bench-data and kept (delete rec-* there to
+# Made once with ffmpeg in that directory and kept (delete rec-* there to
 # make them again): a 20 s clip (1280x720 lossless H.264 at 30 frames/s, AAC
 # at 48 kHz) looped 26 times by ffmpeg's stream copy into rec-good.mp4, and
 # the same with its sound as 16-bit PCM in a QuickTime file (rec-good.mov);
@@ -23,7 +25,7 @@ ensure_packages "${BUILD_PACKAGES[@]}" "${BENCH_PACKAGES[@]}"
 
 RUNS="${RUNS:-5}"
 bin=build/release/tools/mp4stbl
-data=build/bench-data
+data="${RECOVER_DIR:-build/bench-data}"
 out="$data/rec-out"
 
 cmake --preset release >/dev/null
