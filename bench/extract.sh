@@ -13,48 +13,16 @@
 # that both tools wrote the same bytes.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-source scripts/lib.sh
-ensure_packages "${BUILD_PACKAGES[@]}" "${BENCH_PACKAGES[@]}"
+source bench/common.sh
 
-RUNS="${RUNS:-3}"
-bin=build/release/tools/mp4stbl
 data="${EXTRACT_DIR:-build/bench-data}"
 ours="$data/extract-ours"
 theirs="$data/extract-ffmpeg"
-
-cmake --preset release >/dev/null
-cmake --build --preset release --target mp4stbl_cli
-mkdir -p "$data"
+clean_outputs() { rm -f "$ours".* "$theirs".*; }
 trap 'rm -f "$ours".* "$theirs".*' EXIT
 
-clip="$data/clip.mp4"
-if [ ! -s "$clip" ]; then
-  ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=size=1280x720:rate=30:duration=20 \
-    -f lavfi -i sine=frequency=440:sample_rate=48000:duration=20 \
-    -c:v libx264 -preset ultrafast -qp 0 -g 30 -c:a aac -b:a 128k "$clip.part.mp4"
-  mv -f "$clip.part.mp4" "$clip"
-fi
+make_big "$data"
 big="$data/big.mp4"
-if [ ! -s "$big" ]; then
-  clips=()
-  for ((i = 0; i < 26; i++)); do clips+=("$clip"); done
-  "$bin" join "${clips[@]}" -o "$big"
-fi
-
-# measure COMMAND...: prints the median wall time in ms over RUNS runs.
-measure() {
-  "$@" >/dev/null 2>&1 || { echo "failed: $*" >&2; exit 1; }
-  local times=() start end
-  for ((i = 0; i < RUNS; i++)); do
-    rm -f "$ours".* "$theirs".*
-    sync  # the previous run's writeback must not land in this run's time
-    start=$(date +%s%N)
-    "$@" >/dev/null 2>&1
-    end=$(date +%s%N)
-    times+=($(((end - start) / 1000000)))
-  done
-  printf '%s\n' "${times[@]}" | sort -n | awk '{a[NR] = $1} END {print a[int((NR + 1) / 2)]}'
-}
 
 # row NAME MP4STBL-MS FFMPEG-MS
 row() {

@@ -175,6 +175,35 @@ Status refuseInputs(const std::vector<std::string>& inputs, const std::string& o
   return Status();
 }
 
+Status samplesInside(const Track& track) {
+  SampleWalker walk(track);
+  for (;;) {
+    Result<const SampleInfo*> sample = walk.next();
+    if (!sample.ok()) return sample.status();
+    if (*sample == nullptr) return Status();
+    if ((*sample)->missing) return track.fail("a sample lies past the end of the new file");
+  }
+}
+
+// Samples of one size (PCM: one a sound sample, millions of them) are
+// checked a chunk at a time.
+Status chunksInside(const Track& track) {
+  const std::vector<StscEntry>& runs = track.stsc().entries;
+  const uint64_t size = track.constantSampleSize();
+  for (size_t run = 0; run < runs.size(); ++run) {
+    const uint64_t next = run + 1 < runs.size() ? runs[run + 1].firstChunk : UINT64_MAX;
+    const uint64_t last = std::min(next - 1, track.chunkCount());
+    const uint64_t length = size * runs[run].samplesPerChunk;
+    for (uint64_t chunk = runs[run].firstChunk; chunk <= last; ++chunk) {
+      const uint64_t offset = track.chunkOffset(chunk);
+      if (offset > track.fileLength() || length > track.fileLength() - offset) {
+        return track.fail("chunk " + std::to_string(chunk) + " lies past the end of the new file");
+      }
+    }
+  }
+  return Status();
+}
+
 // Reads the new file back: every track readable and every sample inside it.
 Status checkOutput(const std::string& output, const std::vector<NewTrack>& planned) {
   Mp4File file;
@@ -194,13 +223,8 @@ Status checkOutput(const std::string& output, const std::vector<NewTrack>& plann
                         " samples where " + std::to_string(planned[t].sampleCount) +
                         " were written");
     }
-    SampleWalker walk(track);
-    for (;;) {
-      Result<const SampleInfo*> sample = walk.next();
-      if (!sample.ok()) return sample.status();
-      if (*sample == nullptr) break;
-      if ((*sample)->missing) return track.fail("a sample lies past the end of the new file");
-    }
+    Status inside = track.constantSampleSize() != 0 ? chunksInside(track) : samplesInside(track);
+    if (!inside.ok()) return inside;
   }
   return Status();
 }
