@@ -32,6 +32,11 @@ M32_PACKAGES=(g++-multilib googletest)
 TEST_PACKAGES=(help2man ffmpeg chromium libbenchmark-dev time gstreamer1.0-tools gstreamer1.0-plugins-base
   gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav
   x264)
+# mp4box.js, a browser's MP4 reader, opens what the command writes; npm
+# installs it in the build tree (scripts/install_mp4box.sh).
+ensure_npm() {
+  command -v npm >/dev/null || ensure_packages nodejs npm
+}
 # The libFuzzer targets (scripts/fuzz.sh): clang and its sanitizer runtimes.
 FUZZ_PACKAGES=(clang-14 libclang-rt-14-dev)
 # The benchmarks (scripts/bench.sh): Google Benchmark, the command's parsers,

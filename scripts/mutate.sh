@@ -25,6 +25,7 @@ source scripts/lib.sh
 patterns=("$@")
 [ ${#patterns[@]} -gt 0 ] || patterns=("")
 ensure_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" git
+ensure_npm
 
 root="$PWD"
 work="$root/build/mutate"

@@ -7,6 +7,7 @@ cd "$(dirname "$0")/.."
 source scripts/lib.sh
 preset="${1:-dev}"
 ensure_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
+ensure_npm
 if [ "$preset" = m32 ]; then ensure_packages "${M32_PACKAGES[@]}"; fi
 
 cmake --preset "$preset"
