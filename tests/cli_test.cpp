@@ -574,7 +574,8 @@ TEST(CliOutputs, EveryJsonDocumentHasASchemaAndOneTypePerField) {
     EXPECT_EQ(doc.value("schema", json()), 1) << json(args).dump() << doc.dump();
   }
   for (const std::string& path : mediaFiles(MP4STBL_TEST_DATA)) {
-    for (const json& track : cli({"info", path, "--json"}).doc()["tracks"]) {
+    const json doc = cli({"info", path, "--json"}).doc();
+    for (const json& track : doc["tracks"]) {
       SCOPED_TRACE(path + " " + track["id"].dump());
       EXPECT_TRUE(track["keyFrames"].is_number_unsigned());
       EXPECT_TRUE(track["allSync"].is_boolean());
