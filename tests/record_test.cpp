@@ -494,7 +494,7 @@ TEST_F(Record, FullDiskKeepsTheFragmentsWritten) {
     if (child == 0) {
       // Writes past the limit fail with EFBIG.
       std::signal(SIGXFSZ, SIG_IGN);
-      const rlimit limit{c.limit, c.limit};
+      const rlimit limit{static_cast<rlim_t>(c.limit), static_cast<rlim_t>(c.limit)};
       setrlimit(RLIMIT_FSIZE, &limit);
       options.backgroundWrites = c.background;
       Status failed;
@@ -529,7 +529,7 @@ TEST_F(Record, FullDiskKeepsTheFragmentsWritten) {
 // got), and drain() waits for the thread to meet that failure: a large
 // write is still going on when the caller asks. The file may grow to 32 MiB.
 TEST_F(Record, NoFragmentMarkedWholeAfterAFailedWrite) {
-  const uint64_t limit = 32u << 20;
+  const rlim_t limit = 32u << 20;
   const pid_t child = fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
@@ -577,7 +577,8 @@ TEST_F(Record, FullDiskMetWhileTheLastFragmentIsWritten) {
   ASSERT_GE(child, 0);
   if (child == 0) {
     std::signal(SIGXFSZ, SIG_IGN);
-    const rlimit limit{fragmented + 100, fragmented + 100};
+    const auto most = static_cast<rlim_t>(fragmented + 100);
+    const rlimit limit{most, most};
     setrlimit(RLIMIT_FSIZE, &limit);
     record(out("full.mp4"), &finished);
     _exit(finished.message() == "cannot write: File too large" ? 0 : 1);
