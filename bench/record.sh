@@ -114,9 +114,9 @@ probe() {
 
 echo "machine: $(nproc) CPUs, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ *//'), $(awk '/MemTotal/ {printf "%.1f GiB", $2 / 1048576}' /proc/meminfo)"
 echo "load average at start: $(cut -d' ' -f1-3 /proc/loadavg)"
-echo "streams: $data/v.264 + a.aac, $(( ($(stat -c %s "$data/v.264") + $(stat -c %s "$data/a.aac")) / 1048576 )) MiB, 640 s;" \
-  "quarter: v4.264 + a4.aac, $(( ($(stat -c %s "$data/v4.264") + $(stat -c %s "$data/a4.aac")) / 1048576 )) MiB, 160 s"
-echo "on $(stat -f -c %T "$data"); runs per figure: $RUNS (fastest run; peak RSS of all)"
+echo "streams: $data/v.264 + a.aac, $(( ($(stat -L -c %s "$data/v.264") + $(stat -L -c %s "$data/a.aac")) / 1048576 )) MiB, 640 s;" \
+  "quarter: v4.264 + a4.aac, $(( ($(stat -L -c %s "$data/v4.264") + $(stat -L -c %s "$data/a4.aac")) / 1048576 )) MiB, 160 s"
+echo "on $(stat -L -f -c %T "$data"); runs per figure: $RUNS (fastest run; peak RSS of all)"
 printf '%-11s %8s %8s %9s %8s %9s %9s %8s  %s\n' row "wall s" "cpu s" "RSS MiB" "¼ wall" "¼ RSS" "GB/s" "vs ffm" "output: packets, seconds"
 declare -A wall_of
 for row in "${rows[@]}"; do
@@ -125,7 +125,7 @@ for row in "${rows[@]}"; do
   command_of "$row" "$data/v.264" "$data/a.aac"
   read -r wall cpu rss < <(measure "${command[@]}")
   wall_of[$row]=$wall
-  bytes=$(($(stat -c %s "$data/v.264") + $(stat -c %s "$data/a.aac")))
+  bytes=$(($(stat -L -c %s "$data/v.264") + $(stat -L -c %s "$data/a.aac")))
   what=""
   [[ "$row" != cat* ]] && what=$(probe)
   awk -v n="$row" -v w="$wall" -v c="$cpu" -v r="$rss" -v qw="$q_wall" -v qr="$q_rss" -v b="$bytes" \

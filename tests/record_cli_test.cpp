@@ -841,3 +841,115 @@ TEST(CliRecord, FrameRateFromTheStreamOrFps) {
 }
 
 }  // namespace
+
+namespace {
+
+// A stream of several megabytes, so that a file input is read in several
+// windows that start inside a page.
+const std::string& largeVideo() {
+  static const std::string made = [] {
+    const std::string path = scratch("large.264");
+    EXPECT_EQ(ffmpeg({"-f", "lavfi", "-i", "testsrc2=size=320x240:rate=25:duration=8", "-vf",
+                      "noise=alls=20:allf=t", "-c:v", "libx264", "-preset", "ultrafast", "-qp", "4",
+                      "-g", "50", "-f", "h264", path}),
+              "");
+    return path;
+  }();
+  return made;
+}
+
+const std::string& largeAudio() {
+  static const std::string made = [] {
+    const std::string path = scratch("large.aac");
+    EXPECT_EQ(ffmpeg({"-f", "lavfi", "-i", "sine=sample_rate=48000:duration=8", "-c:a", "aac", "-f",
+                      "adts", path}),
+              "");
+    return path;
+  }();
+  return made;
+}
+
+// Files are mapped and pipes read: the same streams make the same bytes
+// whichever way each input comes, and ffmpeg decodes them.
+TEST(CliRecord, FilesAndPipesRecordTheSameBytes) {
+  const std::string video = largeVideo(), audio = largeAudio();
+  ASSERT_GT(fs::file_size(video), 3u << 20);
+  const std::string command = std::string("'") + MP4STBL_CLI + "' record -y -q -o ";
+  struct Way {
+    std::string name, line;
+  };
+  const std::vector<Way> ways = {
+      {"files", command + "'" + scratch("ways_files.mp4") + "' --video '" + video + "' --audio '" +
+                    audio + "'"},
+      {"video piped", "cat '" + video + "' | " + command + "'" + scratch("ways_video.mp4") +
+                          "' --video - --audio '" + audio + "'"},
+      {"both piped", "cat '" + video + "' | " + command + "'" + scratch("ways_both.mp4") +
+                         "' --video - --audio <(cat '" + audio + "')"},
+      {"hevc file", command + "'" + scratch("ways_hevc_file.mp4") + "' --video '" + streams().hevc +
+                        "' --audio '" + streams().aac + "'"},
+      {"hevc piped", "cat '" + streams().hevc + "' | " + command + "'" +
+                         scratch("ways_hevc_pipe.mp4") + "' --video - --audio '" + streams().aac + "'"},
+  };
+  for (const Way& way : ways) {
+    const Outcome ran = run("bash", {"-c", way.line});
+    EXPECT_EQ(ran.status, 0) << way.name << ": " << ran.err;
+  }
+  const Bytes files = readFile(scratch("ways_files.mp4"));
+  EXPECT_TRUE(files == readFile(scratch("ways_video.mp4")));
+  EXPECT_TRUE(files == readFile(scratch("ways_both.mp4")));
+  EXPECT_TRUE(readFile(scratch("ways_hevc_file.mp4")) == readFile(scratch("ways_hevc_pipe.mp4")));
+  const json info = cli({"info", scratch("ways_files.mp4"), "--json"}).doc();
+  EXPECT_EQ(info["tracks"][0]["samples"], 200);
+  EXPECT_EQ(run("ffmpeg", {"-v", "error", "-i", scratch("ways_files.mp4"), "-f", "null", "-"}).err, "");
+}
+
+// A video file cut shorter while it is recorded (the sound comes through a
+// named pipe, so the file is read as the sound comes): the command fails
+// naming the file and why, and the recording holds what came before.
+TEST(CliRecord, AFileCutShorterWhileReadFailsWithAReason) {
+  std::signal(SIGPIPE, SIG_IGN);
+  const std::string video = scratch("shrinking.264"), fifo = scratch("shrinking.fifo"),
+                    out = scratch("shrinking.mp4"), said = scratch("shrinking.txt");
+  fs::copy_file(largeVideo(), video, fs::copy_options::overwrite_existing);
+  fs::remove(fifo);
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    const int text = open(said.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    dup2(text, STDOUT_FILENO);
+    dup2(text, STDERR_FILENO);
+    execl(MP4STBL_CLI, MP4STBL_CLI, "record", "-y", "-o", out.c_str(), "--video", video.c_str(),
+          "--audio", fifo.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  int sound = -1;
+  for (int wait = 0; wait < 10000 && (sound = open(fifo.c_str(), O_WRONLY | O_NONBLOCK)) < 0; ++wait) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  ASSERT_GE(sound, 0);
+  fcntl(sound, F_SETFL, 0);
+  const Bytes audio = readFile(largeAudio());
+  const size_t second = audio.size() / 8;
+  EXPECT_EQ(write(sound, audio.data(), second), static_cast<ssize_t>(second));
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  ASSERT_EQ(truncate(video.c_str(), 1000), 0);
+  const ssize_t rest = write(sound, audio.data() + second, audio.size() - second);
+  EXPECT_GT(rest, 0);
+  close(sound);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 1);
+  const std::string text = slurp(said);
+  EXPECT_EQ(text.rfind("mp4stbl: " + video +
+                           ": cannot be read: the file became shorter while it was read (1000 bytes, ",
+                       0),
+            0u)
+      << text;
+  EXPECT_NE(text.find("; " + out + " holds what came before"), std::string::npos) << text;
+  const json info = cli({"info", out, "--json"}).doc();
+  EXPECT_GT(info["tracks"][0]["samples"].get<int>(), 10);
+  EXPECT_EQ(run("ffmpeg", {"-v", "error", "-i", out, "-f", "null", "-"}).err, "");
+}
+
+}  // namespace

@@ -259,6 +259,7 @@ struct Feed {
   std::unique_ptr<Source> source;
   std::deque<Sample> queue;
   uint64_t queuedBytes = 0;
+  uint64_t fed = 0;  // bytes of the input given to the source
   uint64_t next = 0;  // where the next sample taken decodes, in the track's units
   uint32_t track = 0;
   uint64_t samples = 0;
@@ -425,6 +426,10 @@ class Recording {
       }
       if (status.ok()) status = collect(feed);
       if (!status.ok()) failure = {feed.path, status.message()};
+      feed.fed += size;
+      // Two seconds of the stream at the rate it came so far.
+      const double seconds = feed.next != 0 ? feed.at(feed.next) : 0;
+      if (seconds > 0) inputs_.pace(index, static_cast<uint64_t>(2 * feed.fed / seconds));
     };
     auto wanted = [this](size_t index) { return feeds_[index].queue.empty(); };
     const std::string reason = inputs_.read(250, wanted, visit, &failed);
@@ -461,12 +466,13 @@ class Recording {
   }
 
   // Whether an input that still reads may give a sample before `at`
-  // seconds, unless too much is held already.
+  // seconds, or at it: samples of the same time go in the order of the
+  // inputs however their reads fell. Unless too much is held already.
   bool worthWaiting(double at) const {
     bool earlier = false;
     double latest = at;
     for (const Feed& feed : feeds_) {
-      if (feed.queue.empty() && !feed.finished && feed.at(feed.next) < at) earlier = true;
+      if (feed.queue.empty() && !feed.finished && feed.at(feed.next) <= at) earlier = true;
       if (!feed.queue.empty()) latest = std::max(latest, feed.at(feed.next));
     }
     return earlier && held() <= kMaxHeldBytes && latest - at <= kMaxHeldSeconds;

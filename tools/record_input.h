@@ -40,7 +40,18 @@ class Inputs {
   // no input is): its bytes wait on the disk, where they take no memory,
   // while a pipe's writer waits for us. A signal ends the wait early. A
   // failing read gives the system's reason and the index of its input.
+  //
+  // A regular file is mapped a window at a time and visited where it lies,
+  // without a copy. A file cut shorter while it is read fails with a reason
+  // rather than a crash: the pages past its new end read as zeros until the
+  // window is left, and the visit's bytes should then be taken as cut.
   std::string read(int timeoutMs, const Wanted& wanted, const Visit& visit, size_t* failed);
+
+  // How many bytes of a file to visit at a time: about as many as the
+  // stream gives in a second or two, so that one visit puts it no further
+  // ahead of the others in time than a pipe's block would (64 KiB up to
+  // 8 MiB).
+  void pace(size_t index, uint64_t bytes);
 
  private:
   struct Input {
@@ -48,10 +59,18 @@ class Inputs {
     int fd = -1;
     bool ended = false;
     bool regular = false;  // a file, not a pipe
+    uint64_t position = 0;  // of a file: the bytes visited
+    size_t piece = kBlock;  // of a file: the bytes visited at a time
     int restoreFlags = -1;  // stdin's flags before it was made non-blocking
   };
+  // Visits the next window of a file; "" or the reason it failed.
+  std::string readMapped(size_t index, const Visit& visit);
+
+  static constexpr size_t kBlock = size_t{1} << 16;
+  static constexpr size_t kMaxPiece = size_t{8} << 20;
+
   std::vector<Input> inputs_;
-  std::vector<uint8_t> block_ = std::vector<uint8_t>(1 << 16);
+  std::vector<uint8_t> block_ = std::vector<uint8_t>(kBlock);
 };
 
 }  // namespace mp4stbl::cli

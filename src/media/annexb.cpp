@@ -48,11 +48,13 @@ struct Waiting {
 // Splits the bytes into NAL units; each goes to unit().
 struct AnnexBReader::State {
   // The splitter: bytes from the NAL unit in progress (or, before the first
-  // start code, what may be the start of one) to the end of the input.
+  // start code, what may be the start of one) to the end of the input. The
+  // NAL units that end inside the bytes of one feed are read where they lie;
+  // only what is left at its end is kept here.
   Bytes buffer;
   uint64_t bufferOffset = 0;  // stream offset of buffer[0]
   size_t scan = 0;            // where the search for a start code resumes
-  size_t nalStart = kNone;
+  size_t nalStart = kNone;    // in the buffer, or in the fed bytes while they are split
   Status failed;
   bool finished = false;
 
@@ -83,9 +85,11 @@ struct AnnexBReader::State {
   uint64_t presented = 0;
 
   Status feed(const uint8_t* bytes, size_t size);
-  Status splitStartCodes();
-  Status checkLeadingZeros(size_t end);
-  Status endNal(size_t end);
+  size_t firstStartCode(const uint8_t* bytes, size_t size) const;
+  Status splitStartCodes(const uint8_t* data, size_t size, uint64_t offset);
+  Status checkLeadingZeros(const uint8_t* data, size_t end, uint64_t offset);
+  Status endNal(const uint8_t* data, size_t end, uint64_t offset);
+  Status splitInPlace(const uint8_t* bytes, size_t size);
   void compact();
   Status nal(const uint8_t* data, size_t size, uint64_t offset);
   Status detect(const uint8_t* data, size_t size, uint64_t offset);
@@ -104,18 +108,66 @@ struct AnnexBReader::State {
 Status AnnexBReader::State::feed(const uint8_t* bytes, size_t size) {
   if (!failed.ok()) return failed;
   if (finished) return failed = Status::failure("bytes fed after the end of the stream");
-  buffer.insert(buffer.end(), bytes, bytes + size);
-  failed = splitStartCodes();
+  size_t from = 0;
+  if (!buffer.empty()) {
+    // The held bytes run up to the first start code of the new ones, which
+    // ends the NAL unit in progress; the rest is split where it lies.
+    const size_t code = firstStartCode(bytes, size);
+    from = code == kNone ? size : code + 1;
+    buffer.insert(buffer.end(), bytes, bytes + from);
+    if (code != kNone) {
+      failed = endNal(buffer.data(), buffer.size() - 3, bufferOffset);
+      nalStart = scan = buffer.size();
+    } else if (nalStart == kNone) {
+      failed = splitStartCodes(buffer.data(), buffer.size(), bufferOffset);
+    } else {
+      scan = buffer.size() >= 2 ? buffer.size() - 2 : 0;
+    }
+    if (failed.ok() && from == size) compact();
+  }
+  if (failed.ok() && from < size) failed = splitInPlace(bytes + from, size - from);
   if (failed.ok() && nalStart != kNone && buffer.size() - nalStart > kMaxAccessUnit) {
     failed = Status::failure(at(bufferOffset + nalStart) + "a NAL unit of more than 64 MiB");
   }
-  if (failed.ok()) compact();
   return failed;
 }
 
-Status AnnexBReader::State::splitStartCodes() {
-  const uint8_t* data = buffer.data();
-  const size_t size = buffer.size();
+// Where the 01 of the first start code that ends in `bytes` lies, its
+// zeros perhaps among the held bytes; kNone when there is none.
+size_t AnnexBReader::State::firstStartCode(const uint8_t* bytes, size_t size) const {
+  auto zeroAt = [&](size_t k, size_t back) {
+    return k >= back ? bytes[k - back] == 0
+                     : back - k <= buffer.size() && buffer[buffer.size() - (back - k)] == 0;
+  };
+  for (size_t k = 0; k < size;) {
+    const void* one = std::memchr(bytes + k, 1, size - k);
+    if (one == nullptr) return kNone;
+    k = static_cast<size_t>(static_cast<const uint8_t*>(one) - bytes);
+    if (zeroAt(k, 1) && zeroAt(k, 2)) return k;
+    ++k;
+  }
+  return kNone;
+}
+
+// Splits the fed bytes after the held ones were used up (or when none
+// were held), then keeps what is left after the last start code.
+Status AnnexBReader::State::splitInPlace(const uint8_t* bytes, size_t size) {
+  const uint64_t offset = bufferOffset + buffer.size();
+  if (nalStart != kNone) nalStart -= buffer.size();
+  scan = 0;
+  buffer.clear();
+  bufferOffset = offset;
+  Status status = splitStartCodes(bytes, size, offset);
+  if (!status.ok()) return status;
+  const size_t keep = nalStart == kNone ? scan : nalStart;
+  buffer.assign(bytes + keep, bytes + size);
+  bufferOffset = offset + keep;
+  scan -= keep;
+  if (nalStart != kNone) nalStart -= keep;
+  return status;
+}
+
+Status AnnexBReader::State::splitStartCodes(const uint8_t* data, size_t size, uint64_t offset) {
   size_t from = scan;
   while (from + 3 <= size) {
     const void* one = std::memchr(data + from + 2, 1, size - from - 2);
@@ -125,32 +177,31 @@ Status AnnexBReader::State::splitStartCodes() {
       from = k - 1;
       continue;
     }
-    Status status = endNal(k - 2);
+    Status status = endNal(data, k - 2, offset);
     if (!status.ok()) return status;
     nalStart = k + 1;
     from = k + 1;
   }
   scan = std::max(from, size >= 2 ? size - 2 : 0);
-  return nalStart == kNone ? checkLeadingZeros(scan) : Status();
+  return nalStart == kNone ? checkLeadingZeros(data, scan, offset) : Status();
 }
 
 // Before the first start code only zero bytes may come.
-Status AnnexBReader::State::checkLeadingZeros(size_t end) {
+Status AnnexBReader::State::checkLeadingZeros(const uint8_t* data, size_t end, uint64_t offset) {
   for (size_t i = 0; i < end; ++i) {
-    if (buffer[i] != 0) {
-      return Status::failure(at(bufferOffset + i) +
-                             "not an H.264 or HEVC byte stream (no start code)");
+    if (data[i] != 0) {
+      return Status::failure(at(offset + i) + "not an H.264 or HEVC byte stream (no start code)");
     }
   }
   return Status();
 }
 
-Status AnnexBReader::State::endNal(size_t end) {
-  if (nalStart == kNone) return checkLeadingZeros(end);
+Status AnnexBReader::State::endNal(const uint8_t* data, size_t end, uint64_t offset) {
+  if (nalStart == kNone) return checkLeadingZeros(data, end, offset);
   size_t last = end;
-  while (last > nalStart && buffer[last - 1] == 0) --last;  // trailing_zero_8bits
+  while (last > nalStart && data[last - 1] == 0) --last;  // trailing_zero_8bits
   if (last == nalStart) return Status();
-  return nal(buffer.data() + nalStart, last - nalStart, bufferOffset + nalStart);
+  return nal(data + nalStart, last - nalStart, offset + nalStart);
 }
 
 // Drops the bytes before the NAL unit in progress once they are half the
@@ -362,7 +413,7 @@ Status AnnexBReader::finish() {
   State& s = *state_;
   if (!s.failed.ok() || s.finished) return s.failed;
   s.finished = true;
-  s.failed = s.endNal(s.buffer.size());
+  s.failed = s.endNal(s.buffer.data(), s.buffer.size(), s.bufferOffset);
   s.nalStart = kNone;
   if (s.failed.ok() && s.unitHasPicture) s.failed = s.closeUnit();
   s.output.flush(s.shown);
@@ -381,7 +432,7 @@ Status AnnexBReader::cut() {
   // The last NAL unit may be short, but its header still tells whether it
   // starts a picture and so ends the access unit before it; what it cannot
   // tell (a header cut short) is no failure of the frames before.
-  static_cast<void>(s.endNal(s.buffer.size()));
+  static_cast<void>(s.endNal(s.buffer.data(), s.buffer.size(), s.bufferOffset));
   s.output.flush(s.shown);
   s.present();
   return Status();
