@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 
 #include <csignal>
+#include <cstring>
 #include <map>
 
 #include <mp4stbl/box/sample_entry.h>
@@ -588,6 +589,21 @@ TEST_F(Record, FullDiskMetWhileTheLastFragmentIsWritten) {
   ASSERT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 0);
   EXPECT_EQ(fs::file_size(out("full.mp4")), fragmented);
+}
+
+// A recording's file past 4 GiB, written at its offset on every build, the
+// 32-bit one included (sparse: nothing is written before it).
+TEST_F(Record, FileWrittenPastFourGigabytes) {
+  const uint64_t offset = (uint64_t{5} << 30) + 7;
+  const unsigned char bytes[3] = {1, 2, 3};
+  for (bool background : {false, true}) {
+    RecordFile file;
+    ASSERT_EQ(file.open(out("large.bin"), background), 0);
+    ASSERT_EQ(file.seek(static_cast<long long>(offset)), 0);
+    ASSERT_EQ(file.write(bytes, sizeof bytes), static_cast<int>(sizeof bytes));
+    ASSERT_EQ(file.close(), 0) << std::strerror(file.error());
+    EXPECT_EQ(fs::file_size(out("large.bin")), offset + sizeof bytes);
+  }
 }
 
 // Samples larger than the file's buffers, whose chunks go to the writing
