@@ -117,8 +117,11 @@ entries() {
 # recovered BROKEN REF: "PEAK_RSS_KB ENTRIES" of one recovery.
 recovered() {
   /usr/bin/time -f %M -o "$rss_file" "$bin" recover "$1" --reference "$2" -o "$out.${1##*.}" -y --json >"$out.json"
-  echo "$(tail -n 1 "$rss_file") $(entries "$out.json")"
+  local line
+  line="$(tail -n 1 "$rss_file") $(entries "$out.json")"
+  # Before the line: the caller goes on as soon as it reads it.
   rm -f "$out.json" "$out.${1##*.}"
+  echo "$line"
 }
 
 half="$data/rec-broken-half.mp4"
