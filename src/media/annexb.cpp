@@ -7,6 +7,10 @@
 #include <optional>
 #include <string>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "media/elementary.h"
 #include "media/parameter_sets.h"
 #include "media/picture_order.h"
@@ -167,16 +171,38 @@ Status AnnexBReader::State::splitInPlace(const uint8_t* bytes, size_t size) {
   return status;
 }
 
+namespace {
+
+// The 01 of the first start code (00 00 01) whose zeros start at `from` or
+// later; kNone when there is none. Coded slices never hold two zero bytes
+// in a row but before a start code or an emulation prevention byte, so
+// sixteen positions at a time are tested for a pair.
+size_t findStartCode(const uint8_t* data, size_t from, size_t size) {
+  size_t k = from;
+#if defined(__SSE2__)
+  const __m128i zero = _mm_setzero_si128();
+  for (; k + 18 <= size; k += 16) {
+    const __m128i here = _mm_loadu_si128(reinterpret_cast<const __m128i*>(data + k));
+    const __m128i next = _mm_loadu_si128(reinterpret_cast<const __m128i*>(data + k + 1));
+    auto pairs = static_cast<unsigned>(
+        _mm_movemask_epi8(_mm_and_si128(_mm_cmpeq_epi8(here, zero), _mm_cmpeq_epi8(next, zero))));
+    for (; pairs != 0; pairs &= pairs - 1) {
+      const size_t at = k + static_cast<size_t>(__builtin_ctz(pairs));
+      if (data[at + 2] == 1) return at + 2;
+    }
+  }
+#endif
+  for (; k + 3 <= size; ++k) {
+    if (data[k] == 0 && data[k + 1] == 0 && data[k + 2] == 1) return k + 2;
+  }
+  return kNone;
+}
+
+}  // namespace
+
 Status AnnexBReader::State::splitStartCodes(const uint8_t* data, size_t size, uint64_t offset) {
   size_t from = scan;
-  while (from + 3 <= size) {
-    const void* one = std::memchr(data + from + 2, 1, size - from - 2);
-    if (one == nullptr) break;
-    const size_t k = static_cast<size_t>(static_cast<const uint8_t*>(one) - data);
-    if (data[k - 1] != 0 || data[k - 2] != 0) {
-      from = k - 1;
-      continue;
-    }
+  for (size_t k = findStartCode(data, from, size); k != kNone; k = findStartCode(data, from, size)) {
     Status status = endNal(data, k - 2, offset);
     if (!status.ok()) return status;
     nalStart = k + 1;
