@@ -539,7 +539,7 @@ TEST_F(Record, NoFragmentMarkedWholeAfterAFailedWrite) {
     setrlimit(RLIMIT_FSIZE, &fileSize);
     RecordFile file;
     if (file.open(out("failed.bin"), true) != 0) _exit(2);
-    std::vector<unsigned char> large(limit, 7);
+    std::vector<std::vector<unsigned char>> large(1, std::vector<unsigned char>(limit, 7));
     const unsigned char past[64] = {};
     if (file.give(large) != 0 || file.write(past, sizeof past) != sizeof past) _exit(3);
     file.mark(limit + sizeof past);

@@ -1,10 +1,12 @@
 #include "record/record_file.h"
 
 #include <fcntl.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <condition_variable>
 #include <cstring>
 #include <deque>
@@ -19,6 +21,8 @@ namespace {
 constexpr size_t kBufferSize = size_t{1} << 20;
 // A write this large goes straight out, not copied into the buffer.
 constexpr size_t kDirectSize = size_t{64} << 10;
+// Pieces written by one system call.
+constexpr size_t kMaxVectors = IOV_MAX;
 // Buffers waiting for the writing thread or being written: what a
 // recording killed at any instant may lose beyond its last fragment.
 constexpr size_t kBackgroundBuffers = 4;
@@ -32,7 +36,7 @@ struct RecordFile::Writer {
   struct Job {
     enum class Kind { Write, Sync, Mark } kind = Kind::Write;
     uint64_t offset = 0;  // where the bytes go, or the end marked
-    std::vector<unsigned char> bytes;
+    std::vector<std::vector<unsigned char>> pieces;
   };
 
   std::mutex mutex;
@@ -95,16 +99,23 @@ int RecordFile::open(const std::string& path, bool background) {
       w.working = true;
       lock.unlock();
       const bool failed = error_ != 0;
-      if (!failed && job.kind == Writer::Job::Kind::Write) {
-        writeAt(job.offset, job.bytes.data(), job.bytes.size());
-      }
+      if (!failed && job.kind == Writer::Job::Kind::Write) writeAt(job.offset, job.pieces);
       if (!failed && job.kind == Writer::Job::Kind::Sync && ::fdatasync(fd_) != 0) fail();
+      // A buffer of the file's own is filled again; the caller's are freed
+      // here, outside the lock.
+      std::vector<unsigned char> buffer;
+      if (job.pieces.size() == 1 && job.pieces[0].capacity() >= kBufferSize) {
+        buffer = std::move(job.pieces[0]);
+        buffer.clear();
+      }
+      job.pieces.clear();
       lock.lock();
       if (job.kind == Writer::Job::Kind::Mark && error_ == 0) w.marked = job.offset;
       if (job.kind == Writer::Job::Kind::Write) {
         --w.writes;
-        job.bytes.clear();
-        if (w.spare.size() < kBackgroundBuffers) w.spare.push_back(std::move(job.bytes));
+        if (buffer.capacity() != 0 && w.spare.size() < kBackgroundBuffers) {
+          w.spare.push_back(std::move(buffer));
+        }
       }
       w.working = false;
       w.changed.notify_all();
@@ -154,11 +165,43 @@ int RecordFile::writeAt(uint64_t offset, const unsigned char* bytes, size_t coun
   return 0;
 }
 
+// The pieces in as few system calls as it takes, each piece whole.
+int RecordFile::writeAt(uint64_t offset, const std::vector<std::vector<unsigned char>>& pieces) {
+  std::vector<iovec> vectors;
+  for (size_t next = 0; next < pieces.size();) {
+    vectors.clear();
+    for (; next < pieces.size() && vectors.size() < kMaxVectors; ++next) {
+      vectors.push_back({const_cast<unsigned char*>(pieces[next].data()), pieces[next].size()});
+    }
+    ssize_t done = ::pwritev(fd_, vectors.data(), static_cast<int>(vectors.size()),
+                             static_cast<off_t>(offset));
+    if (done < 0 && errno != EINTR) return fail();
+    // What a short write left is written piece by piece.
+    auto skip = static_cast<size_t>(std::max<ssize_t>(done, 0));
+    offset += skip;
+    for (const iovec& vector : vectors) {
+      if (skip >= vector.iov_len) {
+        skip -= vector.iov_len;
+        continue;
+      }
+      const size_t rest = vector.iov_len - skip;
+      if (writeAt(offset, static_cast<const unsigned char*>(vector.iov_base) + skip, rest) != 0) {
+        return -1;
+      }
+      offset += rest;
+      skip = 0;
+    }
+  }
+  return 0;
+}
+
 int RecordFile::flush() {
   if (fd_ < 0) return -1;
   if (buffer_.empty()) return 0;
   if (writer_) {
-    writer_->queue({Writer::Job::Kind::Write, bufferStart_, std::move(buffer_)});
+    std::vector<std::vector<unsigned char>> pieces;
+    pieces.push_back(std::move(buffer_));
+    writer_->queue({Writer::Job::Kind::Write, bufferStart_, std::move(pieces)});
     buffer_ = writer_->take();
     buffer_.reserve(kBufferSize);
     return error_ == 0 ? 0 : -1;
@@ -187,17 +230,26 @@ int RecordFile::write(const unsigned char* bytes, unsigned count) {
   return static_cast<int>(count);
 }
 
-int RecordFile::give(std::vector<unsigned char>& bytes) {
-  if (!writer_ || bytes.size() < kDirectSize || bytes.size() > UINT32_MAX) {
-    const auto count = static_cast<unsigned>(bytes.size());
-    return write(bytes.data(), count) == static_cast<int>(count) ? 0 : -1;
+int RecordFile::give(std::vector<std::vector<unsigned char>>& pieces) {
+  if (fd_ < 0 || error_ != 0) return -1;
+  uint64_t count = 0;
+  for (const std::vector<unsigned char>& piece : pieces) count += piece.size();
+  if (count < kDirectSize) {
+    for (const std::vector<unsigned char>& piece : pieces) {
+      const auto size = static_cast<unsigned>(piece.size());
+      if (write(piece.data(), size) != static_cast<int>(size)) return -1;
+    }
+  } else {
+    if (flush() != 0) return -1;
+    if (writer_) {
+      writer_->queue({Writer::Job::Kind::Write, position_, std::move(pieces)});
+    } else if (writeAt(position_, pieces) != 0) {
+      return -1;
+    }
+    position_ += count;
+    length_ = std::max(length_, position_);
   }
-  if (fd_ < 0 || error_ != 0 || flush() != 0) return -1;
-  const uint64_t count = bytes.size();
-  writer_->queue({Writer::Job::Kind::Write, position_, std::move(bytes)});
-  bytes = writer_->take();
-  position_ += count;
-  length_ = std::max(length_, position_);
+  pieces.clear();
   return error_ == 0 ? 0 : -1;
 }
 

@@ -31,9 +31,10 @@ class RecordFile : public IOStream {
   int read(unsigned char* buffer, unsigned count) override;  // -1: write only
   int write(const unsigned char* buffer, unsigned count) override;
   int seek(long long offset) override;
-  // Writes `bytes` like write(); in the background a large buffer goes to
-  // the thread as it is, and `bytes` becomes an empty buffer to fill again.
-  int give(std::vector<unsigned char>& bytes);
+  // Writes the pieces one after another like write(), in one system call
+  // when they are large; in the background large pieces go to the thread
+  // as they are. `pieces` is left empty.
+  int give(std::vector<std::vector<unsigned char>>& pieces);
   long long getOffset() override { return position_; }
   long long getLength() override { return length_; }
 
@@ -60,6 +61,7 @@ class RecordFile : public IOStream {
   struct Writer;
 
   int writeAt(uint64_t offset, const unsigned char* bytes, size_t count);
+  int writeAt(uint64_t offset, const std::vector<std::vector<unsigned char>>& pieces);
   int fail();
   int fail(int error);
 

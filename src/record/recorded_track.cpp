@@ -7,6 +7,33 @@
 
 namespace mp4stbl::record {
 
+namespace {
+
+// A sample at least this large keeps its own buffer in its chunk.
+constexpr uint32_t kKeptSample = 4096;
+
+}  // namespace
+
+void Chunk::add(const uint8_t* bytes, uint32_t count, Bytes* owned) {
+  if (owned != nullptr && owned->size() == count && count >= kKeptSample) {
+    pieces.push_back(std::move(*owned));
+    owned->clear();
+    copying = false;
+  } else {
+    if (!copying) pieces.emplace_back();
+    copying = true;
+    pieces.back().insert(pieces.back().end(), bytes, bytes + count);
+  }
+  size += count;
+}
+
+void Chunk::clear() {
+  samples.clear();
+  pieces.clear();
+  size = 0;
+  copying = false;
+}
+
 RecordedTrack::RecordedTrack()
     : stts(std::make_unique<SttsAtom>(headerOf("stts"))),
       stsc(std::make_unique<StscAtom>(headerOf("stsc"))),
@@ -22,7 +49,8 @@ uint64_t RecordedTrack::ticks(double seconds) const {
   return value < 1 ? 1 : static_cast<uint64_t>(value);
 }
 
-void RecordedTrack::append(const uint8_t* bytes, const HeldSample& sample, uint64_t decodeTime) {
+void RecordedTrack::append(const uint8_t* bytes, const HeldSample& sample, uint64_t decodeTime,
+                           Bytes* owned) {
   ++sampleCount;
   stts->addEntry(1, sample.duration);
   if (frameSize == 0) stsz->addEntry(sample.size);
@@ -53,15 +81,14 @@ void RecordedTrack::append(const uint8_t* bytes, const HeldSample& sample, uint6
   }
   Chunk& chunk = chunks.back();
   chunk.samples.push_back(sample);
-  chunk.data.insert(chunk.data.end(), bytes, bytes + sample.size);
+  chunk.add(bytes, sample.size, owned);
   endTime = decodeTime + sample.duration;
   lastDuration = sample.duration;
 }
 
 void RecordedTrack::clearChunks() {
   for (Chunk& chunk : chunks) {
-    chunk.samples.clear();
-    chunk.data.clear();
+    chunk.clear();
     spareChunks.push_back(std::move(chunk));
   }
   chunks.clear();

@@ -25,7 +25,15 @@ struct HeldSample {
 struct Chunk {
   uint64_t startTime = 0;  // decode time of the first sample
   std::vector<HeldSample> samples;
-  Bytes data;
+  // The samples' bytes in order: a large sample's own buffer as the caller
+  // gave it, smaller samples copied one after another; written in one call.
+  std::vector<Bytes> pieces;
+  uint64_t size = 0;
+  bool copying = false;  // the last piece takes copies
+
+  // Adds a sample's bytes; `owned`, when given, holds them and may be taken.
+  void add(const uint8_t* bytes, uint32_t count, Bytes* owned);
+  void clear();
 };
 
 // Sample flags of fragments: a key frame depends on no other sample; any
@@ -71,9 +79,8 @@ struct RecordedTrack {
   bool pendingKey = true;
   Bytes pendingBytes;
 
-  // This fragment's chunks, in time order. The buffers of chunks written
-  // are kept for the next ones: buffers of a chunk's size given back to the
-  // system are zeroed again when the next chunk takes them.
+  // This fragment's chunks, in time order; the chunks written are kept for
+  // the next ones.
   std::vector<Chunk> chunks;
   std::vector<Chunk> spareChunks;
 
@@ -82,8 +89,8 @@ struct RecordedTrack {
   // Ticks of the track's time scale in `seconds`, at least 1.
   uint64_t ticks(double seconds) const;
   // Adds a sample whose duration is known to the tables and to the
-  // fragment, opening a chunk every `chunkTicks`.
-  void append(const uint8_t* bytes, const HeldSample& sample, uint64_t decodeTime);
+  // fragment, opening a chunk every `chunkTicks`; see Chunk::add.
+  void append(const uint8_t* bytes, const HeldSample& sample, uint64_t decodeTime, Bytes* owned);
   // The chunks were written; their buffers are kept.
   void clearChunks();
   // Records where a chunk of `samples` samples starts in the file.

@@ -58,7 +58,7 @@ struct Recorder::State {
   bool fragmented() const { return options.layout != RecorderOptions::Layout::Plain; }
   Status fail(const std::string& what);
   Status writeBytes(const Bytes& bytes);
-  Status writeChunk(Bytes& data);
+  Status writeChunk(std::vector<Bytes>& pieces);
   Status writeAt(uint64_t offset, const Bytes& bytes);
   Status sync();
   Status start();
@@ -68,7 +68,8 @@ struct Recorder::State {
   Status write(uint32_t id, const uint8_t* bytes, size_t size, const SampleTime& time,
                Bytes* owned);
   void complete(RecordedTrack& track, uint64_t nextTime);
-  void hold(RecordedTrack& track, const uint8_t* bytes, const HeldSample& sample, uint64_t time);
+  void hold(RecordedTrack& track, const uint8_t* bytes, const HeldSample& sample, uint64_t time,
+            Bytes* owned);
   bool fragmentDue(const RecordedTrack& track, const SampleTime& time, size_t size) const;
   std::vector<PlacedChunk> heldChunks();
   Status writeFragmentHead(std::vector<PlacedChunk>& placed);
@@ -97,11 +98,14 @@ Status Recorder::State::writeBytes(const Bytes& bytes) {
   return {};
 }
 
-// A chunk's bytes; the file's writing thread may take its buffer and
-// leave another.
-Status Recorder::State::writeChunk(Bytes& data) {
-  if (path.empty()) return writeBytes(data);
-  return file.give(data) == 0 ? Status{} : fail("cannot write");
+// A chunk's bytes; the file may take its buffers.
+Status Recorder::State::writeChunk(std::vector<Bytes>& pieces) {
+  if (!path.empty()) return file.give(pieces) == 0 ? Status{} : fail("cannot write");
+  for (const Bytes& piece : pieces) {
+    const auto count = static_cast<unsigned>(piece.size());
+    if (out->write(piece.data(), count) != static_cast<int>(count)) return fail("cannot write");
+  }
+  return {};
 }
 
 Status Recorder::State::writeAt(uint64_t offset, const Bytes& bytes) {
@@ -188,18 +192,18 @@ void Recorder::State::complete(RecordedTrack& track, uint64_t nextTime) {
   const auto duration = static_cast<uint32_t>(nextTime - track.pendingTime);
   const HeldSample sample{static_cast<uint32_t>(track.pendingBytes.size()), duration,
                           track.pendingOffset, track.pendingKey};
-  hold(track, track.pendingBytes.data(), sample, track.pendingTime);
+  hold(track, track.pendingBytes.data(), sample, track.pendingTime, &track.pendingBytes);
   track.pending = false;
 }
 
 void Recorder::State::hold(RecordedTrack& track, const uint8_t* bytes, const HeldSample& sample,
-                           uint64_t time) {
+                           uint64_t time, Bytes* owned) {
   if (!holding) {
     holding = true;
     fragmentStart = static_cast<double>(time) / track.timescale;
   }
   held += sample.size;
-  track.append(bytes, sample, time);
+  track.append(bytes, sample, time, owned);
 }
 
 // A fragment ends before a video key frame once half its length has passed,
@@ -237,7 +241,7 @@ Status Recorder::State::writeFragmentHead(std::vector<PlacedChunk>& placed) {
   uint64_t data = kMdatHeader;
   for (PlacedChunk& chunk : placed) {
     chunk.dataOffset = static_cast<uint32_t>(data);
-    data += chunk.chunk->data.size();
+    data += chunk.chunk->size;
   }
   Bytes head = record::fragmentBox(++sequence, placed);
   if (head.empty()) return fail("a box could not be built");
@@ -256,8 +260,8 @@ Status Recorder::State::flush() {
   }
   uint64_t at = static_cast<uint64_t>(out->getOffset());
   for (const PlacedChunk& chunk : placed) {
-    const uint64_t size = chunk.chunk->data.size();
-    if (Status written = writeChunk(chunk.chunk->data); !written.ok()) return written;
+    const uint64_t size = chunk.chunk->size;
+    if (Status written = writeChunk(chunk.chunk->pieces); !written.ok()) return written;
     chunk.track->addChunk(at, static_cast<uint32_t>(chunk.chunk->samples.size()));
     at += size;
   }
@@ -412,7 +416,8 @@ Status Recorder::State::write(uint32_t id, const uint8_t* bytes, size_t size,
   const size_t frame = track.frameSize == 0 ? size : track.frameSize;
   const size_t count = size / frame;
   for (size_t i = 0; i + 1 < count; ++i) {
-    hold(track, bytes + i * frame, {static_cast<uint32_t>(frame), 1, 0, true}, time.decodeTime + i);
+    hold(track, bytes + i * frame, {static_cast<uint32_t>(frame), 1, 0, true}, time.decodeTime + i,
+         nullptr);
   }
   track.pending = true;
   track.pendingTime = time.decodeTime + count - 1;
