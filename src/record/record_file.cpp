@@ -23,9 +23,14 @@ constexpr size_t kBufferSize = size_t{1} << 20;
 constexpr size_t kDirectSize = size_t{64} << 10;
 // Pieces written by one system call.
 constexpr size_t kMaxVectors = IOV_MAX;
-// Buffers waiting for the writing thread or being written: what a
-// recording killed at any instant may lose beyond its last fragment.
-constexpr size_t kBackgroundBuffers = 4;
+// Bytes waiting for the writing thread or being written: what a recording
+// killed at any instant may lose beyond its last fragment. A write waits
+// while more would be queued (a larger one goes alone). Counting bytes,
+// not writes, lets the many small writes of a fragment pass while the
+// thread writes a large one.
+constexpr uint64_t kMaxQueued = uint64_t{4} << 20;
+// Buffers of the file's own kept to be filled again.
+constexpr size_t kSpareBuffers = 4;
 
 }  // namespace
 
@@ -37,25 +42,27 @@ struct RecordFile::Writer {
     enum class Kind { Write, Sync, Mark } kind = Kind::Write;
     uint64_t offset = 0;  // where the bytes go, or the end marked
     std::vector<std::vector<unsigned char>> pieces;
+    uint64_t size = 0;  // bytes of the pieces
   };
 
   std::mutex mutex;
   std::condition_variable changed;
   std::deque<Job> jobs;
   std::vector<std::vector<unsigned char>> spare;  // buffers written, to fill again
-  size_t writes = 0;  // write jobs queued or being done
+  uint64_t queued = 0;  // bytes of write jobs queued or being done
   bool working = false;
   bool stopping = false;
   uint64_t marked = 0;
   std::thread thread;
 
-  // Queues a job; a write waits while the thread has enough of them.
+  // Queues a job; a write waits while the thread has enough bytes to write.
   void queue(Job job) {
+    for (const std::vector<unsigned char>& piece : job.pieces) job.size += piece.size();
     {
       std::unique_lock<std::mutex> lock(mutex);
       if (job.kind == Job::Kind::Write) {
-        changed.wait(lock, [this] { return writes < kBackgroundBuffers; });
-        ++writes;
+        changed.wait(lock, [&] { return queued == 0 || queued + job.size <= kMaxQueued; });
+        queued += job.size;
       }
       jobs.push_back(std::move(job));
     }
@@ -112,8 +119,8 @@ int RecordFile::open(const std::string& path, bool background) {
       lock.lock();
       if (job.kind == Writer::Job::Kind::Mark && error_ == 0) w.marked = job.offset;
       if (job.kind == Writer::Job::Kind::Write) {
-        --w.writes;
-        if (buffer.capacity() != 0 && w.spare.size() < kBackgroundBuffers) {
+        w.queued -= job.size;
+        if (buffer.capacity() != 0 && w.spare.size() < kSpareBuffers) {
           w.spare.push_back(std::move(buffer));
         }
       }

@@ -23,8 +23,8 @@ class RecordFile : public IOStream {
   RecordFile& operator=(const RecordFile&) = delete;
 
   // Creates or truncates the file; 0, or -1 with error() set. With
-  // `background`, a thread writes the bytes in the order they came, from a
-  // few buffers: a write waits only when every buffer is still queued.
+  // `background`, a thread writes the bytes in the order they came: a
+  // write waits only while 4 MiB are still queued.
   int open(const std::string& path, bool background = false);
   int close();
 

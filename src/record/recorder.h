@@ -45,7 +45,7 @@ struct RecorderOptions {
   // Media held in memory before it is written out, whatever the times say.
   size_t maxBufferedBytes = 64u << 20;
   // Writes on a thread of the recorder's own (for a recording named by its
-  // path), from 4 buffers of 1 MiB: the caller's thread prepares the next
+  // path), up to 4 MiB behind the caller: the caller's thread prepares the next
   // fragment meanwhile. A failure of such a write ends the recording at
   // the next fragment or at finish(), with the file cut back to its last
   // whole fragment as when the caller's thread writes.
