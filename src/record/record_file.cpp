@@ -250,13 +250,13 @@ int RecordFile::give(std::vector<std::vector<unsigned char>>& pieces) {
     if (flush() != 0) return -1;
     if (writer_) {
       writer_->queue({Writer::Job::Kind::Write, position_, std::move(pieces)});
+      pieces.clear();
     } else if (writeAt(position_, pieces) != 0) {
       return -1;
     }
     position_ += count;
     length_ = std::max(length_, position_);
   }
-  pieces.clear();
   return error_ == 0 ? 0 : -1;
 }
 

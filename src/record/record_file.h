@@ -33,7 +33,7 @@ class RecordFile : public IOStream {
   int seek(long long offset) override;
   // Writes the pieces one after another like write(), in one system call
   // when they are large; in the background large pieces go to the thread
-  // as they are. `pieces` is left empty.
+  // as they are, and `pieces` is left empty.
   int give(std::vector<std::vector<unsigned char>>& pieces);
   long long getOffset() override { return position_; }
   long long getLength() override { return length_; }

@@ -20,15 +20,21 @@ void Chunk::add(const uint8_t* bytes, uint32_t count, Bytes* owned) {
     owned->clear();
     copying = false;
   } else {
-    if (!copying) pieces.emplace_back();
+    if (!copying) pieces.push_back(std::move(spare));
     copying = true;
     pieces.back().insert(pieces.back().end(), bytes, bytes + count);
   }
   size += count;
 }
 
+// The largest piece left (those the file did not take) is kept: a chunk of
+// small samples then takes no memory from the system.
 void Chunk::clear() {
   samples.clear();
+  for (Bytes& piece : pieces) {
+    if (piece.capacity() > spare.capacity()) spare.swap(piece);
+  }
+  spare.clear();
   pieces.clear();
   size = 0;
   copying = false;

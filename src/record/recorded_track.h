@@ -30,6 +30,7 @@ struct Chunk {
   std::vector<Bytes> pieces;
   uint64_t size = 0;
   bool copying = false;  // the last piece takes copies
+  Bytes spare;           // a piece written, to take copies again
 
   // Adds a sample's bytes; `owned`, when given, holds them and may be taken.
   void add(const uint8_t* bytes, uint32_t count, Bytes* owned);
