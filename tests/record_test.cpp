@@ -527,8 +527,10 @@ TEST_F(Record, FullDiskKeepsTheFragmentsWritten) {
 
 // A write the writing thread fails keeps the fragment end queued after it
 // from being marked whole (the file would be cut back to bytes it never
-// got), and drain() waits for the thread to meet that failure: a large
-// write is still going on when the caller asks. The file may grow to 32 MiB.
+// got), and drain() waits for the thread to meet that failure. The write
+// is two pieces that cross the file size limit: the system writes part of
+// them, and what is left must go after that part, where it fails, not over
+// the file's first bytes. The file may grow to 32 MiB.
 TEST_F(Record, NoFragmentMarkedWholeAfterAFailedWrite) {
   const rlim_t limit = 32u << 20;
   const pid_t child = fork();
@@ -539,10 +541,11 @@ TEST_F(Record, NoFragmentMarkedWholeAfterAFailedWrite) {
     setrlimit(RLIMIT_FSIZE, &fileSize);
     RecordFile file;
     if (file.open(out("failed.bin"), true) != 0) _exit(2);
-    std::vector<std::vector<unsigned char>> large(1, std::vector<unsigned char>(limit, 7));
-    const unsigned char past[64] = {};
-    if (file.give(large) != 0 || file.write(past, sizeof past) != sizeof past) _exit(3);
-    file.mark(limit + sizeof past);
+    std::vector<std::vector<unsigned char>> pieces;
+    pieces.emplace_back(limit - 100, 7);
+    pieces.emplace_back(200, 9);
+    if (file.give(pieces) != 0) _exit(3);
+    file.mark(limit + 100);
     const bool failed = file.drain() != 0 && file.error() == EFBIG;
     _exit(failed && file.marked() == 0 ? 0 : 1);
   }
@@ -550,6 +553,14 @@ TEST_F(Record, NoFragmentMarkedWholeAfterAFailedWrite) {
   ASSERT_EQ(waitpid(child, &status, 0), child);
   ASSERT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 0);
+  std::ifstream written(out("failed.bin"), std::ios::binary);
+  auto byteAt = [&written](std::streamoff offset) {
+    written.seekg(offset);
+    return written.get();
+  };
+  EXPECT_EQ(fs::file_size(out("failed.bin")), limit);
+  EXPECT_EQ(byteAt(0), 7);
+  EXPECT_EQ(byteAt(limit - 100), 9);
 }
 
 // The same at finish(): the moov fails to reach a disk that is full while
