@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <memory>
 
 #if defined(__unix__)
@@ -19,12 +20,14 @@ namespace {
 constexpr size_t kLook = 16u << 20;
 // The window's size: a look from anywhere in its first megabytes.
 constexpr size_t kSpan = kLook + (4u << 20);
-constexpr size_t kPage = 4096;
+constexpr size_t kPage = 1024;
 // The bytes at a NAL unit's start that its header and a slice header take,
 // emulation-prevention bytes included.
 constexpr size_t kNalStart = 256;
 // The largest raw AAC frame: 6144 bits a channel, 8 channels.
 constexpr size_t kAacLook = 6144;
+// The bytes of an AAC chunk read first: a few frames.
+constexpr size_t kAacFirstPart = 2048;
 // How far one track's decode time may run ahead of the track furthest
 // behind: muxers interleave by time, so a track that runs further ahead is
 // fed by bytes that are not its own.
@@ -236,12 +239,20 @@ class Scanner {
       case TrackModel::Kind::Aac: {
         if (!aacFrameLength_) break;
         const size_t look = std::min(got, kAacLook);
-        if (!window_.need(pos_, look)) break;
         // The frames of a chunk run up to the next video frame: given just
-        // those bytes, the finder splits them in one pass.
-        const size_t run = videoStart(data, look);
+        // those bytes, the finder splits them in one pass. Most chunks are
+        // short, so their first bytes are read alone first.
+        size_t run = 0;
+        for (size_t part = std::min(look, kAacFirstPart); run == 0; part = look) {
+          if (!window_.need(pos_, part)) return found;
+          run = runToVideo(data, part);
+          if (part == look) break;
+        }
         size_t length = run != 0 ? aacFrameLength_(model.aacConfig, data, run) : 0;
-        if (length == 0 || length > run) length = aacFrameLength_(model.aacConfig, data, look);
+        if (length == 0 || length > run) {
+          if (!window_.need(pos_, look)) break;
+          length = aacFrameLength_(model.aacConfig, data, look);
+        }
         if (length <= look) found.length = length;
         break;
       }
@@ -309,7 +320,17 @@ class Scanner {
       if (model.kind != TrackModel::Kind::Video) continue;
       const NalFormat& format = model.nal;
       const unsigned headerSize = format.codec == VideoCodec::H264 ? 1 : 2;
+      // Lengths this short start with a zero byte: the search jumps from
+      // one to the next.
+      const bool zeroFirst =
+          format.lengthSize > 1 && (format.maxNalLength >> (8 * (format.lengthSize - 1))) == 0;
       for (size_t at = 1; at + format.lengthSize + headerSize <= look; ++at) {
+        if (zeroFirst && data[at] != 0) {
+          const void* zero = std::memchr(data + at, 0, look - at);
+          if (zero == nullptr) return 0;
+          at = static_cast<size_t>(static_cast<const uint8_t*>(zero) - data);
+          if (at + format.lengthSize + headerSize > look) return 0;
+        }
         const uint64_t length = lengthAt(data + at, format.lengthSize);
         if (length >= headerSize && length <= format.maxNalLength &&
             plausibleNalHeader(format, data + at + format.lengthSize, headerSize)) {
@@ -319,6 +340,17 @@ class Scanner {
       return 0;
     }
     return 0;
+  }
+
+  // videoStart from the position. The start found for a chunk's first
+  // frame is the next one for its later frames too (no start lay between),
+  // so the chunk's bytes are searched once, not once for each frame.
+  size_t runToVideo(const uint8_t* data, size_t look) {
+    if (videoAt_ <= pos_ || videoAt_ - pos_ >= look) {
+      const size_t found = videoStart(data, look);
+      videoAt_ = found != 0 ? pos_ + found : 0;
+    }
+    return videoAt_ > pos_ ? static_cast<size_t>(videoAt_ - pos_) : 0;
   }
 
   const TrackTables& tables(const TrackModel& model) const {
@@ -350,6 +382,7 @@ class Scanner {
   std::vector<PictureOrder> orders_;
   ScanResult result_;
   bool videoCut_ = false;  // a video frame cut off by the end starts at the position
+  uint64_t videoAt_ = 0;   // the last start runToVideo found, 0 for none
 };
 
 }  // namespace
