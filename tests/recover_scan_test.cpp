@@ -133,6 +133,63 @@ TEST(RecoverScan, FindsEverySampleFromAFileAndFromMemory) {
   EXPECT_EQ(scan.tables[1].samples(), (media.packets - 1) * 320);
 }
 
+// The frames of an AAC chunk are each looked for in the bytes up to the
+// next video frame, whatever the NAL length size: a finder that knows the
+// frame length (100 bytes) records what it is given. Video frames of one
+// IDR slice of 0x8100 bytes (a 2-byte length starts with a nonzero byte,
+// and neither of its bytes reads as a NAL header) alternate with chunks of
+// three frames whose bytes read as no NAL unit.
+TEST(RecoverScan, AacFramesAreLookedForUpToTheNextVideoFrame) {
+  constexpr size_t kFrame = 100, kFramesPerChunk = 3, kChunks = 20;
+  for (const unsigned lengthSize : {4u, 2u}) {
+    SCOPED_TRACE(lengthSize);
+    auto prefixed = [lengthSize](const std::vector<uint8_t>& nal) {
+      std::vector<uint8_t> out;
+      for (unsigned i = lengthSize; i-- > 0;) out.push_back(static_cast<uint8_t>(nal.size() >> (8 * i)));
+      out.insert(out.end(), nal.begin(), nal.end());
+      return out;
+    };
+    std::vector<uint8_t> sets = prefixed(kSps);
+    const std::vector<uint8_t> pps = prefixed(kPps);
+    sets.insert(sets.end(), pps.begin(), pps.end());
+    Result<recovery::NalFormat> format = recovery::nalFormat(recovery::VideoCodec::H264, lengthSize, sets);
+    ASSERT_TRUE(format.ok()) << format.message();
+    std::vector<TrackModel> tracks(2);
+    tracks[0].kind = TrackModel::Kind::Video;
+    tracks[0].nal = *format;
+    tracks[0].timescale = 25;
+    tracks[0].sampleDuration = 1;
+    tracks[1].kind = TrackModel::Kind::Aac;
+    tracks[1].aacConfig = {0x11, 0x90};
+    tracks[1].timescale = 25 * 1024 * kFramesPerChunk;  // a chunk lasts as long as a frame
+    tracks[1].sampleDuration = 1024;
+
+    std::vector<uint8_t> idr = kIdr;
+    idr.resize(0x8100, 0);
+    const std::vector<uint8_t> frame = prefixed(idr);
+    std::vector<unsigned char> media;
+    for (size_t chunk = 0; chunk < kChunks; ++chunk) {
+      media.insert(media.end(), frame.begin(), frame.end());
+      media.insert(media.end(), kFrame * kFramesPerChunk, 0xff);
+    }
+    std::vector<size_t> given;
+    const AacFrameLength finder = [&given](const std::vector<uint8_t>&, const uint8_t*, size_t available) {
+      given.push_back(available);
+      return available >= kFrame ? kFrame : 0;
+    };
+    MemoryStream stream(media);
+    recovery::ScanResult scan = recovery::scanMedia(stream, 0, media.size(), tracks, finder);
+    EXPECT_EQ(scan.stop, "");
+    EXPECT_EQ(scan.tables[0].samples(), kChunks);
+    EXPECT_EQ(scan.tables[1].samples(), kChunks * kFramesPerChunk);
+    std::vector<size_t> expected;
+    for (size_t chunk = 0; chunk < kChunks; ++chunk) {
+      for (size_t left = kFramesPerChunk; left > 0; --left) expected.push_back(left * kFrame);
+    }
+    EXPECT_EQ(given, expected);
+  }
+}
+
 // Raw AAC frames of a file made by ffmpeg, mono at 48 kHz.
 std::vector<std::string> aacFrames(const std::string& dir) {
   const std::string path = dir + "/tone.m4a";
