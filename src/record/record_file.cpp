@@ -180,8 +180,8 @@ int RecordFile::writeAt(uint64_t offset, const std::vector<std::vector<unsigned 
     for (; next < pieces.size() && vectors.size() < kMaxVectors; ++next) {
       vectors.push_back({const_cast<unsigned char*>(pieces[next].data()), pieces[next].size()});
     }
-    ssize_t done = ::pwritev(fd_, vectors.data(), static_cast<int>(vectors.size()),
-                             static_cast<off_t>(offset));
+    const ssize_t done = ::pwritev(fd_, vectors.data(), static_cast<int>(vectors.size()),
+                                   static_cast<off_t>(offset));
     if (done < 0 && errno != EINTR) return fail();
     // What a short write left is written piece by piece.
     auto skip = static_cast<size_t>(std::max<ssize_t>(done, 0));
