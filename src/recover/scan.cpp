@@ -242,11 +242,12 @@ class Scanner {
         // The frames of a chunk run up to the next video frame: given just
         // those bytes, the finder splits them in one pass. Most chunks are
         // short, so their first bytes are read alone first.
-        size_t run = 0;
-        for (size_t part = std::min(look, kAacFirstPart); run == 0; part = look) {
-          if (!window_.need(pos_, part)) return found;
-          run = runToVideo(data, part);
-          if (part == look) break;
+        const size_t part = std::min(look, kAacFirstPart);
+        if (!window_.need(pos_, part)) break;
+        size_t run = runToVideo(data, part);
+        if (run == 0 && part < look) {
+          if (!window_.need(pos_, look)) break;
+          run = runToVideo(data, look);
         }
         size_t length = run != 0 ? aacFrameLength_(model.aacConfig, data, run) : 0;
         if (length == 0 || length > run) {
