@@ -1,7 +1,10 @@
 // How recovery reads the media data it walks: only the pages it looks at,
 // from a file on disk and from memory alike, across media data larger than
 // one look; and how the command splits runs of raw AAC frames.
+#include <algorithm>
 #include <fstream>
+#include <functional>
+#include <mutex>
 
 #include "aac_frames.h"
 #include <mp4stbl/edit/output.h>
@@ -172,21 +175,37 @@ TEST(RecoverScan, AacFramesAreLookedForUpToTheNextVideoFrame) {
       media.insert(media.end(), frame.begin(), frame.end());
       media.insert(media.end(), kFrame * kFramesPerChunk, 0xff);
     }
+    std::mutex mutex;
     std::vector<size_t> given;
-    const AacFrameLength finder = [&given](const std::vector<uint8_t>&, const uint8_t*, size_t available) {
+    const AacFrameLength finder = [&](const std::vector<uint8_t>&, const uint8_t*, size_t available) {
+      const std::lock_guard<std::mutex> lock(mutex);
       given.push_back(available);
       return available >= kFrame ? kFrame : 0;
     };
-    MemoryStream stream(media);
-    recovery::ScanResult scan = recovery::scanMedia(stream, 0, media.size(), tracks, finder);
-    EXPECT_EQ(scan.stop, "");
-    EXPECT_EQ(scan.tables[0].samples(), kChunks);
-    EXPECT_EQ(scan.tables[1].samples(), kChunks * kFramesPerChunk);
+    // Each frame is asked for once, with the bytes up to the next video
+    // frame: by the walk, or from a file by a thread that splits chunks
+    // ahead of it.
     std::vector<size_t> expected;
-    for (size_t chunk = 0; chunk < kChunks; ++chunk) {
-      for (size_t left = kFramesPerChunk; left > 0; --left) expected.push_back(left * kFrame);
+    for (size_t left = kFramesPerChunk; left > 0; --left) {
+      expected.insert(expected.end(), kChunks, left * kFrame);
     }
-    EXPECT_EQ(given, expected);
+    ScratchDir dir("recover_aac");
+    const std::string path = dir / "media";
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(media.data()), static_cast<std::streamsize>(media.size()));
+    FileStream onDisk;
+    ASSERT_EQ(onDisk.open(path, FileStream::Mode::Read), 0);
+    MemoryStream inMemory(media);
+    for (IOStream* stream : {static_cast<IOStream*>(&inMemory), static_cast<IOStream*>(&onDisk)}) {
+      SCOPED_TRACE(stream == &onDisk ? "file" : "memory");
+      given.clear();
+      recovery::ScanResult scan = recovery::scanMedia(*stream, 0, media.size(), tracks, finder);
+      EXPECT_EQ(scan.stop, "");
+      EXPECT_EQ(sizesOf(scan.tables[0]), std::vector<uint32_t>(kChunks, static_cast<uint32_t>(frame.size())));
+      EXPECT_EQ(sizesOf(scan.tables[1]), std::vector<uint32_t>(kChunks * kFramesPerChunk, kFrame));
+      std::sort(given.begin(), given.end(), std::greater<>());
+      EXPECT_EQ(given, expected);
+    }
   }
 }
 

@@ -135,12 +135,13 @@ class AacDecoder {
 
 AacFrameLength aacFrameLength() {
   if (libavcodec() == nullptr) return {};
-  auto decoder = std::make_shared<std::unique_ptr<AacDecoder>>();
-  return [decoder](const std::vector<uint8_t>& config, const uint8_t* data, size_t available) {
-    if (*decoder == nullptr || (*decoder)->config() != config) {
-      *decoder = std::make_unique<AacDecoder>(config);
+  // A decoder for each thread that asks: recovery splits AAC chunks on two.
+  return [](const std::vector<uint8_t>& config, const uint8_t* data, size_t available) {
+    thread_local std::unique_ptr<AacDecoder> decoder;
+    if (decoder == nullptr || decoder->config() != config) {
+      decoder = std::make_unique<AacDecoder>(config);
     }
-    return (*decoder)->frameLength(data, available);
+    return decoder->frameLength(data, available);
   };
 }
 

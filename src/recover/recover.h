@@ -15,7 +15,8 @@ namespace mp4stbl {
 
 // The length of the raw AAC frame at `data` (`available` bytes, at most
 // a frame's largest), found by decoding it with the stream's
-// AudioSpecificConfig; 0 when no frame decodes there.
+// AudioSpecificConfig; 0 when no frame decodes there. Called from two
+// threads at once: the same bytes must give the same answer on either.
 using AacFrameLength =
     std::function<size_t(const std::vector<uint8_t>& specificConfig, const uint8_t* data,
                          size_t available)>;

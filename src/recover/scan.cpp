@@ -2,8 +2,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
+#include <map>
 #include <memory>
+#include <mutex>
+#include <thread>
 
 #if defined(__unix__)
 #include <fcntl.h>
@@ -28,6 +32,8 @@ constexpr size_t kNalStart = 256;
 constexpr size_t kAacLook = 6144;
 // The bytes of an AAC chunk read first: a few frames.
 constexpr size_t kAacFirstPart = 2048;
+// AAC chunks split ahead of the walk, at most.
+constexpr size_t kChunksAhead = 64;
 // How far one track's decode time may run ahead of the track furthest
 // behind: muxers interleave by time, so a track that runs further ahead is
 // fed by bytes that are not its own.
@@ -53,6 +59,10 @@ class Reader {
   }
   Reader(const Reader&) = delete;
   Reader& operator=(const Reader&) = delete;
+
+  // Whether the reads go straight to the file, so that another reader of
+  // the same stream may read on another thread.
+  bool direct() const { return fd_ >= 0; }
 
   bool read(uint64_t offset, uint8_t* to, size_t length) {
 #if defined(__unix__)
@@ -134,6 +144,7 @@ class Window {
 
   bool failed() const { return failed_; }
   uint64_t failedAt() const { return failedAt_; }
+  bool direct() const { return reader_.direct(); }
 
  private:
   Reader reader_;
@@ -152,6 +163,91 @@ struct Progress {
   }
 };
 
+// AAC chunks split on a second thread ahead of the walk. A chunk runs from
+// where the video frames before it end to where the next one starts; a
+// second walk finds the chunks by the video frames alone (where the walk
+// finds them too when each chunk's frames fill it) and asks the finder for
+// each frame of a chunk as the walk would. The walk takes an answer only
+// for the same frame of a chunk with the same end and finds any other
+// itself, so its result is the same as without the thread.
+class AacAhead {
+ public:
+  struct Frame {
+    uint64_t start = 0;
+    size_t length = 0;
+  };
+
+  // The walk at `pos`, in the chunk that ends at `end`: the frame's length
+  // as the thread found it (waiting while the thread splits that chunk), or
+  // 0 when the walk is to find it itself.
+  size_t length(uint64_t pos, uint64_t end) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    reached_ = pos;
+    while (!chunks_.empty() && chunks_.begin()->second.end <= pos) chunks_.erase(chunks_.begin());
+    changed_.notify_all();
+    auto chunk = chunks_.upper_bound(pos);
+    if (chunk == chunks_.begin()) return 0;
+    --chunk;
+    if (chunk->second.end != end) return 0;
+    changed_.wait(lock, [&] { return chunk->second.split || stopping_; });
+    for (const Frame& frame : chunk->second.frames) {
+      if (frame.start == pos) return frame.length;
+    }
+    return 0;
+  }
+
+  // The thread, at the chunk [start, end): true when it is to split it,
+  // every other chunk the walk has not reached (the walk splits the others
+  // meanwhile); waits while it is far enough ahead.
+  bool claim(uint64_t start, uint64_t end) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [&] { return chunks_.size() < kChunksAhead || stopping_; });
+    if (stopping_ || start <= reached_ || (seen_++ & 1) == 0) return false;
+    chunks_.emplace(start, Chunk{end, false, {}});
+    return true;
+  }
+
+  // The frames the thread found in the chunk it claimed at `start`, unless
+  // the walk went past it meanwhile.
+  void split(uint64_t start, std::vector<Frame> frames) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      const auto chunk = chunks_.find(start);
+      if (chunk == chunks_.end()) return;
+      chunk->second.frames = std::move(frames);
+      chunk->second.split = true;
+    }
+    changed_.notify_all();
+  }
+
+  void stop() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stopping_ = true;
+    }
+    changed_.notify_all();
+  }
+
+  bool stopping() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return stopping_;
+  }
+
+ private:
+  struct Chunk {
+    uint64_t end = 0;
+    bool split = false;
+    std::vector<Frame> frames;
+  };
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::map<uint64_t, Chunk> chunks_;  // by start: claimed by the thread, not yet passed by the walk
+  uint64_t reached_ = 0;             // where the walk last looked for an AAC frame
+  uint64_t seen_ = 0;                // chunks the thread came to
+  bool stopping_ = false;
+};
+
 // A sample that may start at the walk's position.
 struct Candidate {
   uint64_t length = 0;  // 0: none
@@ -162,10 +258,13 @@ struct Candidate {
 
 class Scanner {
  public:
+  // With `ahead`, the walk takes the AAC frames the thread found; with
+  // `walksAhead` too, this is the thread's walk.
   Scanner(IOStream& stream, uint64_t start, uint64_t end, const std::vector<TrackModel>& models,
-          const AacFrameLength& aacFrameLength)
+          const AacFrameLength& aacFrameLength, AacAhead* ahead = nullptr, bool walksAhead = false)
       : window_(stream, end), pos_(start), end_(end), models_(models),
-        aacFrameLength_(aacFrameLength), progress_(models.size()), orders_(models.size()) {
+        aacFrameLength_(aacFrameLength), progress_(models.size()), orders_(models.size()),
+        ahead_(ahead), walksAhead_(walksAhead) {
     for (const TrackModel& model : models) {
       result_.tables.emplace_back(model.kind == TrackModel::Kind::Fixed ? model.sampleSize : 0);
     }
@@ -173,8 +272,10 @@ class Scanner {
     result_.end = start;
   }
 
+  bool direct() const { return window_.direct(); }
+
   ScanResult run() {
-    while (pos_ < end_) {
+    while (pos_ < end_ && !(walksAhead_ && ahead_->stopping())) {
       size_t got = 0;
       const uint8_t* data = window_.at(pos_, kLook, &got);
       const bool taken = step(data, got);
@@ -200,9 +301,11 @@ class Scanner {
     for (size_t t = 0; t < models_.size(); ++t) {
       earliest = std::min(earliest, progress_[t].seconds(models_[t]));
     }
+    // The walk ahead counts an AAC chunk as one sample, so it takes no
+    // track for being ahead.
     std::vector<size_t> order;
     for (size_t t = 0; t < models_.size(); ++t) {
-      if (progress_[t].seconds(models_[t]) <= earliest + kLead) order.push_back(t);
+      if (walksAhead_ || progress_[t].seconds(models_[t]) <= earliest + kLead) order.push_back(t);
     }
     std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) {
       const bool videoA = models_[a].kind == TrackModel::Kind::Video;
@@ -248,6 +351,14 @@ class Scanner {
         if (run == 0 && part < look) {
           if (!window_.need(pos_, look)) break;
           run = runToVideo(data, look);
+        }
+        if (walksAhead_) {
+          found.length = run != 0 && splitAhead(model, data, run) ? run : 0;
+          break;
+        }
+        if (ahead_ != nullptr && run != 0) {
+          found.length = ahead_->length(pos_, pos_ + run);
+          if (found.length != 0) break;
         }
         size_t length = run != 0 ? aacFrameLength_(model.aacConfig, data, run) : 0;
         if (length == 0 || length > run) {
@@ -354,6 +465,22 @@ class Scanner {
     return videoAt_ > pos_ ? static_cast<size_t>(videoAt_ - pos_) : 0;
   }
 
+  // The thread's walk at a chunk of `run` bytes: its frames as the walk
+  // would find them with `run`, split when the walk has not reached the
+  // chunk. False when the walk is over.
+  bool splitAhead(const TrackModel& model, const uint8_t* data, size_t run) {
+    if (!ahead_->claim(pos_, pos_ + run)) return !ahead_->stopping();
+    std::vector<AacAhead::Frame> frames;
+    for (size_t at = 0; at < run;) {
+      const size_t length = aacFrameLength_(model.aacConfig, data + at, run - at);
+      if (length == 0 || length > run - at) break;
+      frames.push_back({pos_ + at, length});
+      at += length;
+    }
+    ahead_->split(pos_, std::move(frames));
+    return true;
+  }
+
   const TrackTables& tables(const TrackModel& model) const {
     return result_.tables[static_cast<size_t>(&model - models_.data())];
   }
@@ -384,7 +511,19 @@ class Scanner {
   ScanResult result_;
   bool videoCut_ = false;  // a video frame cut off by the end starts at the position
   uint64_t videoAt_ = 0;   // the last start runToVideo found, 0 for none
+  AacAhead* ahead_;
+  bool walksAhead_;
 };
+
+// Whether AAC frames are worth splitting ahead: one AAC track (the thread
+// splits with its configuration) beside video, whose frames end the chunks.
+bool splitsAhead(const std::vector<TrackModel>& models, const AacFrameLength& aacFrameLength) {
+  auto count = [&models](TrackModel::Kind kind) {
+    return std::count_if(models.begin(), models.end(),
+                         [kind](const TrackModel& model) { return model.kind == kind; });
+  };
+  return aacFrameLength && count(TrackModel::Kind::Aac) == 1 && count(TrackModel::Kind::Video) != 0;
+}
 
 }  // namespace
 
@@ -399,7 +538,21 @@ ScanResult scanMedia(IOStream& stream, uint64_t start, uint64_t end,
     none.end = start;
     return none;
   }
-  return Scanner(stream, start, end, models, aacFrameLength).run();
+  if (!splitsAhead(models, aacFrameLength)) {
+    return Scanner(stream, start, end, models, aacFrameLength).run();
+  }
+  AacAhead ahead;
+  Scanner walk(stream, start, end, models, aacFrameLength, &ahead);
+  // The thread reads the file through a descriptor of its own.
+  if (!walk.direct()) return walk.run();
+  std::thread thread([&] {
+    Scanner walkAhead(stream, start, end, models, aacFrameLength, &ahead, true);
+    if (walkAhead.direct()) walkAhead.run();
+  });
+  ScanResult result = walk.run();
+  ahead.stop();
+  thread.join();
+  return result;
 }
 
 }  // namespace mp4stbl::recovery
