@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <system_error>
 #include <thread>
 
 #if defined(__unix__)
@@ -543,16 +544,34 @@ ScanResult scanMedia(IOStream& stream, uint64_t start, uint64_t end,
   }
   AacAhead ahead;
   Scanner walk(stream, start, end, models, aacFrameLength, &ahead);
-  // The thread reads the file through a descriptor of its own.
+  // The thread reads the file through a descriptor of its own. Without the
+  // thread (none to be had, or out of memory in it) the walk splits every
+  // chunk itself; stop() ends any wait for a chunk the thread claimed.
   if (!walk.direct()) return walk.run();
-  std::thread thread([&] {
-    Scanner walkAhead(stream, start, end, models, aacFrameLength, &ahead, true);
-    if (walkAhead.direct()) walkAhead.run();
-  });
-  ScanResult result = walk.run();
-  ahead.stop();
-  thread.join();
-  return result;
+  std::thread thread;
+  try {
+    thread = std::thread([&] {
+      try {
+        Scanner walkAhead(stream, start, end, models, aacFrameLength, &ahead, true);
+        if (walkAhead.direct()) walkAhead.run();
+      } catch (...) {
+        // Whatever failed here, the walk finds the frames itself.
+      }
+      ahead.stop();
+    });
+  } catch (const std::system_error&) {
+    return walk.run();
+  }
+  // Stopped and joined however the walk ends, an allocation failure included.
+  struct Joined {
+    AacAhead& ahead;
+    std::thread& thread;
+    ~Joined() {
+      ahead.stop();
+      thread.join();
+    }
+  } joined{ahead, thread};
+  return walk.run();
 }
 
 }  // namespace mp4stbl::recovery
